@@ -1,0 +1,67 @@
+// Builder and reader of value sets.
+//
+// PbValueSetBuffer binds to a caller-owned ProtobufValueSet_ and reads or
+// writes its fields through one of two layouts:
+//   - version 0: fields in astFields_ (at most 128); a field's region is its
+//     own szFieldBuff_ (262144 bytes);
+//   - version 1: fields in stCompactValueSet (at most 256); each entry of
+//     szValueBuf holds the tag path, a NUL and the field's bytes, and a field's
+//     region is the rest of szValueBuf.
+//
+// Binding changes nothing in the set, so a received set can be read; only
+// ResetFieldNum() empties it, in O(1). Construction is O(1) and allocates
+// nothing. The builder never touches more of the 44 MB set than the bytes in
+// use.
+//
+// Every operation returns 0 or one of the PBVSB_ERR_* codes of
+// common/i_pb_value_set_buffer.h; a failing call appends nothing. A null log
+// category is accepted and nothing is logged; otherwise failures are logged at
+// error priority.
+//
+// Not thread-safe: one builder, one thread. Several builders may read one set
+// at once as long as nobody writes it.
+#ifndef CORVIDA_COMMON_PB_VALUE_SET_BUFFER_H_
+#define CORVIDA_COMMON_PB_VALUE_SET_BUFFER_H_
+
+#include <vector>
+
+#include "common/i_pb_value_set_buffer.h"
+#include "common/pb_value_set_buffer_v0.h"
+#include "common/pb_value_set_buffer_v1.h"
+#include "plog/plog.h"
+#include "protocol/corvida_protocol_comm.h"
+
+namespace CorvidaCommon {
+
+class PbValueSetBuffer {
+public:
+    using Field = IPbValueSetBuffer::Field;
+
+    // Binds to value_set (which may be null: every operation then fails with
+    // PBVSB_ERR_NO_VALUE_SET) with layout `version` (0 or 1; any other
+    // version makes every operation fail with PBVSB_ERR_BAD_VERSION). The set
+    // is written through this pointer although it is declared const.
+    PbValueSetBuffer(const ProtobufValueSet_* value_set, int version, LPPLOGCATEGORYINST log);
+    ~PbValueSetBuffer();
+
+    PbValueSetBuffer(const PbValueSetBuffer&) = delete;
+    PbValueSetBuffer& operator=(const PbValueSetBuffer&) = delete;
+
+    int ResetFieldNum();
+    int InsertCutField(Field& field);
+    int FinishCutField(int idx, int len);
+    int GetFieldNum() const;
+    int GetField(int idx, Field& field) const;
+    int GetFields(std::vector<Field>& fields) const;
+
+private:
+    IPbValueSetBuffer* m_cur_buffer;
+    PbValueSetBufferV0 m_v0_buffer;
+    PbValueSetBufferV1 m_v1_buffer;
+    ProtobufValueSet_* m_value_set;
+    LPPLOGCATEGORYINST m_log;
+};
+
+}  // namespace CorvidaCommon
+
+#endif  // CORVIDA_COMMON_PB_VALUE_SET_BUFFER_H_

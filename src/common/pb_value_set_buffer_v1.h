@@ -1,0 +1,34 @@
+// Version-1 layout of a value set: the compact index stCompactValueSet (at
+// most 256 fields) into one shared byte buffer. Entry i of astFieldIndexs
+// covers szValueBuf[iOffset, iOffset + iSize): the tag path, a NUL, then the
+// field's bytes; iFlag holds the wire type. A field's writable region is the
+// rest of szValueBuf after its tag path.
+#ifndef CORVIDA_COMMON_PB_VALUE_SET_BUFFER_V1_H_
+#define CORVIDA_COMMON_PB_VALUE_SET_BUFFER_V1_H_
+
+#include "common/i_pb_value_set_buffer.h"
+#include "plog/plog.h"
+#include "protocol/corvida_protocol_comm.h"
+
+namespace CorvidaCommon {
+
+class PbValueSetBufferV1 : public IPbValueSetBuffer {
+public:
+    PbValueSetBufferV1(ProtobufValueSet_* value_set, LPPLOGCATEGORYINST log);
+
+    int ResetFieldNum() override;
+    int InsertCutField(Field& field) override;
+    int FinishCutField(int idx, int len) override;
+    int GetFieldNum() const override;
+    int GetField(int idx, Field& field) const override;
+    int GetFields(std::vector<Field>& fields) const override;
+
+private:
+    ProtobufValueSet_* m_value_set;
+    LPPLOGCATEGORYINST m_log;
+    int m_open_idx;  // index of the field awaiting FinishCutField, or -1
+};
+
+}  // namespace CorvidaCommon
+
+#endif  // CORVIDA_COMMON_PB_VALUE_SET_BUFFER_V1_H_
