@@ -306,10 +306,15 @@ int GetMetaAndCompare(const std::string& tablename, const std::string& strIdl,
 // ---------------------------------------------------------------------------
 
 // Copies one query-result field into gValue. Returns 0; -1 when idl, field or
-// log is null (gValue untouched); -2 for a type it does not convert; or the
-// getter's non-zero status. gValue.m_type is TYPE_INVALID unless the value
-// was stored. Strings pass through idl->szValue and are stored as the whole
-// 10,000,000-byte buffer: the text, its NUL and what follows.
+// log is null (gValue untouched, nothing logged); -2 for a type it does not
+// convert; the getter's non-zero status, passed through unchanged; or -3 when
+// memory for a string value runs out. gValue.m_type is TYPE_INVALID unless the
+// value was stored; on failure the union and m_string_ keep what they held.
+// Strings pass through idl->szValue and are stored as the whole
+// 10,000,000-byte buffer: the text, its NUL and whatever follows, so
+// m_string_.size() is always 10,000,000 and readers take the value up to the
+// first NUL. Traces each stored value and, on every path after the null
+// checks, "ret: %d".
 int FieldValue2GenericValue(tagtbl_idl* idl, CorvidaService::Field* field,
                             NS_CORVIDA_PROTOBUF_API::GenericValue& gValue, LPPLOGCATEGORYINST log);
 
