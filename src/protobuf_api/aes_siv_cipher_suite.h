@@ -4,21 +4,33 @@
 // The same plaintext under the same key always gives the same ciphertext, so
 // an encrypted key field still addresses its record. The output is the 16-byte
 // synthetic IV followed by the ciphertext (as long as the plaintext); Decrypt
-// fails on any altered byte.
+// fails on any altered byte. No associated data is authenticated.
 //
 // Init() takes the key as hex text: 64 hex digits (32 bytes, AES-128-SIV) or
-// 128 hex digits (64 bytes, AES-256-SIV); anything else is refused. Until Init
-// succeeds, Encrypt and Decrypt fail. Key material never appears in an error
-// message or a log line.
+// 128 hex digits (64 bytes, AES-256-SIV), upper or lower case; anything else
+// is refused. Until Init succeeds, Encrypt and Decrypt fail; a failed Init
+// also drops the key of an earlier one, so nothing is encrypted with a key the
+// caller meant to replace. Key material never appears in an error message or
+// a log line, and the suite wipes its copies of the key when it is destroyed
+// or re-initialised.
 //
-// After Init, Encrypt, Decrypt and GetCipherKeyMD5 may be called from several
-// threads at once; GetErrMsg then reports the last failure of the calling
-// thread.
+// Encrypt and Decrypt take in, inlen and out, and outlen as the capacity of
+// out; on success outlen is the number of bytes written, on failure it is 0
+// and out holds no plaintext. in and out must not overlap.
+//
+// Init must not run concurrently with any other call. After Init, Encrypt,
+// Decrypt, GetCipherKeyMD5 and GetErrMsg may be called from several threads
+// at once: each call works on its own OpenSSL context, and failure texts are
+// kept per thread, so GetErrMsg reports the last failure of this suite in the
+// calling thread ("" when there was none). A thread remembers the failures of
+// the 8 suites that failed on it most recently; a successful call does not
+// clear the text.
 #ifndef CORVIDA_PROTOBUF_API_AES_SIV_CIPHER_SUITE_H_
 #define CORVIDA_PROTOBUF_API_AES_SIV_CIPHER_SUITE_H_
 
+#include <cstdint>
+#include <memory>
 #include <string>
-#include <vector>
 
 #include "protobuf_api/cipher_suite_base.h"
 
@@ -26,6 +38,15 @@ class AesSivCipherSuite : public CipherSuite {
 public:
     // Length of the synthetic IV that precedes every ciphertext.
     static constexpr int kSivLength = 16;
+
+    // Results of Init, Encrypt and Decrypt (0 is success).
+    static constexpr int kErrInvalidArgument = -1;  // null pointer or negative length
+    static constexpr int kErrNotInitialized = -2;   // Init has not succeeded
+    static constexpr int kErrBadKey = -3;           // Init: key text refused
+    static constexpr int kErrBufferTooSmall = -4;   // output capacity too small
+    static constexpr int kErrInputTooShort = -5;    // Decrypt: fewer than kSivLength bytes
+    static constexpr int kErrAuthentication = -6;   // Decrypt: input altered or wrong key
+    static constexpr int kErrCrypto = -7;           // OpenSSL failed (out of memory, missing algorithm)
 
     explicit AesSivCipherSuite(std::string name);
     ~AesSivCipherSuite() override;
@@ -43,8 +64,13 @@ public:
 private:
     struct Impl;
 
+    // Records msg (a string literal, never key material) as the calling
+    // thread's last failure of this suite and returns result.
+    int Fail(int result, const char* msg);
+
     std::string m_name;
-    Impl* m_impl;
+    const uint64_t m_id;  // never reused: keys this suite's per-thread failure text
+    std::unique_ptr<Impl> m_impl;
 };
 
 #endif  // CORVIDA_PROTOBUF_API_AES_SIV_CIPHER_SUITE_H_
