@@ -13,10 +13,17 @@
 // nothing. The builder never touches more of the 44 MB set than the bytes in
 // use.
 //
-// Every operation returns 0 or one of the PBVSB_ERR_* codes of
-// common/i_pb_value_set_buffer.h; a failing call appends nothing. A null log
-// category is accepted and nothing is logged; otherwise failures are logged at
-// error priority.
+// Every operation returns 0 (GetFieldNum(): the count) or one of the
+// PBVSB_ERR_* codes of common/i_pb_value_set_buffer.h; a failing call appends
+// nothing and changes no count or length. Readers check what they read (a
+// received set may be malformed): counts within the arrays, entries within the
+// used bytes, tag paths NUL-terminated within 1024 bytes; anything else is
+// PBVSB_ERR_CORRUPT, and nothing outside the set is ever read.
+//
+// A null log category is accepted and nothing is logged; otherwise each
+// failure is logged once at error priority, under the file text
+// "corvida/src/common/pb_value_set_buffer", after the same category test as the
+// protobuf bridge (bounds first, then the category's threshold).
 //
 // Not thread-safe: one builder, one thread. Several builders may read one set
 // at once as long as nobody writes it.
@@ -58,8 +65,13 @@ private:
     IPbValueSetBuffer* m_cur_buffer;
     PbValueSetBufferV0 m_v0_buffer;
     PbValueSetBufferV1 m_v1_buffer;
+    // Result (logged) of every operation of a builder without a usable
+    // layout: PBVSB_ERR_NO_VALUE_SET or PBVSB_ERR_BAD_VERSION.
+    int Unusable(const char* op) const;
+
     ProtobufValueSet_* m_value_set;
     LPPLOGCATEGORYINST m_log;
+    int m_version;  // the version asked for, kept for the log line
 };
 
 }  // namespace CorvidaCommon

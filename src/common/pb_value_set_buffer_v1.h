@@ -14,6 +14,8 @@ namespace CorvidaCommon {
 
 class PbValueSetBufferV1 : public IPbValueSetBuffer {
 public:
+    // Binds to value_set, which must not be null (PbValueSetBuffer checks
+    // it), and changes nothing in it; no field is open.
     PbValueSetBufferV1(ProtobufValueSet_* value_set, LPPLOGCATEGORYINST log);
 
     int ResetFieldNum() override;
@@ -24,6 +26,10 @@ public:
     int GetFields(std::vector<Field>& fields) const override;
 
 private:
+    // The field count after checking it and iValueBufLen against their
+    // arrays, or PBVSB_ERR_CORRUPT (logged).
+    int CheckedFieldNum() const;
+
     ProtobufValueSet_* m_value_set;
     LPPLOGCATEGORYINST m_log;
     int m_open_idx;  // index of the field awaiting FinishCutField, or -1

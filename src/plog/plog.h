@@ -86,8 +86,38 @@ int plog_category_log_hex(LPPLOGCATEGORYINST cat, const PLOGEVENT* ev, const voi
 /* Lowercase name of a priority ("error", "debug", ...), or "unknown". */
 const char* plog_priority_name(int priority);
 
+/* The bounds convention: a line of priority P is skipped when cat is null,
+ * when the lower bound is set and below P, or when the upper bound is set and
+ * above P; otherwise plog_category_can_write(cat, P, 0, 0) decides. */
+static inline int plog_category_accepts(LPPLOGCATEGORYINST cat, int priority) {
+    if (cat == 0) return 0;
+    if (cat->piPriorityLow != 0 && *cat->piPriorityLow != -1 && *cat->piPriorityLow < priority) return 0;
+    if (cat->piPriorityHigh != 0 && *cat->piPriorityHigh != -1 && *cat->piPriorityHigh > priority) return 0;
+    return plog_category_can_write(cat, priority, 0, 0);
+}
+
 #ifdef __cplusplus
 }
 #endif
+
+/* PLOG_WRITE_IF(cat, priority, file, writer, args...): when the category
+ * accepts the priority (plog_category_accepts), builds the event (priority,
+ * file text, line, function name) and calls writer(cat, &event, args...).
+ * The arguments are evaluated only after the test passed, so a rejected line
+ * costs a few comparisons. writer is plog_category_logv or
+ * plog_category_log_hex. PLOG_WRITE_IF_IN names the function explicitly, for
+ * helpers that log on behalf of their caller. */
+#define PLOG_WRITE_IF_IN(func, cat, priority, file, writer, ...)                                 \
+    do {                                                                                         \
+        LPPLOGCATEGORYINST plog_write_cat_ = (cat);                                              \
+        const int plog_write_priority_ = (priority);                                             \
+        if (plog_category_accepts(plog_write_cat_, plog_write_priority_)) {                      \
+            const PLOGEVENT plog_write_event_ = {plog_write_priority_, (file), __LINE__, (func)}; \
+            writer(plog_write_cat_, &plog_write_event_, __VA_ARGS__);                            \
+        }                                                                                        \
+    } while (0)
+
+#define PLOG_WRITE_IF(cat, priority, file, writer, ...) \
+    PLOG_WRITE_IF_IN(__func__, cat, priority, file, writer, __VA_ARGS__)
 
 #endif /* CORVIDA_PLOG_PLOG_H_ */

@@ -95,13 +95,16 @@ struct ProtobufValueSet_ {
     void construct();
 
     // Number of bytes pack() writes for the set as it stands, or 0 when the
-    // set's counts exceed its arrays (pack() then fails with -3).
+    // set is inconsistent (pack() then fails with -3): a count or length
+    // exceeds its array, a tag path has no NUL inside its buffer, or an index
+    // entry points outside the first iValueBufLen bytes of szValueBuf.
     size_t packedSize() const;
 
     // Writes the entries in use into buf (format at the top of this file).
     // Returns 0 and sets *used to the bytes written; -1 when buf or used is
-    // null; -2 when size is too small (nothing useful is left in buf); -3 when
-    // the set's counts or lengths exceed its arrays.
+    // null; -2 when size is below packedSize() (nothing is written); -3 when
+    // the set is inconsistent (see packedSize()). Whatever pack() accepts,
+    // unpack() reads back.
     int pack(char* buf, size_t size, size_t* used) const;
 
     // Reads a packed set from buf. Returns 0 and sets *used to the bytes
@@ -112,9 +115,13 @@ struct ProtobufValueSet_ {
     // leaves it) and *used is untouched. Never reads past buf + size.
     int unpack(const char* buf, size_t size, size_t* used);
 
-    // Appends a human-readable dump of the set to out: counts, then one line
-    // per entry in use with tag path, wire type, length and the bytes in hex
-    // (long fields are abbreviated).
+    // Appends a human-readable dump of the set to out: a header line with
+    // version and encoding, the version-0 count and one line per field in use
+    // (tag path, wire type, length, bytes in hex), then the compact counts and
+    // one line per index entry (offset, size, flag, the entry's bytes in hex).
+    // Only the first 64 bytes of a field or entry are shown. Safe on an
+    // inconsistent set: counts are capped at the arrays and entries outside
+    // the value buffer are flagged, not read.
     void visualize(std::string& out) const;
 };
 
