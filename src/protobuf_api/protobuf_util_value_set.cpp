@@ -1,1 +1,370 @@
-// (being written)
+// Value sets: cutting requested fields of a message into a value set for a
+// write, and merging the fields of a returned value set back into a message.
+//
+// Both directions run on every request, so they work on the caller's buffers
+// directly (the field bytes are serialized straight into the builder's region
+// and parsed straight from the set) and reuse their scratch strings from one
+// field to the next.
+#include <sys/types.h>
+
+#include <climits>
+#include <cstdint>
+
+#include <google/protobuf/descriptor.pb.h>
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/io/zero_copy_stream_impl_lite.h>
+#include <google/protobuf/wire_format.h>
+
+#include "corvidaservice.optionv1.pb.h"
+#include "protobuf_api/protobuf_util.h"
+#include "protobuf_api/protobuf_util_log.h"
+
+namespace PROTOBUF_UTIL {
+namespace {
+
+using CorvErrCode::API_ERR_UNSUPPORT_FIELD_TYPE;
+using CorvErrCode::GEN_ERR_ERR;
+using CorvErrCode::GEN_ERR_INVALID_ARGUMENTS;
+using CorvidaCommon::PbValueSetBuffer;
+using google::protobuf::Descriptor;
+using google::protobuf::FieldDescriptor;
+using google::protobuf::Message;
+using google::protobuf::Reflection;
+using google::protobuf::internal::WireFormat;
+using google::protobuf::io::ArrayOutputStream;
+using google::protobuf::io::CodedInputStream;
+using google::protobuf::io::CodedOutputStream;
+
+// The value-set layout this module writes.
+constexpr int kValueSetVersion = 1;
+
+// Helpers log in the name of the operation they work for.
+constexpr char kFill[] = "FillValueSetWithMsg";
+constexpr char kMerge[] = "FillMsgFromField";
+
+// ---------------------------------------------------------------------------
+// Cutting fields into a value set.
+// ---------------------------------------------------------------------------
+
+// Checks dotted path p against the limits and against the other requested
+// paths, and splits it into namePath (which the caller passes in empty).
+int SplitDottedPath(const std::string& p, const std::set<std::string>& dottedpaths, const std::string& dot,
+                    std::vector<std::string>& namePath, LPPLOGCATEGORYINST log) {
+    if (p.size() >= CORVIDA_PROTOBUF_MAX_TAG_PATH) {
+        PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "size of dottedpath:%s exceed max:%u.", p.c_str(),
+                   static_cast<unsigned>(CORVIDA_PROTOBUF_MAX_TAG_PATH));
+        return GEN_ERR_INVALID_ARGUMENTS;
+    }
+    // Against every requested path, not only those already cut: a sub-message
+    // and a field inside it cannot both be written.
+    if (VerifyTagPath(p, dottedpaths, log) != 0) {
+        PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "dottedpath:%s duplicated.", p.c_str());
+        return GEN_ERR_INVALID_ARGUMENTS;
+    }
+    TokenSplit(p, dot, namePath);
+    if (namePath.empty()) {
+        PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "dottedpath:%s pathsize[%zd] invalid.", p.c_str(),
+                   static_cast<ssize_t>(0));
+        return GEN_ERR_INVALID_ARGUMENTS;
+    }
+    if (namePath.size() > CORVIDA_PROTOBUF_MAX_TAG_DEPTH) {
+        PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "dottedpath:%s pathsize[%zd] exceed max(%u) invalid.", p.c_str(),
+                   static_cast<ssize_t>(namePath.size()), static_cast<unsigned>(CORVIDA_PROTOBUF_MAX_TAG_DEPTH));
+        return GEN_ERR_INVALID_ARGUMENTS;
+    }
+    return 0;
+}
+
+// Resolves namePath from msg down. On success *fieldDesc is the last field,
+// *lastmsg the message that holds it (sub-messages on the way are created in
+// msg) and numberPath holds the field numbers from the top down.
+int WalkNamePath(Message* msg, const std::vector<std::string>& namePath, const FieldDescriptor** fieldDesc,
+                 Message** lastmsg, std::vector<int>& numberPath, LPPLOGCATEGORYINST log) {
+    const Descriptor* lastDesc = msg->GetDescriptor();
+    *lastmsg = msg;
+    for (size_t i = 0; i < namePath.size(); ++i) {
+        const FieldDescriptor* field = lastDesc->FindFieldByName(namePath[i]);
+        if (field == nullptr) {
+            PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "field %s not exist.", namePath[i].c_str());
+            return GEN_ERR_INVALID_ARGUMENTS;
+        }
+        // A repeated field has no single element to cut, nor to walk into.
+        if (field->is_repeated()) {
+            PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "field %s is repeated type, unsupported.", namePath[i].c_str());
+            return API_ERR_UNSUPPORT_FIELD_TYPE;
+        }
+        numberPath.push_back(field->number());
+        *fieldDesc = field;
+        if (i + 1 == namePath.size()) break;
+
+        lastDesc = field->message_type();
+        if (lastDesc == nullptr) {
+            PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "field %s message not exist.", namePath[i].c_str());
+            return GEN_ERR_INVALID_ARGUMENTS;
+        }
+        if (*lastmsg == nullptr) {
+            PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "field %s lastmsg not exist.", namePath[i].c_str());
+            return GEN_ERR_INVALID_ARGUMENTS;
+        }
+        const Reflection* reflection = (*lastmsg)->GetReflection();
+        if (reflection == nullptr) {
+            PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "field %s lastmsg reflection not exist.", namePath[i].c_str());
+            return GEN_ERR_INVALID_ARGUMENTS;
+        }
+        *lastmsg = reflection->MutableMessage(*lastmsg, field);
+    }
+    return 0;
+}
+
+// Appends a record for fieldDesc of lastmsg under fieldPath and serializes
+// the field (its key, then its value) straight into the record's region.
+int CutField(PbValueSetBuffer& vsb, const FieldDescriptor* fieldDesc, const Message& lastmsg,
+             const std::string& fieldPath, LPPLOGCATEGORYINST log) {
+    PbValueSetBuffer::Field field = {-1, fieldPath.c_str(), nullptr, 0, -1};
+    int ret = vsb.InsertCutField(field);
+    if (ret != 0) {
+        PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "vsb.InsertCutField() failed, ret=%d, path=%s", ret,
+                   fieldPath.c_str());
+        return GEN_ERR_ERR;
+    }
+    int written = 0;
+    {
+        // The region is writable although Field::buf is const. The coded
+        // stream keeps the last bytes in its own buffer until it is flushed,
+        // so the record is closed only after this scope.
+        ArrayOutputStream region(const_cast<char*>(field.buf), field.buf_len);
+        CodedOutputStream output(&region);
+        WireFormat::SerializeFieldWithCachedSizes(fieldDesc, lastmsg, &output);
+        // What fits of a field larger than the region fills the region. The
+        // stream's byte count means nothing after such an overflow, so the
+        // record is closed with the full capacity, a length the builder
+        // refuses: a cut-off field is never taken for a whole one.
+        written = output.HadError() ? field.buf_len : output.ByteCount();
+    }
+    ret = vsb.FinishCutField(field.idx, written);
+    if (ret != 0) {
+        PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "vsb.FinishCutField() failed, ret=%d, path=%s", ret,
+                   fieldPath.c_str());
+        return GEN_ERR_ERR;
+    }
+    PBU_LOG_IN(kFill, log, PLOG_PRIORITY_DEBUG, "field #%u, tagpath:%s.", static_cast<unsigned>(vsb.GetFieldNum()),
+               fieldPath.c_str());
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Merging value-set fields into a message.
+// ---------------------------------------------------------------------------
+
+// A tag-path component as a decimal number: its leading digits (0 when there
+// are none), saturating at UINT32_MAX, which names no field.
+uint32_t ComponentNumber(const std::string& component) {
+    uint64_t value = 0;
+    for (char c : component) {
+        if (c < '0' || c > '9') break;
+        value = value * 10 + static_cast<uint64_t>(c - '0');
+        if (value > UINT32_MAX) return UINT32_MAX;
+    }
+    return static_cast<uint32_t>(value);
+}
+
+// The walk of one tag path: the field it names, the message that holds it
+// and the number of its last component.
+struct TagPathTarget {
+    const FieldDescriptor* fieldDesc = nullptr;
+    Message* lastmsg = nullptr;
+    uint32_t lastnumber = 0;
+};
+
+// Resolves the components of tagpath (of fields[i]) from msg down, creating
+// sub-messages on the way. A null msg, or one without a descriptor, leaves
+// target->fieldDesc null.
+int WalkTagPath(size_t i, const std::vector<std::string>& tagpath, Message* msg, TagPathTarget* target,
+                LPPLOGCATEGORYINST log) {
+    target->lastmsg = msg;
+    const Descriptor* lastDesc = msg != nullptr ? msg->GetDescriptor() : nullptr;
+    if (lastDesc == nullptr) return 0;
+    for (size_t j = 0; j < tagpath.size(); ++j) {
+        PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_DEBUG, "dotpath[%d]:%s", static_cast<int>(i), tagpath[j].c_str());
+        target->lastnumber = ComponentNumber(tagpath[j]);
+        const FieldDescriptor* field =
+            target->lastnumber <= INT_MAX ? lastDesc->FindFieldByNumber(static_cast<int>(target->lastnumber)) : nullptr;
+        if (field == nullptr) {
+            PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_ERROR, "field %s not exist, lastnumber:%u, lastDesc:%s.",
+                       tagpath[j].c_str(), target->lastnumber, lastDesc->DebugString().c_str());
+            return GEN_ERR_INVALID_ARGUMENTS;
+        }
+        target->fieldDesc = field;
+        if (j + 1 == tagpath.size()) break;
+
+        // Paths come from the network: one that leads through a scalar or a
+        // repeated field has no message below it to walk into.
+        if (field->cpp_type() != FieldDescriptor::CPPTYPE_MESSAGE || field->is_repeated()) {
+            PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_ERROR, "field %s lastmsg not exist.", field->name().c_str());
+            return GEN_ERR_INVALID_ARGUMENTS;
+        }
+        const Reflection* reflection = target->lastmsg->GetReflection();
+        if (reflection == nullptr) {
+            PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_ERROR, "field %s lastmsg reflection not exist.",
+                       field->name().c_str());
+            return GEN_ERR_INVALID_ARGUMENTS;
+        }
+        target->lastmsg = reflection->MutableMessage(target->lastmsg, field);
+        lastDesc = field->message_type();
+    }
+    return 0;
+}
+
+// Parses the bytes of fields[i] into the cleared target field. Returns false
+// when they do not merge: the path is then listed in failedpaths, the field
+// cleared again and the failure logged.
+bool ParseFieldBytes(size_t i, const PbValueSetBuffer::Field& field, const std::string& dotpath,
+                     const TagPathTarget& target, const Reflection* reflection, std::set<std::string>& failedpaths,
+                     LPPLOGCATEGORYINST log) {
+    const FieldDescriptor* fieldDesc = target.fieldDesc;
+    CodedInputStream input(reinterpret_cast<const uint8_t*>(field.buf), field.buf_len);
+    // The key of the field as the writer serialized it: wire type 2 when
+    // packed, else the wire type of the field's type.
+    const uint32_t fieldtag = WireFormat::MakeTag(fieldDesc);
+    const uint32_t tag = input.ReadTag();
+    if ((tag != fieldtag && tag != 0) || !WireFormat::ParseAndMergeField(fieldtag, fieldDesc, target.lastmsg, &input)) {
+        failedpaths.insert(dotpath);
+        reflection->ClearField(target.lastmsg, fieldDesc);
+        PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_ERROR,
+                   "ParseAndMergeField failed i:%zu buf:%p, len:%u, lasternumber:%u, msg:%s dotpath:%s", i,
+                   static_cast<const void*>(field.buf), static_cast<unsigned>(field.buf_len), target.lastnumber,
+                   fieldDesc->name().c_str(), dotpath.c_str());
+        return false;
+    }
+    // A repeated message field carries one keyed element after another; any
+    // other field is read once (of a non-packed repeated scalar only the first
+    // element is merged).
+    if (fieldDesc->type() != FieldDescriptor::TYPE_MESSAGE || !fieldDesc->is_repeated()) return true;
+    int index = 0;
+    uint32_t next = 0;
+    while ((next = input.ReadTag()) == fieldtag) {
+        if (!WireFormat::ParseAndMergeField(fieldtag, fieldDesc, target.lastmsg, &input)) break;
+        ++index;
+    }
+    if (next == 0) return true;  // the end of the bytes
+    // A failed element (next is still fieldtag) or a foreign key.
+    failedpaths.insert(dotpath);
+    reflection->ClearField(target.lastmsg, fieldDesc);
+    PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_ERROR,
+               "ParseAndMergeField failed i:%zu buf:%p, len:%u, lasternumber:%u, msg:%s dotpath:%s, index:%d", i,
+               static_cast<const void*>(field.buf), static_cast<unsigned>(field.buf_len), target.lastnumber,
+               fieldDesc->name().c_str(), dotpath.c_str(), index);
+    return false;
+}
+
+// Merges fields[i] into msg. dotpath and tagpath are scratch space kept by the
+// caller across fields.
+int FillOneField(size_t i, const PbValueSetBuffer::Field& field, std::string& dotpath,
+                 std::vector<std::string>& tagpath, const std::string& dot, std::set<std::string>& failedpaths,
+                 Message* msg, LPPLOGCATEGORYINST log) {
+    dotpath.assign(field.path != nullptr ? field.path : "");
+    tagpath.clear();
+    TokenSplit(dotpath, dot, tagpath);
+    PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_DEBUG, "dotpath:%s", dotpath.c_str());
+
+    TagPathTarget target;
+    int ret = WalkTagPath(i, tagpath, msg, &target, log);
+    if (ret != 0) return ret;
+    if (target.fieldDesc == nullptr || target.lastmsg == nullptr) {
+        PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_ERROR, "field %s not found.", dotpath.c_str());
+        return GEN_ERR_INVALID_ARGUMENTS;
+    }
+    const FieldDescriptor* fieldDesc = target.fieldDesc;
+    const Reflection* reflection = target.lastmsg->GetReflection();
+    if (reflection == nullptr) {
+        PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_ERROR, "field %s lastmsg reflection not exist.",
+                   fieldDesc->name().c_str());
+        return GEN_ERR_INVALID_ARGUMENTS;
+    }
+
+    // The incoming bytes replace the value; no bytes leave the field cleared.
+    reflection->ClearField(target.lastmsg, fieldDesc);
+    if (field.buf != nullptr && field.buf_len > 0 &&
+        !ParseFieldBytes(i, field, dotpath, target, reflection, failedpaths, log)) {
+        return 0;
+    }
+
+    // No cipher suite is at hand here: an encrypted string or bytes field
+    // keeps the ciphertext merged, and its path is reported so that the
+    // caller knows the value is not plain text.
+    const bool bCrypto = fieldDesc->options().GetExtension(corvidaservice::corvida_crypto);
+    PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_DEBUG, "tag:%d field name:%s corvida_crypto:%d",
+               static_cast<int>(target.lastnumber), fieldDesc->name().c_str(), static_cast<int>(bCrypto));
+    if (bCrypto && fieldDesc->cpp_type() == FieldDescriptor::CPPTYPE_STRING) {
+        failedpaths.insert(dotpath);
+        PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_ERROR, "suite name not valid");
+    }
+    return 0;
+}
+
+}  // namespace
+
+int FillValueSetWithMsg(Message* msg, const std::set<std::string>& setKeyNames,
+                        const std::set<std::string>& dottedpaths, ProtobufValueSet_& values, LPPLOGCATEGORYINST log) {
+    PbValueSetBuffer vsb(&values, kValueSetVersion, log);
+    vsb.ResetFieldNum();
+    if (msg == nullptr || dottedpaths.empty()) return 0;
+    if (msg->GetDescriptor() == nullptr) {
+        PBU_LOG_ERROR(log, "NULL == descriptor, probably msg invalid");
+        return GEN_ERR_INVALID_ARGUMENTS;
+    }
+    if (dottedpaths.size() > MAX_DBFIELD_NUM) {
+        PBU_LOG_ERROR(log, "invalid dottedpaths, size[%zd] exceed max(%u)", static_cast<ssize_t>(dottedpaths.size()),
+                      static_cast<unsigned>(MAX_DBFIELD_NUM));
+        return GEN_ERR_INVALID_ARGUMENTS;
+    }
+
+    const std::string dot(".");
+    std::vector<std::string> namePath;
+    std::vector<int> numberPath;
+    std::string fieldPath;
+    for (const std::string& p : dottedpaths) {
+        namePath.clear();
+        int ret = SplitDottedPath(p, dottedpaths, dot, namePath, log);
+        if (ret != 0) return ret;
+        // Key fields travel in the record key, never in the value set; so
+        // does anything under them.
+        if (setKeyNames.count(namePath[0]) != 0) {
+            PBU_LOG_DEBUG(log, "dottedpath:%s , %s is a key field, that's not allowed.", p.c_str(),
+                          namePath[0].c_str());
+            continue;
+        }
+        const FieldDescriptor* fieldDesc = nullptr;
+        Message* lastmsg = nullptr;
+        numberPath.clear();
+        ret = WalkNamePath(msg, namePath, &fieldDesc, &lastmsg, numberPath, log);
+        if (ret != 0) return ret;
+        fieldPath.clear();
+        ConcatFieldPath(numberPath, dot, fieldPath);
+        ret = CutField(vsb, fieldDesc, *lastmsg, fieldPath, log);
+        if (ret != 0) return ret;
+    }
+    return 0;
+}
+
+int FillMsgFromField(std::vector<PbValueSetBuffer::Field>& fields, std::set<std::string>& failedpaths, Message* msg,
+                     unsigned char* /*data*/, int /*datasize*/, LPPLOGCATEGORYINST log) {
+    const Descriptor* desc = msg != nullptr ? msg->GetDescriptor() : nullptr;
+    if (desc != nullptr) {
+        PBU_LOG_DEBUG(log, "suite name:%s, lastDesc:%s",
+                      desc->options().GetExtension(corvidaservice::corvida_field_cipher_suite).c_str(),
+                      desc->DebugString().c_str());
+    }
+    if (fields.empty()) return 0;
+
+    const std::string dot(".");
+    std::string dotpath;
+    std::vector<std::string> tagpath;
+    for (size_t i = 0; i < fields.size(); ++i) {
+        const int ret = FillOneField(i, fields[i], dotpath, tagpath, dot, failedpaths, msg, log);
+        if (ret != 0) return ret;
+    }
+    return 0;
+}
+
+}  // namespace PROTOBUF_UTIL
