@@ -1,0 +1,98 @@
+#include "corvida-pb/report.h"
+
+#include <google/protobuf/text_format.h>
+
+#include "corvida-pb/operations.h"
+#include "corvida-pb/wire_view.h"
+
+namespace corvida_pb {
+
+using google::protobuf::Descriptor;
+using google::protobuf::FieldDescriptor;
+
+namespace {
+
+// "1 zone, 2 uid" for the numbers of fields of table.
+std::string NumberedNames(const Descriptor* table, const std::vector<int>& numbers) {
+    if (numbers.empty()) return "none";
+    std::vector<std::string> items;
+    for (int number : numbers) {
+        const FieldDescriptor* field = table->FindFieldByNumber(number);
+        items.push_back(std::to_string(number) + " " + (field != nullptr ? field->name() : "?"));
+    }
+    return JoinComma(items);
+}
+
+}  // namespace
+
+std::string JoinComma(const std::vector<std::string>& items) {
+    std::string out;
+    for (const std::string& item : items) out += (out.empty() ? "" : ", ") + item;
+    return out;
+}
+
+std::string NamePath(const Descriptor* table, const std::string& tagpath) {
+    std::vector<std::string> numbers;
+    PROTOBUF_UTIL::TokenSplit(tagpath, ".", numbers);
+    std::string names;
+    const Descriptor* type = table;
+    for (const std::string& number : numbers) {
+        int value = 0;
+        const FieldDescriptor* field =
+            type != nullptr && ParseFieldNumber(number, &value) ? type->FindFieldByNumber(value) : nullptr;
+        names += (names.empty() ? "" : ".") + (field != nullptr ? field->name() : std::string("?"));
+        type = field != nullptr ? field->message_type() : nullptr;
+    }
+    return names;
+}
+
+void PrintKey(std::ostream& out, const Descriptor* table, const std::string& what, const std::string& key) {
+    out << what << " of " << table->full_name() << ": " << key.size() << " bytes\n";
+    out << "hex:" << (key.empty() ? "" : " " + HexEncode(key)) << "\n";
+    std::string decoded;
+    if (DecodeRaw(key, "", &decoded)) {
+        out << "decoded:\n" << decoded;
+    } else {
+        out << "decoded: the bytes are not protobuf fields\n";
+    }
+}
+
+void PrintValueSet(std::ostream& out, const Descriptor* table, const ProtobufValueSet_& set, LPPLOGCATEGORYINST log) {
+    const std::vector<CorvidaCommon::PbValueSetBuffer::Field> fields = ValueSetFields(set, log);
+    out << "value set of " << table->full_name() << ": " << fields.size() << " records\n";
+    for (size_t i = 0; i < fields.size(); ++i) {
+        const std::string bytes = fields[i].buf_len > 0 ? std::string(fields[i].buf, fields[i].buf_len) : "";
+        out << "record " << i << ": tag path " << fields[i].path << " (" << NamePath(table, fields[i].path) << "), "
+            << bytes.size() << " bytes";
+        if (bytes.empty()) {
+            out << ", the field is not set\n";
+            continue;
+        }
+        out << ": " << HexEncode(bytes) << "\n";
+        std::string decoded;
+        out << (DecodeRaw(bytes, "  ", &decoded) ? decoded : "  the bytes are not protobuf fields\n");
+    }
+}
+
+void PrintMerge(std::ostream& out, const google::protobuf::Message& msg, size_t records,
+                const std::set<std::string>& failed) {
+    std::string text;
+    google::protobuf::TextFormat::PrintToString(msg, &text);
+    out << msg.GetDescriptor()->full_name() << " after merging " << records << " records:\n" << text;
+    std::vector<std::string> items;
+    for (const std::string& path : failed) items.push_back(path + " (" + NamePath(msg.GetDescriptor(), path) + ")");
+    out << "failed paths: " << (items.empty() ? "none" : JoinComma(items)) << "\n";
+}
+
+void PrintGroup(std::ostream& out, const PROTOBUF_UTIL::MsgDescGroup& group) {
+    const Descriptor* table = group.m_desc;
+    out << "table " << table->full_name() << " (file " << table->file()->name() << ")\n";
+    out << "primary key: " << NumberedNames(table, group.vecKeyTag) << "\n";
+    out << "sharding key: " << NumberedNames(table, group.vecSplitKeyTag) << "\n";
+    if (group.m_mapIndex.empty()) out << "indexes: none\n";
+    for (const auto& index : group.m_mapIndex) {
+        out << "index " << index.first << ": " << NumberedNames(table, index.second) << "\n";
+    }
+}
+
+}  // namespace corvida_pb

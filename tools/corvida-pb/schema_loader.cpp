@@ -1,0 +1,291 @@
+#include "corvida-pb/schema_loader.h"
+
+#include <list>
+#include <set>
+#include <utility>
+
+#include <google/protobuf/io/tokenizer.h>
+#include <google/protobuf/io/zero_copy_stream_impl_lite.h>
+#include <google/protobuf/text_format.h>
+
+#include "corvida-pb/builtin_files.h"
+#include "corvida-pb/files.h"
+#include "corvida-pb/status.h"
+
+namespace corvida_pb {
+
+using google::protobuf::Descriptor;
+using google::protobuf::DescriptorPool;
+using google::protobuf::FileDescriptor;
+using google::protobuf::FileDescriptorProto;
+using google::protobuf::FileDescriptorSet;
+using google::protobuf::Message;
+using google::protobuf::compiler::DiskSourceTree;
+
+namespace {
+
+std::string JoinLines(const std::vector<std::string>& lines) {
+    std::string out;
+    for (const std::string& line : lines) {
+        if (!out.empty()) out += "\n";
+        out += line;
+    }
+    return out;
+}
+
+// "file:line:column: message" with 1-based numbers, as protoc prints it;
+// without position when the error concerns the file as a whole.
+std::string PositionedError(const std::string& source, int line, int column, const std::string& message) {
+    if (line < 0) return source + ": " + message;
+    return source + ":" + std::to_string(line + 1) + ":" + std::to_string(column + 1) + ": " + message;
+}
+
+std::string DirectoryOf(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return ".";
+    if (slash == 0) return "/";
+    return path.substr(0, slash);
+}
+
+bool IsUserFile(const FileDescriptor* file) { return !IsBuiltinProtoName(file->name()); }
+
+void CollectByName(const Descriptor* type, const std::string& suffix, std::vector<const Descriptor*>* out) {
+    const std::string& full = type->full_name();
+    if (full.size() > suffix.size() && full.compare(full.size() - suffix.size(), suffix.size(), suffix) == 0) {
+        out->push_back(type);
+    }
+    for (int i = 0; i < type->nested_type_count(); ++i) CollectByName(type->nested_type(i), suffix, out);
+}
+
+std::string TypeList(const std::vector<const Descriptor*>& types) {
+    std::string out;
+    for (const Descriptor* type : types) out += (out.empty() ? "" : ", ") + type->full_name();
+    return out;
+}
+
+void AddWithImports(const FileDescriptor* file, std::set<std::string>* seen, FileDescriptorSet* set) {
+    if (!seen->insert(file->name()).second) return;
+    for (int i = 0; i < file->dependency_count(); ++i) AddWithImports(file->dependency(i), seen, set);
+    file->CopyTo(set->add_file());
+}
+
+// The name under which the search path of disk finds the file proto. Throws
+// Failure when proto cannot be read or the search path finds another file
+// under that name first.
+std::string VirtualName(DiskSourceTree* disk, const std::string& proto) {
+    if (proto == "-") throw UsageError(".proto files cannot be read from standard input");
+    ReadFile(proto);  // reports a missing or unreadable file with the system's reason
+    std::string virtual_name, shadowing;
+    switch (disk->DiskFileToVirtualFile(proto, &virtual_name, &shadowing)) {
+        case DiskSourceTree::SUCCESS: return virtual_name;
+        case DiskSourceTree::SHADOWED:
+            throw Failure(proto + " is shadowed by " + shadowing +
+                          ", which the search path finds first under the same name; give that file or reorder -I");
+        case DiskSourceTree::CANNOT_OPEN: throw Failure("cannot read " + proto);
+        case DiskSourceTree::NO_MAPPING: break;
+    }
+    throw Failure(proto + " lies in no directory of the search path");
+}
+
+// Adds to database the runtime's copy of name (and of its imports) when the
+// database lacks it and it is a built-in file.
+void AddBuiltinIfMissing(const std::string& name, google::protobuf::SimpleDescriptorDatabase* database) {
+    FileDescriptorProto present;
+    if (database->FindFileByName(name, &present) || !IsBuiltinProtoName(name)) return;
+    const FileDescriptor* file = DescriptorPool::generated_pool()->FindFileByName(name);
+    if (file == nullptr) return;
+    for (int i = 0; i < file->dependency_count(); ++i) AddBuiltinIfMissing(file->dependency(i)->name(), database);
+    FileDescriptorProto proto;
+    file->CopyTo(&proto);
+    database->Add(proto);
+}
+
+}  // namespace
+
+// Searches the disk first, then the built-in files.
+class Schema::SourceTree : public google::protobuf::compiler::SourceTree {
+public:
+    DiskSourceTree& disk() { return m_disk; }
+
+    google::protobuf::io::ZeroCopyInputStream* Open(const std::string& filename) override {
+        google::protobuf::io::ZeroCopyInputStream* stream = m_disk.Open(filename);
+        if (stream != nullptr) return stream;
+        std::string text;
+        if (!BuiltinProtoText(filename, &text)) return nullptr;
+        m_texts.push_back(std::move(text));
+        return new google::protobuf::io::ArrayInputStream(m_texts.back().data(),
+                                                          static_cast<int>(m_texts.back().size()));
+    }
+
+    std::string GetLastErrorMessage() override { return m_disk.GetLastErrorMessage(); }
+
+private:
+    DiskSourceTree m_disk;
+    std::list<std::string> m_texts;  // the streams handed out read from these
+};
+
+// Names a file by its path on disk where it has one, as protoc does.
+class Schema::ImportErrors : public google::protobuf::compiler::MultiFileErrorCollector {
+public:
+    explicit ImportErrors(DiskSourceTree* disk) : m_disk(disk) {}
+
+    void AddError(const std::string& filename, int line, int column, const std::string& message) override {
+        std::string disk_file;
+        const bool on_disk = m_disk->VirtualFileToDiskFile(filename, &disk_file);
+        m_lines.push_back(PositionedError(on_disk ? disk_file : filename, line, column, message));
+    }
+
+    std::string TakeText() {
+        std::string text = JoinLines(m_lines);
+        m_lines.clear();
+        return text;
+    }
+
+private:
+    DiskSourceTree* m_disk;
+    std::vector<std::string> m_lines;
+};
+
+class Schema::PoolErrors : public DescriptorPool::ErrorCollector {
+public:
+    void AddError(const std::string& filename, const std::string& element_name, const Message*, ErrorLocation,
+                  const std::string& message) override {
+        m_lines.push_back(filename + ": " + element_name + ": " + message);
+    }
+
+    std::string TakeText() {
+        std::string text = JoinLines(m_lines);
+        m_lines.clear();
+        return text;
+    }
+
+private:
+    std::vector<std::string> m_lines;
+};
+
+Schema::Schema() = default;
+Schema::~Schema() = default;
+
+std::unique_ptr<Schema> Schema::FromProtoFiles(const std::vector<std::string>& protos,
+                                               const std::vector<std::string>& include_dirs) {
+    std::unique_ptr<Schema> schema(new Schema);
+    schema->m_tree.reset(new SourceTree);
+    DiskSourceTree& disk = schema->m_tree->disk();
+    for (const std::string& dir : include_dirs) disk.MapPath("", dir);
+    for (const std::string& proto : protos) disk.MapPath("", DirectoryOf(proto));
+
+    schema->m_import_errors.reset(new ImportErrors(&disk));
+    schema->m_importer.reset(
+        new google::protobuf::compiler::Importer(schema->m_tree.get(), schema->m_import_errors.get()));
+    schema->m_pool = schema->m_importer->pool();
+
+    for (const std::string& proto : protos) {
+        const std::string virtual_name = VirtualName(&disk, proto);
+        const FileDescriptor* file = schema->m_importer->Import(virtual_name);
+        if (file == nullptr) {
+            const std::string errors = schema->m_import_errors->TakeText();
+            throw Failure(errors.empty() ? "cannot load " + proto : errors);
+        }
+        schema->m_files.push_back(file);
+    }
+    schema->m_factory.reset(new google::protobuf::DynamicMessageFactory(schema->m_pool));
+    return schema;
+}
+
+std::unique_ptr<Schema> Schema::FromDescriptorSet(const std::string& path) {
+    FileDescriptorSet set;
+    if (!set.ParseFromString(ReadFile(path))) {
+        throw Failure(DisplayName(path) + " is not a serialized FileDescriptorSet");
+    }
+
+    std::unique_ptr<Schema> schema(new Schema);
+    schema->m_database.reset(new google::protobuf::SimpleDescriptorDatabase);
+    std::set<std::string> names;
+    for (const FileDescriptorProto& file : set.file()) {
+        if (!names.insert(file.name()).second) {
+            throw Failure(DisplayName(path) + " holds the file " + file.name() + " twice");
+        }
+        if (!schema->m_database->Add(file)) {
+            throw Failure(DisplayName(path) + ": the file " + file.name() +
+                          " cannot be added: it redefines a name of an earlier file of the set, or is invalid");
+        }
+    }
+    for (const FileDescriptorProto& file : set.file()) {
+        for (const std::string& dependency : file.dependency()) {
+            AddBuiltinIfMissing(dependency, schema->m_database.get());
+        }
+    }
+
+    schema->m_pool_errors.reset(new PoolErrors);
+    schema->m_own_pool.reset(new DescriptorPool(schema->m_database.get(), schema->m_pool_errors.get()));
+    schema->m_pool = schema->m_own_pool.get();
+    for (const FileDescriptorProto& proto : set.file()) {
+        const FileDescriptor* file = schema->m_pool->FindFileByName(proto.name());
+        if (file == nullptr) {
+            const std::string errors = schema->m_pool_errors->TakeText();
+            throw Failure(DisplayName(path) + ": the file " + proto.name() + " cannot be built" +
+                          (errors.empty() ? "" : ":\n" + errors));
+        }
+        if (IsUserFile(file)) schema->m_files.push_back(file);
+    }
+    schema->m_factory.reset(new google::protobuf::DynamicMessageFactory(schema->m_pool));
+    return schema;
+}
+
+const Descriptor* Schema::FindTable(const std::string& name) const {
+    const Descriptor* exact = m_pool->FindMessageTypeByName(name);
+    if (exact != nullptr) return exact;
+
+    std::vector<const Descriptor*> matches;
+    std::vector<const Descriptor*> tables;
+    for (const FileDescriptor* file : m_files) {
+        for (int i = 0; i < file->message_type_count(); ++i) {
+            CollectByName(file->message_type(i), "." + name, &matches);
+            tables.push_back(file->message_type(i));
+        }
+    }
+    if (matches.size() == 1) return matches[0];
+    if (matches.empty()) {
+        throw Failure(
+            "no message type \"" + name + "\" in the loaded files" +
+            (tables.empty() ? std::string(", which declare no message type") : "; they declare: " + TypeList(tables)));
+    }
+    throw Failure("the table name \"" + name + "\" is ambiguous: " + TypeList(matches) + "; give the full name");
+}
+
+std::unique_ptr<Message> Schema::NewMessage(const Descriptor* type) {
+    return std::unique_ptr<Message>(m_factory->GetPrototype(type)->New());
+}
+
+FileDescriptorSet SchemaBlobOf(const std::vector<const FileDescriptor*>& roots) {
+    FileDescriptorSet set;
+    std::set<std::string> seen;
+    for (const FileDescriptor* root : roots) AddWithImports(root, &seen, &set);
+    return set;
+}
+
+void ParseMessageText(const std::string& text, const std::string& source, Message* msg) {
+    class TextErrors : public google::protobuf::io::ErrorCollector {
+    public:
+        explicit TextErrors(const std::string& source) : m_source(source) {}
+        void AddError(int line, google::protobuf::io::ColumnNumber column, const std::string& message) override {
+            m_lines.push_back(PositionedError(m_source, line, column, message));
+        }
+        std::string Text() const { return JoinLines(m_lines); }
+
+    private:
+        const std::string& m_source;
+        std::vector<std::string> m_lines;
+    };
+
+    TextErrors errors(source);
+    google::protobuf::TextFormat::Parser parser;
+    parser.RecordErrorsTo(&errors);
+    parser.AllowPartialMessage(true);
+    if (!parser.ParseFromString(text, msg)) {
+        const std::string detail = errors.Text();
+        throw Failure(detail.empty() ? source + ": not a " + msg->GetTypeName() + " in text format" : detail);
+    }
+}
+
+}  // namespace corvida_pb

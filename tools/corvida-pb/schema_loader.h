@@ -1,0 +1,87 @@
+// Table definitions loaded at run time.
+//
+// A Schema holds the descriptor pool of the user's table files, loaded either
+// from .proto files (through protobuf's compiler Importer) or from a
+// serialized FileDescriptorSet, and the factory of their messages. Files that
+// the user's files import but that are not on disk are served built in: the
+// option file and protobuf's own google/protobuf/*.proto files.
+#ifndef CORVIDA_PB_SCHEMA_LOADER_H_
+#define CORVIDA_PB_SCHEMA_LOADER_H_
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <google/protobuf/compiler/importer.h>
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/descriptor.pb.h>
+#include <google/protobuf/descriptor_database.h>
+#include <google/protobuf/dynamic_message.h>
+#include <google/protobuf/message.h>
+
+namespace corvida_pb {
+
+class Schema {
+public:
+    ~Schema();
+
+    Schema(const Schema&) = delete;
+    Schema& operator=(const Schema&) = delete;
+
+    // Parses the .proto files protos. Imports are searched in include_dirs,
+    // in order, then in the directory of each file of protos; the option file
+    // and google/protobuf/ files missing there are served built in. Throws
+    // Failure with every error ("file:line:column: message").
+    static std::unique_ptr<Schema> FromProtoFiles(const std::vector<std::string>& protos,
+                                                  const std::vector<std::string>& include_dirs);
+
+    // Builds every file of the serialized FileDescriptorSet at path. The
+    // option file and google/protobuf/ files that the set lacks are taken
+    // from the runtime. Throws Failure.
+    static std::unique_ptr<Schema> FromDescriptorSet(const std::string& path);
+
+    // The message type name: a full name, or a name that ends one full name
+    // of the user's files after a "." (so "Player" or "example.Player").
+    // Throws Failure listing the tables when there is none or more than one.
+    const google::protobuf::Descriptor* FindTable(const std::string& name) const;
+
+    // A new empty message of type, which must belong to this schema. The
+    // message must be destroyed before the schema.
+    std::unique_ptr<google::protobuf::Message> NewMessage(const google::protobuf::Descriptor* type);
+
+    // The user's files: those named on the command line, or every file of the
+    // descriptor set except the built-in ones.
+    const std::vector<const google::protobuf::FileDescriptor*>& files() const { return m_files; }
+
+private:
+    class SourceTree;
+    class ImportErrors;
+    class PoolErrors;
+
+    Schema();
+
+    // Members are destroyed in reverse order: the factory before the pool,
+    // the pool before its database and error collector.
+    std::unique_ptr<SourceTree> m_tree;
+    std::unique_ptr<ImportErrors> m_import_errors;
+    std::unique_ptr<google::protobuf::compiler::Importer> m_importer;
+    std::unique_ptr<google::protobuf::SimpleDescriptorDatabase> m_database;
+    std::unique_ptr<PoolErrors> m_pool_errors;
+    std::unique_ptr<google::protobuf::DescriptorPool> m_own_pool;
+    const google::protobuf::DescriptorPool* m_pool = nullptr;  // the importer's or m_own_pool
+    std::unique_ptr<google::protobuf::DynamicMessageFactory> m_factory;
+    std::vector<const google::protobuf::FileDescriptor*> m_files;
+};
+
+// The schema blob of roots: a FileDescriptorSet of every file of roots and of
+// every file they import, each once, imported files before their importers.
+google::protobuf::FileDescriptorSet SchemaBlobOf(const std::vector<const google::protobuf::FileDescriptor*>& roots);
+
+// Parses protobuf text format into msg (which is cleared first). Fields may
+// be missing, required ones too. Throws Failure with every error as
+// "source:line:column: message".
+void ParseMessageText(const std::string& text, const std::string& source, google::protobuf::Message* msg);
+
+}  // namespace corvida_pb
+
+#endif  // CORVIDA_PB_SCHEMA_LOADER_H_
