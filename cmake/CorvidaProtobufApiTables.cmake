@@ -12,6 +12,33 @@
 #   // #include "player.pb.h"
 include_guard(GLOBAL)
 
+# The directories that hold google/protobuf/descriptor.proto (which the option
+# file imports), however protobuf was found: FindProtobuf's variable, else the
+# include directories of the protobuf target (protobuf's own CMake package).
+function(_corvida_protobuf_runtime_proto_dirs out)
+    set(dirs ${Protobuf_INCLUDE_DIRS})
+    if(NOT dirs AND TARGET protobuf::libprotobuf)
+        get_target_property(dirs protobuf::libprotobuf INTERFACE_INCLUDE_DIRECTORIES)
+    endif()
+    if(NOT dirs)
+        message(FATAL_ERROR "corvida_protobuf_tables: protobuf's include directory is unknown; "
+                            "call find_package(Protobuf) or find_package(CorvidaProtobufApi) first")
+    endif()
+    set(${out} "${dirs}" PARENT_SCOPE)
+endfunction()
+
+# The protobuf compiler: the imported target when there is one, else the
+# program FindProtobuf found.
+function(_corvida_protobuf_protoc out)
+    if(TARGET protobuf::protoc)
+        set(${out} protobuf::protoc PARENT_SCOPE)
+    elseif(Protobuf_PROTOC_EXECUTABLE)
+        set(${out} "${Protobuf_PROTOC_EXECUTABLE}" PARENT_SCOPE)
+    else()
+        message(FATAL_ERROR "corvida_protobuf_tables: protoc was not found; install the protobuf compiler")
+    endif()
+endfunction()
+
 function(corvida_protobuf_tables target)
     cmake_parse_arguments(PARSE_ARGV 1 ARG "" "" "IMPORT_DIRS")
     if(NOT ARG_UNPARSED_ARGUMENTS)
@@ -30,9 +57,11 @@ function(corvida_protobuf_tables target)
         list(APPEND import_args "-I${abs_dir}")
     endforeach()
     list(APPEND import_args "-I${CORVIDA_PROTOBUF_API_OPTION_PROTO_DIR}")
-    foreach(dir IN LISTS Protobuf_INCLUDE_DIRS)
+    _corvida_protobuf_runtime_proto_dirs(runtime_dirs)
+    foreach(dir IN LISTS runtime_dirs)
         list(APPEND import_args "-I${dir}")
     endforeach()
+    _corvida_protobuf_protoc(protoc)
 
     set(sources "")
     foreach(proto IN LISTS ARG_UNPARSED_ARGUMENTS)
@@ -43,8 +72,8 @@ function(corvida_protobuf_tables target)
         set(h "${out_dir}/${stem}.pb.h")
         add_custom_command(
             OUTPUT "${cc}" "${h}"
-            COMMAND protobuf::protoc "--cpp_out=${out_dir}" "-I${proto_dir}" ${import_args} "${abs_proto}"
-            DEPENDS "${abs_proto}" protobuf::protoc
+            COMMAND ${protoc} "--cpp_out=${out_dir}" "-I${proto_dir}" ${import_args} "${abs_proto}"
+            DEPENDS "${abs_proto}" ${protoc}
             COMMENT "Generating C++ for table file ${proto}"
             VERBATIM)
         list(APPEND sources "${cc}" "${h}")

@@ -176,4 +176,17 @@ TEST(ServiceFieldTest, VirtualGettersCanBeOverridden) {
     EXPECT_TRUE(b);
 }
 
+// A type number from a newer service is still a value of the enumeration, so
+// code that switches over it stays defined (checked by UBSan in the sanitizer
+// job).
+TEST(FieldTypeEnumTest, HoldsEveryThirtyTwoBitValue) {
+    static_assert(std::is_same<std::underlying_type<CorvidaService::FieldTypeEnum>::type, int32_t>::value,
+                  "FieldTypeEnum must hold any int32_t");
+    for (const int32_t number :
+         {std::numeric_limits<int32_t>::min(), -1, 14, 99, std::numeric_limits<int32_t>::max()}) {
+        volatile CorvidaService::FieldTypeEnum type = static_cast<CorvidaService::FieldTypeEnum>(number);
+        EXPECT_EQ(number, static_cast<int32_t>(type));
+    }
+}
+
 }  // namespace

@@ -17,7 +17,10 @@
 
 namespace CorvidaService {
 
-enum FieldTypeEnum {
+// The underlying type is fixed: a decoder may hand over a type number this
+// library does not know, and every 32-bit value must then be a valid value of
+// the enumeration (converted as unsupported) rather than undefined behaviour.
+enum FieldTypeEnum : int32_t {
     TYPE_INVALID = 0,
     TYPE_BOOL = 1,
     TYPE_INT8 = 2,
@@ -42,11 +45,15 @@ enum {
 
 class Field {
 public:
+    // A field of TYPE_INVALID that holds no value.
     Field();
     virtual ~Field();
 
+    // The type of the stored value; TYPE_INVALID until a setter was called.
     virtual FieldTypeEnum FieldType();
 
+    // Each getter returns 0 and the stored value when the field holds a value
+    // of its type, else FIELD_ERR_TYPE_MISMATCH with value untouched.
     virtual int32_t GetBool(bool& value);
     virtual int32_t GetInt8(int8_t& value);
     virtual int32_t GetUInt8(uint8_t& value);
@@ -58,8 +65,12 @@ public:
     virtual int32_t GetUInt64(uint64_t& value);
     virtual int32_t GetFloat(float& value);
     virtual int32_t GetDouble(double& value);
+    // Writes the text and a terminating NUL into buf. Returns 0;
+    // FIELD_ERR_TYPE_MISMATCH; or FIELD_ERR_BUFFER_TOO_SMALL when buf is null
+    // or the text and its NUL exceed buflen bytes (buf is then untouched).
     virtual int32_t GetString(char* buf, int32_t buflen);
 
+    // Each setter replaces the stored value and type.
     void SetBool(bool value);
     void SetInt8(int8_t value);
     void SetUInt8(uint8_t value);

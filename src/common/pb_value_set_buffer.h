@@ -54,11 +54,32 @@ public:
     PbValueSetBuffer(const PbValueSetBuffer&) = delete;
     PbValueSetBuffer& operator=(const PbValueSetBuffer&) = delete;
 
+    // Empties the set in O(1) and marks it with the builder's version.
+    // Returns 0 or a PBVSB_ERR_* code (the set is then unchanged).
     int ResetFieldNum();
+
+    // Appends a field with field.path and opens it. On 0, field.idx,
+    // field.buf and field.buf_len are the new field's position and writable
+    // region; on a PBVSB_ERR_* code nothing is appended and field is
+    // untouched. A field left open holds no bytes.
     int InsertCutField(Field& field);
+
+    // Closes the open field idx after len bytes were written into its region.
+    // len must be below the region's capacity. Returns 0 or a PBVSB_ERR_*
+    // code (the field then stays open and holds no bytes).
     int FinishCutField(int idx, int len);
+
+    // The number of fields in the set (an open one included), or a
+    // PBVSB_ERR_* code for a set that cannot be read.
     int GetFieldNum() const;
+
+    // Reads field idx into field, which borrows the set's storage. Returns 0
+    // or a PBVSB_ERR_* code; field is untouched on failure.
     int GetField(int idx, Field& field) const;
+
+    // Replaces fields with every field of the set, in order. Returns 0 or a
+    // PBVSB_ERR_* code; on failure fields holds the fields read before the
+    // bad one.
     int GetFields(std::vector<Field>& fields) const;
 
 private:

@@ -48,17 +48,41 @@ public:
     static constexpr int kErrAuthentication = -6;   // Decrypt: input altered or wrong key
     static constexpr int kErrCrypto = -7;           // OpenSSL failed (out of memory, missing algorithm)
 
+    // A suite without a key, named name (the name tables give in their
+    // corvida_field_cipher_suite option).
     explicit AesSivCipherSuite(std::string name);
+    // Wipes the key.
     ~AesSivCipherSuite() override;
 
     AesSivCipherSuite(const AesSivCipherSuite&) = delete;
     AesSivCipherSuite& operator=(const AesSivCipherSuite&) = delete;
 
+    // The name given to the constructor.
     const char* GetName() override;
+
+    // Takes the key as hex text (64 or 128 digits). Returns 0; kErrBadKey
+    // for any other text, or kErrCrypto when OpenSSL lacks an algorithm: the
+    // suite then has no key at all.
     int Init(const std::string& config) override;
+
+    // Writes the 16-byte synthetic IV and the ciphertext (inlen + 16 bytes)
+    // to out. Returns 0; kErrInvalidArgument, kErrNotInitialized,
+    // kErrBufferTooSmall (outlen below inlen + 16) or kErrCrypto, with outlen
+    // 0.
     int Encrypt(const unsigned char* in, int inlen, unsigned char* out, int& outlen) override;
+
+    // Checks and decrypts the output of Encrypt (inlen - 16 bytes of plain
+    // text). Returns 0; kErrInvalidArgument, kErrNotInitialized,
+    // kErrInputTooShort, kErrBufferTooSmall, kErrAuthentication (an altered
+    // byte or another key) or kErrCrypto, with outlen 0 and no plain text in
+    // out.
     int Decrypt(const unsigned char* in, int inlen, unsigned char* out, int& outlen) override;
+
+    // Lowercase hex MD5 of the raw key bytes; empty before a successful Init.
     const std::string GetCipherKeyMD5() override;
+
+    // Why the last failing call of this suite in the calling thread failed;
+    // empty when none did.
     const std::string GetErrMsg() override;
 
 private:

@@ -17,11 +17,14 @@ public:
     // The suite's name, as tables name it in their cipher-suite option.
     virtual const char* GetName() = 0;
 
-    // Sets the suite up from a configuration text. 0 on success.
+    // Sets the suite up from a configuration text (for AesSivCipherSuite,
+    // the key as hex text). 0 on success, else a failure of the suite's own.
     virtual int Init(const std::string& config) = 0;
 
     // Encrypts inlen bytes at in into out. outlen carries the capacity of out
-    // in and the length produced out. 0 on success.
+    // in and the length produced out. 0 on success; on failure the contents
+    // of out and outlen are the suite's to define (AesSivCipherSuite: outlen
+    // 0, no plaintext in out), and the caller must not use them.
     virtual int Encrypt(const unsigned char* in, int inlen, unsigned char* out, int& outlen) = 0;
 
     // Decrypts inlen bytes at in into out; same contract as Encrypt. Fails on
@@ -32,7 +35,7 @@ public:
     // client with another key refuses to build keys.
     virtual const std::string GetCipherKeyMD5() = 0;
 
-    // Text of the last failure.
+    // Text of the last failure; empty when there was none.
     virtual const std::string GetErrMsg() = 0;
 };
 

@@ -134,9 +134,13 @@ public:
     //   -4  the suite's key MD5 differs from corvida_cipher_md5
     //   -5  a name of corvida_primary_key is not a field (nothing logged)
     //   -6  an encrypted key field but no cipher suite named (nothing logged)
-    //   -7  the suite failed to encrypt (nothing logged)
+    //   -7  the suite failed to encrypt, or an encrypted key field is
+    //       repeated (nothing logged)
     //   -9  bCheck and a key field added no bytes
     //  -10  key longer than 1022 bytes; size = the full length
+    // On failure the bytes already written stay in buf and must be ignored.
+    // Give buf at least 1022 bytes: writing stops at the end of a smaller
+    // one, and a key cut short there is not always noticed.
     static int ExtractMsgKey(CorvidaKVApi* pKVApi, const google::protobuf::Message& msg, uint8_t* buf,
                              int32_t& size, tagtbl_idl* idl, LPPLOGCATEGORYINST log, bool bCheck);
 
@@ -148,7 +152,8 @@ public:
     // Writes the fields numbered in vecFields, in the caller's order, into buf
     // with the encryption, default-value and length rules of ExtractMsgKey.
     // An unknown number is logged and skipped; every written field must add
-    // at least one byte. Results as ExtractMsgKey, without -5.
+    // at least one byte. Results, size and buf on failure as ExtractMsgKey,
+    // without -5.
     static int ExtractFieldKey(CorvidaKVApi* pKVApi, const google::protobuf::Message& msg,
                                const std::vector<int>& vecFields, uint8_t* buf, int32_t& size,
                                tagtbl_idl* idl, LPPLOGCATEGORYINST log);
@@ -159,6 +164,8 @@ public:
     // with its default value (an absent sub-message as an empty one). Map
     // entries are sorted by key only when output asks for deterministic
     // serialization. Sub-messages are written with their cached sizes.
+    // A full output is not reported here: check output->HadError() or its
+    // byte count.
     static void SerializeFieldWithCachedSizesEx(const google::protobuf::FieldDescriptor* field,
                                                 const google::protobuf::Message& message,
                                                 google::protobuf::io::CodedOutputStream* output);
@@ -267,7 +274,8 @@ struct MsgDescGroup {
 // (group->m_desc), or null on every failure: null group, a blob that does not
 // parse, a file that fails to build, no such type, no primary key, or an
 // option naming a missing field (m_desc stays set in the last two cases).
-// Meant to be called once per group.
+// Meant to be called once per group. With a null log nothing is logged and
+// vecSplitKeyTag stays empty (FetchShardingKey refuses a null log).
 const google::protobuf::Descriptor* FillMessageGroup(const std::string& tablename, const std::string& strIdl,
                                                      MsgDescGroup* group, LPPLOGCATEGORYINST log);
 

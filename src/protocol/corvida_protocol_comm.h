@@ -69,6 +69,7 @@ struct FieldIndex {
     int32_t iSize;
     int32_t iFlag;
 
+    // Zeroes the entry.
     void construct();
 };
 
