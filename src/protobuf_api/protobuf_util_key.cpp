@@ -3,8 +3,11 @@
 //
 // These run on every request, so the path that encrypts nothing allocates
 // nothing: option texts are split in place, key field descriptors live in a
-// fixed array, and names are looked up through a reused per-thread string.
+// fixed array, and names are looked up without building strings. What
+// ExtractMsgKey derives from a table type's options is kept per thread for
+// the types of the generated pool, which live as long as the process.
 #include <algorithm>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,19 +20,22 @@
 #include "corvidaservice.optionv1.pb.h"
 #include "protobuf_api/protobuf_util.h"
 #include "protobuf_api/protobuf_util_log.h"
+#include "protobuf_api/protobuf_util_tokens.h"
 
 namespace PROTOBUF_UTIL {
 namespace {
 
 using google::protobuf::Descriptor;
+using google::protobuf::DescriptorPool;
 using google::protobuf::FieldDescriptor;
 using google::protobuf::FileDescriptor;
 using google::protobuf::Message;
 using google::protobuf::Reflection;
-using google::protobuf::io::ArrayOutputStream;
-using google::protobuf::io::CodedOutputStream;
 using google::protobuf::internal::WireFormat;
 using google::protobuf::internal::WireFormatLite;
+using google::protobuf::io::ArrayOutputStream;
+using google::protobuf::io::CodedOutputStream;
+using google::protobuf::io::EpsCopyOutputStream;
 
 // Longest key the service accepts: two bytes below the 1024-byte szKey of
 // tagtbl_idl.
@@ -42,75 +48,6 @@ constexpr int kCipherCapacity = static_cast<int>(sizeof(tagtbl_idl::szValue));
 // than this are rare enough to pay for a vector.
 constexpr size_t kInlineKeyFields = 16;
 
-std::string_view TrimView(std::string_view s) {
-    while (!s.empty() && isWhitespace(s.front())) s.remove_prefix(1);
-    while (!s.empty() && isWhitespace(s.back())) s.remove_suffix(1);
-    return s;
-}
-
-// Yields, as views into text, exactly the tokens that TokenSplit(text, ",",
-// vec) appends: trimmed, empty ones between delimiters kept, none for a
-// trailing delimiter, one empty token for a tail of white space alone.
-class KeyNameTokens {
-public:
-    explicit KeyNameTokens(const std::string& text) : m_text(text) {}
-
-    bool Next(std::string_view* token) {
-        if (m_done) return false;
-        const size_t index = m_text.find(',', m_last);
-        if (index != std::string_view::npos) {
-            *token = TrimView(m_text.substr(m_last, index - m_last));
-            m_last = index + 1;
-            return true;
-        }
-        m_done = true;
-        if (m_last >= m_text.size()) return false;
-        *token = TrimView(m_text.substr(m_last));
-        return true;
-    }
-
-private:
-    std::string_view m_text;
-    size_t m_last = 0;
-    bool m_done = false;
-};
-
-// FindFieldByName wants a std::string; a per-thread scratch string that keeps
-// its capacity turns the lookup of an ordinary name into a copy without
-// allocation.
-const FieldDescriptor* FindFieldByToken(const Descriptor* desc, std::string_view token) {
-    thread_local std::string scratch;
-    scratch.assign(token.data(), token.size());
-    return desc->FindFieldByName(scratch);
-}
-
-// The key field descriptors of one call: a fixed array, spilled into a
-// vector only for unusually many key fields.
-class KeyFieldList {
-public:
-    void Add(const FieldDescriptor* field) {
-        if (m_spill.empty() && m_count < kInlineKeyFields) {
-            m_inline[m_count++] = field;
-            return;
-        }
-        if (m_spill.empty()) m_spill.assign(m_inline, m_inline + m_count);
-        m_spill.push_back(field);
-    }
-
-    const FieldDescriptor** begin() { return m_spill.empty() ? m_inline : m_spill.data(); }
-    const FieldDescriptor** end() { return begin() + (m_spill.empty() ? m_count : m_spill.size()); }
-
-    // Ascending field number. The functor only keeps a reference to the
-    // vector it is built over and never reads it, so the (possibly empty)
-    // spill vector serves for the inline array too.
-    void SortByNumber() { std::sort(begin(), end(), _FieldDescPtrFunctor(m_spill)); }
-
-private:
-    const FieldDescriptor* m_inline[kInlineKeyFields];
-    size_t m_count = 0;
-    std::vector<const FieldDescriptor*> m_spill;
-};
-
 // What both key encoders need once the message has been checked.
 struct KeySource {
     const Message* msg;
@@ -119,11 +56,10 @@ struct KeySource {
     CipherSuite* suite;  // null when the table names no cipher suite
 };
 
-// The checks that come before any key field: arguments, reflection, and the
-// table's cipher suite with its key digest. Returns 0, -1, -2, -3 or -4.
-// Lines are logged in the name of `func`, the calling operation.
-int OpenKeySource(const char* func, CorvidaKVApi* pKVApi, const Message& msg, tagtbl_idl* idl,
-                  LPPLOGCATEGORYINST log, KeySource* source) {
+// The checks that come before any key field: arguments and reflection.
+// Returns 0, -1 or -2. Lines are logged in the name of `func`, the calling
+// operation.
+int OpenKeySource(const char* func, const Message& msg, tagtbl_idl* idl, LPPLOGCATEGORYINST log, KeySource* source) {
     const Descriptor* desc = msg.GetDescriptor();
     if (idl == nullptr || desc == nullptr || log == nullptr) return -1;
     const Reflection* reflection = msg.GetReflection();
@@ -132,9 +68,14 @@ int OpenKeySource(const char* func, CorvidaKVApi* pKVApi, const Message& msg, ta
         return -2;
     }
     *source = KeySource{&msg, desc, reflection, nullptr};
+    return 0;
+}
 
-    const google::protobuf::MessageOptions& options = desc->options();
-    const std::string& suite_name = options.GetExtension(corvidaservice::corvida_field_cipher_suite);
+// Looks up the table's cipher suite suite_name (the table's
+// corvida_field_cipher_suite; empty: none) and checks its key digest against
+// the table's. Returns 0, -3 or -4, logged in the name of `func`.
+int OpenCipherSuite(const char* func, CorvidaKVApi* pKVApi, const std::string& suite_name, LPPLOGCATEGORYINST log,
+                    KeySource* source) {
     if (suite_name.empty()) return 0;
     // A null KV API configures no suite, so the named one is not found.
     CipherSuite* suite = pKVApi != nullptr ? pKVApi->GetCipherSuite(suite_name.c_str()) : nullptr;
@@ -145,7 +86,7 @@ int OpenKeySource(const char* func, CorvidaKVApi* pKVApi, const Message& msg, ta
     // A client whose key differs from the one the schema was made for would
     // build keys that address nothing.
     const std::string suite_md5 = suite->GetCipherKeyMD5();
-    const std::string& meta_md5 = options.GetExtension(corvidaservice::corvida_cipher_md5);
+    const std::string& meta_md5 = source->desc->options().GetExtension(corvidaservice::corvida_cipher_md5);
     if (suite_md5 != meta_md5) {
         PBU_LOG_IN(func, log, PLOG_PRIORITY_ERROR, "suite:%s md5sum:%s meta md5:%s not match.", suite_name.c_str(),
                    suite_md5.c_str(), meta_md5.c_str());
@@ -178,14 +119,115 @@ int WriteEncryptedField(const FieldDescriptor* field, const KeySource& source, t
     return 0;
 }
 
-// Writes one key field: encrypted when it is a string or bytes field marked
-// corvida_crypto (a mark on any other type is ignored), otherwise in plain,
-// a proto3 field holding its default value included so that every key field
-// contributes its tag. Returns 0, -6 or -7.
-int WriteKeyField(const FieldDescriptor* field, const KeySource& source, tagtbl_idl* idl, CodedOutputStream* output) {
+// True for the fields that WritePlainSingular may write: singular fields that
+// are neither messages nor groups, except proto2 strings, for which
+// protobuf's serializer may check the UTF-8 (and log) where the key field
+// serializer never does.
+bool IsPlainSingular(const FieldDescriptor* field) {
+    if (field->is_repeated() || field->cpp_type() == FieldDescriptor::CPPTYPE_MESSAGE) return false;
+    return field->type() != FieldDescriptor::TYPE_STRING || field->file()->syntax() == FileDescriptor::SYNTAX_PROTO3;
+}
+
+// Most bytes a plain field other than a string or bytes field takes: a tag
+// of at most 5 bytes and a value of at most 10.
+constexpr int kMaxPlainScalarBytes = 15;
+
+// Writes a field for which IsPlainSingular holds exactly as
+// SerializeFieldWithCachedSizesEx and protobuf's serializer both do (a proto3
+// field always, a proto2 field when set; protobuf's writer for its type, the
+// UTF-8 of a proto3 string checked), through the reflection the caller holds
+// and without their generic dispatch: the common key field, on every request.
+//
+// Only a field that surely fits into `room` bytes is written; returns false,
+// having written nothing, for one that might not.
+bool WritePlainSingular(const FieldDescriptor* field, const KeySource& source, int64_t room,
+                        CodedOutputStream* output) {
+    const Reflection* r = source.reflection;
+    const Message& m = *source.msg;
+    const bool proto3 = field->file()->syntax() == FileDescriptor::SYNTAX_PROTO3;
+    if (!proto3 && !r->HasField(m, field)) return true;
+    const int number = field->number();
+    if (field->cpp_type() == FieldDescriptor::CPPTYPE_STRING) {
+        std::string scratch;
+        const std::string& value = r->GetStringReference(m, field, &scratch);
+        // A tag and a length of at most 5 bytes each.
+        if (room < 10 || static_cast<uint64_t>(room - 10) < value.size()) return false;
+        if (field->type() == FieldDescriptor::TYPE_BYTES) {
+            WireFormatLite::WriteBytes(number, value, output);
+            return true;
+        }
+        // Reports invalid UTF-8 through protobuf's log; the bytes are written anyway.
+        WireFormatLite::VerifyUtf8String(value.data(), static_cast<int>(value.size()), WireFormatLite::SERIALIZE,
+                                         field->full_name().c_str());
+        WireFormatLite::WriteString(number, value, output);
+        return true;
+    }
+    if (room < kMaxPlainScalarBytes) return false;
+    switch (field->type()) {
+        case FieldDescriptor::TYPE_INT32: WireFormatLite::WriteInt32(number, r->GetInt32(m, field), output); break;
+        case FieldDescriptor::TYPE_INT64: WireFormatLite::WriteInt64(number, r->GetInt64(m, field), output); break;
+        case FieldDescriptor::TYPE_UINT32: WireFormatLite::WriteUInt32(number, r->GetUInt32(m, field), output); break;
+        case FieldDescriptor::TYPE_UINT64: WireFormatLite::WriteUInt64(number, r->GetUInt64(m, field), output); break;
+        case FieldDescriptor::TYPE_SINT32: WireFormatLite::WriteSInt32(number, r->GetInt32(m, field), output); break;
+        case FieldDescriptor::TYPE_SINT64: WireFormatLite::WriteSInt64(number, r->GetInt64(m, field), output); break;
+        case FieldDescriptor::TYPE_FIXED32: WireFormatLite::WriteFixed32(number, r->GetUInt32(m, field), output); break;
+        case FieldDescriptor::TYPE_FIXED64: WireFormatLite::WriteFixed64(number, r->GetUInt64(m, field), output); break;
+        case FieldDescriptor::TYPE_SFIXED32:
+            WireFormatLite::WriteSFixed32(number, r->GetInt32(m, field), output);
+            break;
+        case FieldDescriptor::TYPE_SFIXED64:
+            WireFormatLite::WriteSFixed64(number, r->GetInt64(m, field), output);
+            break;
+        case FieldDescriptor::TYPE_FLOAT: WireFormatLite::WriteFloat(number, r->GetFloat(m, field), output); break;
+        case FieldDescriptor::TYPE_DOUBLE: WireFormatLite::WriteDouble(number, r->GetDouble(m, field), output); break;
+        case FieldDescriptor::TYPE_BOOL: WireFormatLite::WriteBool(number, r->GetBool(m, field), output); break;
+        case FieldDescriptor::TYPE_ENUM: WireFormatLite::WriteEnum(number, r->GetEnumValue(m, field), output); break;
+        default: return false;  // strings above; messages and groups are never plain
+    }
+    return true;
+}
+
+// How a key field is written; fixed by its descriptor.
+enum class KeyWrite : uint8_t {
+    kEncrypted,  // a string or bytes field marked corvida_crypto: the suite's ciphertext
+    kPlain,      // IsPlainSingular: WritePlainSingular where it fits, else as kGeneric
+    kGeneric,    // anything else: the serializers
+};
+
+// A mark corvida_crypto on a field that is not a string or bytes field is
+// ignored.
+KeyWrite HowToWrite(const FieldDescriptor* field) {
     if (field->cpp_type() == FieldDescriptor::CPPTYPE_STRING &&
         field->options().GetExtension(corvidaservice::corvida_crypto)) {
-        return WriteEncryptedField(field, source, idl, output);
+        return KeyWrite::kEncrypted;
+    }
+    return IsPlainSingular(field) ? KeyWrite::kPlain : KeyWrite::kGeneric;
+}
+
+// Writes one key field as HowToWrite(field) says: encrypted, or in plain with
+// a proto3 field holding its default value included, so that every key field
+// contributes its tag. capacity is that of the key buffer under output.
+// Returns 0, -6 or -7.
+int WriteKeyField(const FieldDescriptor* field, KeyWrite how, const KeySource& source, tagtbl_idl* idl,
+                  int32_t capacity, CodedOutputStream* output) {
+    switch (how) {
+        case KeyWrite::kEncrypted: return WriteEncryptedField(field, source, idl, output);
+        case KeyWrite::kPlain:
+            // Straight into the key buffer when the field fits there with the
+            // stream's slop to spare: the stream then never asks for more room
+            // and ends in the state the serializers leave. Near the end of the
+            // buffer, and after an overflow, the stream's byte counts depend on
+            // the writer (they go into log lines and the result), so such a
+            // field goes the general way. Reading the error flag through
+            // EpsCopy() leaves the stream as it is; CodedOutputStream::HadError
+            // would flush it.
+            if (!output->EpsCopy()->HadError() &&
+                WritePlainSingular(field, source,
+                                   int64_t{capacity} - output->ByteCount() - EpsCopyOutputStream::kSlopBytes, output)) {
+                return 0;
+            }
+            break;
+        case KeyWrite::kGeneric: break;
     }
     // HasField is defined for singular fields only; for a repeated field
     // both serializers write the same bytes.
@@ -197,6 +239,49 @@ int WriteKeyField(const FieldDescriptor* field, const KeySource& source, tagtbl_
     }
     return 0;
 }
+
+struct KeyField {
+    const FieldDescriptor* field;
+    KeyWrite how;
+};
+
+// The key fields of a table: a fixed array, spilled into a vector only for
+// unusually many key fields.
+class KeyFieldList {
+public:
+    void Clear() {
+        m_count = 0;
+        m_spill.clear();
+    }
+
+    void Add(const FieldDescriptor* field) {
+        const KeyField key{field, HowToWrite(field)};
+        if (m_spill.empty() && m_count < kInlineKeyFields) {
+            m_inline[m_count++] = key;
+            return;
+        }
+        if (m_spill.empty()) m_spill.assign(m_inline, m_inline + m_count);
+        m_spill.push_back(key);
+    }
+
+    const KeyField* begin() const { return m_spill.empty() ? m_inline : m_spill.data(); }
+    const KeyField* end() const { return begin() + (m_spill.empty() ? m_count : m_spill.size()); }
+
+    // Ascending field number. The functor only keeps a reference to the
+    // vector it is built over and never reads it.
+    void SortByNumber() {
+        const std::vector<const FieldDescriptor*> unread;
+        const _FieldDescPtrFunctor less(unread);
+        KeyField* first = m_spill.empty() ? m_inline : m_spill.data();
+        std::sort(first, first + (end() - begin()),
+                  [&less](const KeyField& a, const KeyField& b) { return less(a.field, b.field); });
+    }
+
+private:
+    KeyField m_inline[kInlineKeyFields];
+    size_t m_count = 0;
+    std::vector<KeyField> m_spill;
+};
 
 // Publishes the key once every field is written: size (the capacity of buf
 // until now) becomes the key length; -10 beyond kMaxKeyBytes, else 0 with the
@@ -222,14 +307,54 @@ int FinishKey(const char* func, CodedOutputStream* output, const uint8_t* buf, i
 // option's order. Returns 0, or -5 when a name (an empty one included) is not
 // a field.
 int CollectPrimaryKeyFields(const Descriptor* desc, KeyFieldList* fields) {
-    KeyNameTokens tokens(desc->options().GetExtension(corvidaservice::corvida_primary_key));
+    internal::TokenView tokens(desc->options().GetExtension(corvidaservice::corvida_primary_key), ',');
     std::string_view token;
     while (tokens.Next(&token)) {
-        const FieldDescriptor* field = FindFieldByToken(desc, token);
+        const FieldDescriptor* field = internal::FindFieldByToken(desc, token);
         if (field == nullptr) return -5;
         fields->Add(field);
     }
     return 0;
+}
+
+// What ExtractMsgKey derives from a table type's options before it writes a
+// byte: the cipher suite's name, and the key fields in ascending field number.
+struct PrimaryKeyPlan {
+    const Descriptor* desc = nullptr;         // the type planned for; null: none yet
+    const std::string* suite_name = nullptr;  // corvida_field_cipher_suite of desc
+    int result = 0;                           // 0, or -5 from CollectPrimaryKeyFields
+    KeyFieldList fields;
+};
+
+// Works out the plan of desc. The plan names its type only once it is
+// complete, so one left half-built by an allocation failure is never used.
+void BuildPlan(const Descriptor* desc, PrimaryKeyPlan* plan) {
+    plan->desc = nullptr;
+    plan->suite_name = &desc->options().GetExtension(corvidaservice::corvida_field_cipher_suite);
+    plan->fields.Clear();
+    plan->result = CollectPrimaryKeyFields(desc, &plan->fields);
+    // Key bytes must not depend on the order the option lists the names in.
+    plan->fields.SortByNumber();
+    plan->desc = desc;
+}
+
+// The plan of desc. A generated type lives as long as the process, so its
+// plan is kept in this thread's cache (slots chosen by address) and copied
+// out; a type of any other pool may be destroyed and another built at its
+// address, so its plan is worked out on every call. The copy keeps a plan in
+// use safe from a nested call (a cipher suite asking for a key) that reuses
+// its slot.
+void LoadPlan(const Descriptor* desc, PrimaryKeyPlan* plan) {
+    static const DescriptorPool* const generated = DescriptorPool::generated_pool();
+    if (desc->file()->pool() != generated) {
+        BuildPlan(desc, plan);
+        return;
+    }
+    constexpr size_t kPlanSlots = 16;
+    thread_local PrimaryKeyPlan slots[kPlanSlots];
+    PrimaryKeyPlan& slot = slots[reinterpret_cast<uintptr_t>(desc) / sizeof(Descriptor) % kPlanSlots];
+    if (slot.desc != desc) BuildPlan(desc, &slot);
+    *plan = slot;
 }
 
 }  // namespace
@@ -237,20 +362,21 @@ int CollectPrimaryKeyFields(const Descriptor* desc, KeyFieldList* fields) {
 int ProtobufUtil::ExtractMsgKey(CorvidaKVApi* pKVApi, const Message& msg, uint8_t* buf, int32_t& size,
                                 tagtbl_idl* idl, LPPLOGCATEGORYINST log, bool bCheck) {
     KeySource source{};
-    int ret = OpenKeySource(__func__, pKVApi, msg, idl, log, &source);
+    int ret = OpenKeySource(__func__, msg, idl, log, &source);
     if (ret != 0) return ret;
-
-    KeyFieldList fields;
-    ret = CollectPrimaryKeyFields(source.desc, &fields);
+    PrimaryKeyPlan plan;
+    LoadPlan(source.desc, &plan);
+    ret = OpenCipherSuite(__func__, pKVApi, *plan.suite_name, log, &source);
     if (ret != 0) return ret;
+    if (plan.result != 0) return plan.result;
 
-    ArrayOutputStream array(buf, size, -1);
+    const int32_t capacity = size;
+    ArrayOutputStream array(buf, capacity, -1);
     CodedOutputStream output(&array);
-    // Key bytes must not depend on the order the option lists the names in.
-    fields.SortByNumber();
-    for (const FieldDescriptor* field : fields) {
+    for (const KeyField& key : plan.fields) {
+        const FieldDescriptor* field = key.field;
         const int before = output.ByteCount();
-        ret = WriteKeyField(field, source, idl, &output);
+        ret = WriteKeyField(field, key.how, source, idl, capacity, &output);
         if (ret != 0) return ret;
         const int after = output.ByteCount();
         PBU_LOG_TRACE(log, "field:%s bCheck:%d byte count before:%d, after:%d", field->name().c_str(),
@@ -267,10 +393,10 @@ int ProtobufUtil::ExtractMsgKey(CorvidaKVApi* pKVApi, const Message& msg, uint8_
 int ProtobufUtil::GetMsgKeyNames(const Message& msg, std::set<std::string>& setKeyNames) {
     const Descriptor* desc = msg.GetDescriptor();
     if (desc == nullptr) return -1;
-    KeyNameTokens tokens(desc->options().GetExtension(corvidaservice::corvida_primary_key));
+    internal::TokenView tokens(desc->options().GetExtension(corvidaservice::corvida_primary_key), ',');
     std::string_view token;
     while (tokens.Next(&token)) {
-        if (FindFieldByToken(desc, token) == nullptr) return -2;
+        if (internal::FindFieldByToken(desc, token) == nullptr) return -2;
         setKeyNames.emplace(token);
     }
     return 0;
@@ -279,10 +405,15 @@ int ProtobufUtil::GetMsgKeyNames(const Message& msg, std::set<std::string>& setK
 int ProtobufUtil::ExtractFieldKey(CorvidaKVApi* pKVApi, const Message& msg, const std::vector<int>& vecFields,
                                   uint8_t* buf, int32_t& size, tagtbl_idl* idl, LPPLOGCATEGORYINST log) {
     KeySource source{};
-    int ret = OpenKeySource(__func__, pKVApi, msg, idl, log, &source);
+    int ret = OpenKeySource(__func__, msg, idl, log, &source);
+    if (ret != 0) return ret;
+    ret =
+        OpenCipherSuite(__func__, pKVApi,
+                        source.desc->options().GetExtension(corvidaservice::corvida_field_cipher_suite), log, &source);
     if (ret != 0) return ret;
 
-    ArrayOutputStream array(buf, size, -1);
+    const int32_t capacity = size;
+    ArrayOutputStream array(buf, capacity, -1);
     CodedOutputStream output(&array);
     for (const int number : vecFields) {
         const FieldDescriptor* field = source.desc->FindFieldByNumber(number);
@@ -291,7 +422,7 @@ int ProtobufUtil::ExtractFieldKey(CorvidaKVApi* pKVApi, const Message& msg, cons
             continue;
         }
         const int before = output.ByteCount();
-        ret = WriteKeyField(field, source, idl, &output);
+        ret = WriteKeyField(field, HowToWrite(field), source, idl, capacity, &output);
         if (ret != 0) return ret;
         const int after = output.ByteCount();
         PBU_LOG_TRACE(log, "field:%s byte count before:%d, after:%d", field->name().c_str(), before, after);

@@ -34,9 +34,7 @@ constexpr size_t kMaxErrorText = size_t{1} << 20;
 constexpr char kFillMessageGroup[] = "FillMessageGroup";
 constexpr char kGetMetaAndCompare[] = "GetMetaAndCompare";
 
-// Parses the schema blob and appends the two files the server's files may
-// import without sending them: descriptor.proto (which the option file needs)
-// and any.proto. Logs and returns false when the blob does not parse.
+// Parses the schema blob. Logs and returns false when it does not parse.
 bool LoadSchemaSet(const char* func, const std::string& strIdl, FileDescriptorSet& descSet, LPPLOGCATEGORYINST log) {
     // ParseFromArray takes an int size; a larger blob cannot be a schema.
     const bool fits = strIdl.size() <= static_cast<size_t>(std::numeric_limits<int>::max());
@@ -45,19 +43,41 @@ bool LoadSchemaSet(const char* func, const std::string& strIdl, FileDescriptorSe
                    static_cast<ssize_t>(strIdl.size()));
         return false;
     }
-    FileDescriptorProto::descriptor()->file()->CopyTo(descSet.add_file());
-    google::protobuf::Any::descriptor()->file()->CopyTo(descSet.add_file());
     return true;
 }
 
-// Adds the files in set order; the first copy of a name wins, so a blob that
-// carries its own descriptor.proto keeps it. Later copies are never offered
-// to the database: it would refuse them all the same, but only after writing
-// an error line through protobuf's process-wide logger on every load.
+// The two files the server's files may import without sending them:
+// descriptor.proto (which the option file needs) and any.proto, copied out of
+// the runtime once. A copy of these protos costs a fraction of
+// FileDescriptor::CopyTo, which every load would otherwise repeat.
+struct BuiltinFiles {
+    BuiltinFiles() {
+        FileDescriptorProto::descriptor()->file()->CopyTo(&descriptor);
+        google::protobuf::Any::descriptor()->file()->CopyTo(&any);
+    }
+
+    FileDescriptorProto descriptor;
+    FileDescriptorProto any;
+};
+
+const BuiltinFiles& Builtins() {
+    static const BuiltinFiles* const files = new BuiltinFiles();  // never destroyed: loads may run at exit
+    return *files;
+}
+
+// Adds the blob's files in set order and then the two built-in files, as if
+// they followed the blob's files in the set. The first copy of a name wins, so
+// a blob that carries its own descriptor.proto keeps it. Later copies are
+// never offered to the database: it would refuse them all the same, but only
+// after writing an error line through protobuf's process-wide logger on every
+// load.
 void AddSchemaFiles(const FileDescriptorSet& descSet, SimpleDescriptorDatabase& sdb) {
     std::unordered_set<std::string> added;
     for (int i = 0; i < descSet.file_size(); ++i) {
         if (added.insert(descSet.file(i).name()).second) sdb.Add(descSet.file(i));
+    }
+    for (const FileDescriptorProto* builtin : {&Builtins().descriptor, &Builtins().any}) {
+        if (added.insert(builtin->name()).second) sdb.Add(*builtin);
     }
 }
 
@@ -186,13 +206,6 @@ const Descriptor* FillMessageGroupImpl(const std::string& tablename, const std::
         PBU_LOG_IN(kFillMessageGroup, log, PLOG_PRIORITY_ERROR, "DescriptorPool failed return msg: %s",
                    collector->m_strMsg.c_str());
     }
-    // The two built-in files were appended, so the set is never empty here;
-    // the guard keeps the search from running over nothing should that change.
-    if (descSet.file_size() == 0) {
-        group->m_desc = nullptr;
-        return nullptr;
-    }
-
     const Descriptor* msgDesc = nullptr;
     if (FindTableType(kFillMessageGroup, tablename, descSet, *group->m_pool, &msgDesc, log) != 0) return nullptr;
     group->m_desc = msgDesc;

@@ -3,12 +3,15 @@
 //
 // Both directions run on every request, so they work on the caller's buffers
 // directly (the field bytes are serialized straight into the builder's region
-// and parsed straight from the set) and reuse their scratch strings from one
-// field to the next.
+// and parsed straight from the set), read paths in place instead of splitting
+// them into strings, and reuse their scratch strings from one field to the
+// next: an ordinary call allocates nothing of its own.
 #include <sys/types.h>
 
+#include <charconv>
 #include <climits>
 #include <cstdint>
+#include <string_view>
 
 #include <google/protobuf/descriptor.pb.h>
 #include <google/protobuf/io/coded_stream.h>
@@ -18,6 +21,7 @@
 #include "corvidaservice.optionv1.pb.h"
 #include "protobuf_api/protobuf_util.h"
 #include "protobuf_api/protobuf_util_log.h"
+#include "protobuf_api/protobuf_util_tokens.h"
 
 namespace PROTOBUF_UTIL {
 namespace {
@@ -47,9 +51,9 @@ constexpr char kMerge[] = "FillMsgFromField";
 // ---------------------------------------------------------------------------
 
 // Checks dotted path p against the limits and against the other requested
-// paths, and splits it into namePath (which the caller passes in empty).
-int SplitDottedPath(const std::string& p, const std::set<std::string>& dottedpaths, const std::string& dot,
-                    std::vector<std::string>& namePath, LPPLOGCATEGORYINST log) {
+// paths. On success *names is the number of its names.
+int CheckDottedPath(const std::string& p, const std::set<std::string>& dottedpaths, size_t* names,
+                    LPPLOGCATEGORYINST log) {
     if (p.size() >= CORVIDA_PROTOBUF_MAX_TAG_PATH) {
         PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "size of dottedpath:%s exceed max:%u.", p.c_str(),
                    static_cast<unsigned>(CORVIDA_PROTOBUF_MAX_TAG_PATH));
@@ -61,54 +65,75 @@ int SplitDottedPath(const std::string& p, const std::set<std::string>& dottedpat
         PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "dottedpath:%s duplicated.", p.c_str());
         return GEN_ERR_INVALID_ARGUMENTS;
     }
-    TokenSplit(p, dot, namePath);
-    if (namePath.empty()) {
+    *names = internal::TokenView(p, '.').Count();
+    if (*names == 0) {
         PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "dottedpath:%s pathsize[%zd] invalid.", p.c_str(),
                    static_cast<ssize_t>(0));
         return GEN_ERR_INVALID_ARGUMENTS;
     }
-    if (namePath.size() > CORVIDA_PROTOBUF_MAX_TAG_DEPTH) {
+    if (*names > CORVIDA_PROTOBUF_MAX_TAG_DEPTH) {
         PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "dottedpath:%s pathsize[%zd] exceed max(%u) invalid.", p.c_str(),
-                   static_cast<ssize_t>(namePath.size()), static_cast<unsigned>(CORVIDA_PROTOBUF_MAX_TAG_DEPTH));
+                   static_cast<ssize_t>(*names), static_cast<unsigned>(CORVIDA_PROTOBUF_MAX_TAG_DEPTH));
         return GEN_ERR_INVALID_ARGUMENTS;
     }
     return 0;
 }
 
-// Resolves namePath from msg down. On success *fieldDesc is the last field,
-// *lastmsg the message that holds it (sub-messages on the way are created in
-// msg) and numberPath holds the field numbers from the top down.
-int WalkNamePath(Message* msg, const std::vector<std::string>& namePath, const FieldDescriptor** fieldDesc,
-                 Message** lastmsg, std::vector<int>& numberPath, LPPLOGCATEGORYINST log) {
-    const Descriptor* lastDesc = msg->GetDescriptor();
-    *lastmsg = msg;
-    for (size_t i = 0; i < namePath.size(); ++i) {
-        const FieldDescriptor* field = lastDesc->FindFieldByName(namePath[i]);
+// Appends a field number to a tag path, after a "." unless the path is
+// empty, as the decimal text ConcatFieldPath writes (the number taken as
+// unsigned).
+void AppendTagNumber(int number, std::string& tagpath) {
+    char text[16];
+    const std::to_chars_result end = std::to_chars(text, text + sizeof(text), static_cast<unsigned>(number));
+    if (!tagpath.empty()) tagpath += '.';
+    tagpath.append(text, end.ptr);
+}
+
+// The message a walk starts from, with what every path needs of it.
+struct WalkRoot {
+    Message* msg;
+    const Descriptor* desc;
+    const Reflection* reflection;
+};
+
+// Resolves the `names` names of dotted path p from root.msg down. On success
+// *fieldDesc is the last field, *lastmsg the message that holds it
+// (sub-messages on the way are created in msg) and fieldPath, empty before,
+// the tag path. name is scratch space for one name.
+int WalkNamePath(const WalkRoot& root, const std::string& p, size_t names, const FieldDescriptor** fieldDesc,
+                 Message** lastmsg, std::string& fieldPath, std::string& name, LPPLOGCATEGORYINST log) {
+    const Descriptor* lastDesc = root.desc;
+    *lastmsg = root.msg;
+    internal::TokenView namePath(p, '.');
+    std::string_view component;
+    for (size_t i = 0; i < names && namePath.Next(&component); ++i) {
+        name.assign(component.data(), component.size());
+        const FieldDescriptor* field = internal::FindFieldByToken(lastDesc, component);
         if (field == nullptr) {
-            PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "field %s not exist.", namePath[i].c_str());
+            PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "field %s not exist.", name.c_str());
             return GEN_ERR_INVALID_ARGUMENTS;
         }
         // A repeated field has no single element to cut, nor to walk into.
         if (field->is_repeated()) {
-            PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "field %s is repeated type, unsupported.", namePath[i].c_str());
+            PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "field %s is repeated type, unsupported.", name.c_str());
             return API_ERR_UNSUPPORT_FIELD_TYPE;
         }
-        numberPath.push_back(field->number());
+        AppendTagNumber(field->number(), fieldPath);
         *fieldDesc = field;
-        if (i + 1 == namePath.size()) break;
+        if (i + 1 == names) break;
 
         lastDesc = field->message_type();
         if (lastDesc == nullptr) {
-            PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "field %s message not exist.", namePath[i].c_str());
+            PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "field %s message not exist.", name.c_str());
             return GEN_ERR_INVALID_ARGUMENTS;
         }
         if (*lastmsg == nullptr) {
-            PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "field %s lastmsg not exist.", namePath[i].c_str());
+            PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "field %s lastmsg not exist.", name.c_str());
             return GEN_ERR_INVALID_ARGUMENTS;
         }
-        const Reflection* reflection = (*lastmsg)->GetReflection();
+        const Reflection* reflection = *lastmsg == root.msg ? root.reflection : (*lastmsg)->GetReflection();
         if (reflection == nullptr) {
-            PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "field %s lastmsg reflection not exist.", namePath[i].c_str());
+            PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "field %s lastmsg reflection not exist.", name.c_str());
             return GEN_ERR_INVALID_ARGUMENTS;
         }
         *lastmsg = reflection->MutableMessage(*lastmsg, field);
@@ -158,7 +183,7 @@ int CutField(PbValueSetBuffer& vsb, const FieldDescriptor* fieldDesc, const Mess
 
 // A tag-path component as a decimal number: its leading digits (0 when there
 // are none), saturating at UINT32_MAX, which names no field.
-uint32_t ComponentNumber(const std::string& component) {
+uint32_t ComponentNumber(std::string_view component) {
     uint64_t value = 0;
     for (char c : component) {
         if (c < '0' || c > '9') break;
@@ -176,26 +201,31 @@ struct TagPathTarget {
     uint32_t lastnumber = 0;
 };
 
-// Resolves the components of tagpath (of fields[i]) from msg down, creating
-// sub-messages on the way. A null msg, or one without a descriptor, leaves
-// target->fieldDesc null.
-int WalkTagPath(size_t i, const std::vector<std::string>& tagpath, Message* msg, TagPathTarget* target,
+// Resolves the components of tag path dotpath (of fields[i]) from root.msg
+// down, creating sub-messages on the way. A null msg, or one without a
+// descriptor, leaves target->fieldDesc null. Components are logged as views
+// ("%.*s"), which print as the strings TokenSplit would have made.
+int WalkTagPath(size_t i, const std::string& dotpath, const WalkRoot& root, TagPathTarget* target,
                 LPPLOGCATEGORYINST log) {
-    target->lastmsg = msg;
-    const Descriptor* lastDesc = msg != nullptr ? msg->GetDescriptor() : nullptr;
+    target->lastmsg = root.msg;
+    const Descriptor* lastDesc = root.desc;
     if (lastDesc == nullptr) return 0;
-    for (size_t j = 0; j < tagpath.size(); ++j) {
-        PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_DEBUG, "dotpath[%d]:%s", static_cast<int>(i), tagpath[j].c_str());
-        target->lastnumber = ComponentNumber(tagpath[j]);
+    internal::TokenView tagpath(dotpath, '.');
+    const size_t count = tagpath.Count();
+    std::string_view component;
+    for (size_t j = 0; j < count && tagpath.Next(&component); ++j) {
+        const int length = static_cast<int>(component.size());
+        PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_DEBUG, "dotpath[%d]:%.*s", static_cast<int>(i), length, component.data());
+        target->lastnumber = ComponentNumber(component);
         const FieldDescriptor* field =
             target->lastnumber <= INT_MAX ? lastDesc->FindFieldByNumber(static_cast<int>(target->lastnumber)) : nullptr;
         if (field == nullptr) {
-            PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_ERROR, "field %s not exist, lastnumber:%u, lastDesc:%s.",
-                       tagpath[j].c_str(), target->lastnumber, lastDesc->DebugString().c_str());
+            PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_ERROR, "field %.*s not exist, lastnumber:%u, lastDesc:%s.", length,
+                       component.data(), target->lastnumber, lastDesc->DebugString().c_str());
             return GEN_ERR_INVALID_ARGUMENTS;
         }
         target->fieldDesc = field;
-        if (j + 1 == tagpath.size()) break;
+        if (j + 1 == count) break;
 
         // Paths come from the network: one that leads through a scalar or a
         // repeated field has no message below it to walk into.
@@ -203,7 +233,7 @@ int WalkTagPath(size_t i, const std::vector<std::string>& tagpath, Message* msg,
             PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_ERROR, "field %s lastmsg not exist.", field->name().c_str());
             return GEN_ERR_INVALID_ARGUMENTS;
         }
-        const Reflection* reflection = target->lastmsg->GetReflection();
+        const Reflection* reflection = target->lastmsg == root.msg ? root.reflection : target->lastmsg->GetReflection();
         if (reflection == nullptr) {
             PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_ERROR, "field %s lastmsg reflection not exist.",
                        field->name().c_str());
@@ -257,25 +287,22 @@ bool ParseFieldBytes(size_t i, const PbValueSetBuffer::Field& field, const std::
     return false;
 }
 
-// Merges fields[i] into msg. dotpath and tagpath are scratch space kept by the
+// Merges fields[i] into root.msg. dotpath is scratch space kept by the
 // caller across fields.
 int FillOneField(size_t i, const PbValueSetBuffer::Field& field, std::string& dotpath,
-                 std::vector<std::string>& tagpath, const std::string& dot, std::set<std::string>& failedpaths,
-                 Message* msg, LPPLOGCATEGORYINST log) {
+                 std::set<std::string>& failedpaths, const WalkRoot& root, LPPLOGCATEGORYINST log) {
     dotpath.assign(field.path != nullptr ? field.path : "");
-    tagpath.clear();
-    TokenSplit(dotpath, dot, tagpath);
     PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_DEBUG, "dotpath:%s", dotpath.c_str());
 
     TagPathTarget target;
-    int ret = WalkTagPath(i, tagpath, msg, &target, log);
+    int ret = WalkTagPath(i, dotpath, root, &target, log);
     if (ret != 0) return ret;
     if (target.fieldDesc == nullptr || target.lastmsg == nullptr) {
         PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_ERROR, "field %s not found.", dotpath.c_str());
         return GEN_ERR_INVALID_ARGUMENTS;
     }
     const FieldDescriptor* fieldDesc = target.fieldDesc;
-    const Reflection* reflection = target.lastmsg->GetReflection();
+    const Reflection* reflection = target.lastmsg == root.msg ? root.reflection : target.lastmsg->GetReflection();
     if (reflection == nullptr) {
         PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_ERROR, "field %s lastmsg reflection not exist.",
                    fieldDesc->name().c_str());
@@ -309,7 +336,8 @@ int FillValueSetWithMsg(Message* msg, const std::set<std::string>& setKeyNames,
     PbValueSetBuffer vsb(&values, kValueSetVersion, log);
     vsb.ResetFieldNum();
     if (msg == nullptr || dottedpaths.empty()) return 0;
-    if (msg->GetDescriptor() == nullptr) {
+    const WalkRoot root{msg, msg->GetDescriptor(), msg->GetReflection()};
+    if (root.desc == nullptr) {
         PBU_LOG_ERROR(log, "NULL == descriptor, probably msg invalid");
         return GEN_ERR_INVALID_ARGUMENTS;
     }
@@ -319,28 +347,26 @@ int FillValueSetWithMsg(Message* msg, const std::set<std::string>& setKeyNames,
         return GEN_ERR_INVALID_ARGUMENTS;
     }
 
-    const std::string dot(".");
-    std::vector<std::string> namePath;
-    std::vector<int> numberPath;
+    std::string name;  // one name of a path
     std::string fieldPath;
     for (const std::string& p : dottedpaths) {
-        namePath.clear();
-        int ret = SplitDottedPath(p, dottedpaths, dot, namePath, log);
+        size_t names = 0;
+        int ret = CheckDottedPath(p, dottedpaths, &names, log);
         if (ret != 0) return ret;
         // Key fields travel in the record key, never in the value set; so
         // does anything under them.
-        if (setKeyNames.count(namePath[0]) != 0) {
-            PBU_LOG_DEBUG(log, "dottedpath:%s , %s is a key field, that's not allowed.", p.c_str(),
-                          namePath[0].c_str());
+        std::string_view first;
+        internal::TokenView(p, '.').Next(&first);
+        name.assign(first.data(), first.size());
+        if (setKeyNames.count(name) != 0) {
+            PBU_LOG_DEBUG(log, "dottedpath:%s , %s is a key field, that's not allowed.", p.c_str(), name.c_str());
             continue;
         }
         const FieldDescriptor* fieldDesc = nullptr;
         Message* lastmsg = nullptr;
-        numberPath.clear();
-        ret = WalkNamePath(msg, namePath, &fieldDesc, &lastmsg, numberPath, log);
-        if (ret != 0) return ret;
         fieldPath.clear();
-        ConcatFieldPath(numberPath, dot, fieldPath);
+        ret = WalkNamePath(root, p, names, &fieldDesc, &lastmsg, fieldPath, name, log);
+        if (ret != 0) return ret;
         ret = CutField(vsb, fieldDesc, *lastmsg, fieldPath, log);
         if (ret != 0) return ret;
     }
@@ -357,11 +383,10 @@ int FillMsgFromField(std::vector<PbValueSetBuffer::Field>& fields, std::set<std:
     }
     if (fields.empty()) return 0;
 
-    const std::string dot(".");
+    const WalkRoot root{msg, desc, desc != nullptr ? msg->GetReflection() : nullptr};
     std::string dotpath;
-    std::vector<std::string> tagpath;
     for (size_t i = 0; i < fields.size(); ++i) {
-        const int ret = FillOneField(i, fields[i], dotpath, tagpath, dot, failedpaths, msg, log);
+        const int ret = FillOneField(i, fields[i], dotpath, failedpaths, root, log);
         if (ret != 0) return ret;
     }
     return 0;
