@@ -12,6 +12,7 @@
 
 #include "protobuf_api/aes_siv_cipher_suite.h"
 #include "protobuf_api/corvida_kv_api.h"
+#include "support/hex.h"
 
 namespace {
 
@@ -33,15 +34,7 @@ Bytes FromHex(const std::string& hex) {
     return bytes;
 }
 
-std::string ToHex(const Bytes& bytes) {
-    static const char kDigits[] = "0123456789abcdef";
-    std::string hex;
-    for (unsigned char b : bytes) {
-        hex += kDigits[b >> 4];
-        hex += kDigits[b & 0xf];
-    }
-    return hex;
-}
+std::string ToHex(const Bytes& bytes) { return corvida_test::Hex(bytes.data(), bytes.size()); }
 
 Bytes FromText(const std::string& text) { return Bytes(text.begin(), text.end()); }
 

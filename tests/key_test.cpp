@@ -17,6 +17,7 @@
 
 #include "protobuf_api/aes_siv_cipher_suite.h"
 #include "protobuf_api/protobuf_util.h"
+#include "support/hex.h"
 #include "support/log_capture.h"
 #include "support/random_message.h"
 #include "support/records.h"
@@ -94,15 +95,7 @@ constexpr int32_t kCapacity = 1024;
 constexpr int kGuard = 64;
 constexpr uint8_t kUntouched = 0xee;
 
-std::string Hex(const std::string& bytes) {
-    static const char kDigits[] = "0123456789abcdef";
-    std::string hex;
-    for (unsigned char c : bytes) {
-        hex += kDigits[c >> 4];
-        hex += kDigits[c & 0xf];
-    }
-    return hex;
-}
+using corvida_test::Hex;
 
 // The scratch record shared by every call: ten megabytes, allocated once and
 // never initialised.

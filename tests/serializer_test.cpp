@@ -11,6 +11,7 @@
 #include "all_types2.pb.h"
 #include "all_types3.pb.h"
 #include "protobuf_api/protobuf_util.h"
+#include "support/hex.h"
 #include "support/random_message.h"
 
 namespace {
@@ -56,15 +57,7 @@ std::string Ours(const Message& msg, const std::string& name, bool deterministic
     return Serialize(Writer::kOurs, field, msg, deterministic);
 }
 
-std::string Hex(const std::string& bytes) {
-    static const char kDigits[] = "0123456789abcdef";
-    std::string hex;
-    for (unsigned char c : bytes) {
-        hex += kDigits[c >> 4];
-        hex += kDigits[c & 0xf];
-    }
-    return hex;
-}
+using corvida_test::Hex;
 
 // Fills every field (repeated ones with at least two elements) with values
 // that differ from the defaults.

@@ -68,7 +68,8 @@ public:
 
     // Replaces the contents of fields with every field of the set, in order.
     // On failure fields holds the fields read before the bad one.
-    virtual int GetFields(std::vector<Field>& fields) const = 0;
+    // The same for every layout: the fields one by one through GetField().
+    int GetFields(std::vector<Field>& fields) const;
 };
 
 }  // namespace CorvidaCommon

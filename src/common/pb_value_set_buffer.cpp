@@ -63,4 +63,18 @@ int PbValueSetBuffer::Unusable(const char* op) const {
     return PBVSB_ERR_BAD_VERSION;
 }
 
+int IPbValueSetBuffer::GetFields(std::vector<Field>& fields) const {
+    fields.clear();
+    const int num = GetFieldNum();
+    if (num < 0) return num;
+    fields.reserve(static_cast<size_t>(num));
+    for (int i = 0; i < num; ++i) {
+        Field field;
+        const int ret = GetField(i, field);
+        if (ret != 0) return ret;
+        fields.push_back(field);
+    }
+    return 0;
+}
+
 }  // namespace CorvidaCommon

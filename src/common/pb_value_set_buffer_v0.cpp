@@ -101,20 +101,6 @@ int PbValueSetBufferV0::GetField(int idx, Field& field) const {
     return 0;
 }
 
-int PbValueSetBufferV0::GetFields(std::vector<Field>& fields) const {
-    fields.clear();
-    const int num = CheckedFieldNum();
-    if (num < 0) return num;
-    fields.reserve(static_cast<size_t>(num));
-    for (int i = 0; i < num; ++i) {
-        Field field;
-        const int ret = GetField(i, field);
-        if (ret != 0) return ret;
-        fields.push_back(field);
-    }
-    return 0;
-}
-
 int PbValueSetBufferV0::CheckedFieldNum() const {
     const uint32_t num = m_value_set->dwFieldNum_;
     if (num > static_cast<uint32_t>(kMaxFields)) {

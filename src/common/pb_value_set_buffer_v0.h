@@ -21,7 +21,6 @@ public:
     int FinishCutField(int idx, int len) override;
     int GetFieldNum() const override;
     int GetField(int idx, Field& field) const override;
-    int GetFields(std::vector<Field>& fields) const override;
 
 private:
     // The field count after checking it against the array, or

@@ -133,20 +133,6 @@ int PbValueSetBufferV1::GetField(int idx, Field& field) const {
     return 0;
 }
 
-int PbValueSetBufferV1::GetFields(std::vector<Field>& fields) const {
-    fields.clear();
-    const int num = CheckedFieldNum();
-    if (num < 0) return num;
-    fields.reserve(static_cast<size_t>(num));
-    for (int i = 0; i < num; ++i) {
-        Field field;
-        const int ret = GetField(i, field);
-        if (ret != 0) return ret;
-        fields.push_back(field);
-    }
-    return 0;
-}
-
 int PbValueSetBufferV1::CheckedFieldNum() const {
     const CompactValueSet& compact = m_value_set->stCompactValueSet;
     if (compact.iFieldIndexNum < 0 || compact.iFieldIndexNum > kMaxFields) {
