@@ -1064,4 +1064,21 @@ TEST(RoundTrip, Player3Version0) { RoundTrip(Player3::default_instance(), kPlaye
 TEST(RoundTrip, AllTypes2SingularFields) { RoundTrip(AllTypes2::default_instance(), {}, 1, 200, 41); }
 TEST(RoundTrip, AllTypes3SingularFields) { RoundTrip(AllTypes3::default_instance(), {}, 0, 200, 42); }
 
+// The overlap test reads the path text: "stats." (one name; a trailing "."
+// adds none) is not a leading part of "stats.hp" at a component boundary, so
+// both are cut. The first records stats as it stood (absent, zero bytes); the
+// walk of the second then creates it. Found by text_path_fuzzer; the result
+// is as documented and stays so.
+TEST_F(FillValueSet, TrailingDotPathIsNotTheLeadingPartOfAFieldUnderIt) {
+    Player2 msg;
+    EXPECT_EQ(Cut(&msg, {"stats.", "stats.hp"}, *m_set, m_log.category()), 0) << m_log.Dump();
+    const std::vector<Record> records = Records(*m_set);
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].path, "5");
+    EXPECT_EQ(records[0].bytes, "");
+    EXPECT_EQ(records[1].path, "5.1");
+    EXPECT_EQ(records[1].bytes, "");
+    EXPECT_TRUE(msg.has_stats());
+}
+
 }  // namespace
