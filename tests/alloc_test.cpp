@@ -4,10 +4,7 @@
 // nothing; FillMsgFromField allocates only what protobuf's own merge of the
 // same fields allocates (string values it frees and rebuilds). The binary
 // replaces the global allocation functions with counting ones.
-#include <atomic>
-#include <cstdlib>
 #include <memory>
-#include <new>
 #include <set>
 #include <string>
 #include <vector>
@@ -17,56 +14,11 @@
 #include <gtest/gtest.h>
 
 #include "protobuf_api/protobuf_util.h"
+#include "support/allocation_counter.h"
 #include "support/log_capture.h"
 #include "support/records.h"
 #include "tables2.pb.h"
 #include "tables3.pb.h"
-
-// ---------------------------------------------------------------------------
-// Counting allocation functions for the whole test binary.
-// ---------------------------------------------------------------------------
-
-namespace {
-std::atomic<long> g_allocations{0};
-
-void* CountedAlloc(std::size_t n) {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    return std::malloc(n == 0 ? 1 : n);
-}
-
-void* CountedAlignedAlloc(std::size_t n, std::align_val_t align) {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    const std::size_t a = static_cast<std::size_t>(align);
-    return std::aligned_alloc(a, (n + a - 1) / a * a);
-}
-
-// Out of line, so that the compiler does not pair an inlined free() with the
-// operator new it sees at the call site and warn about a mismatch.
-[[gnu::noinline]] void CountedFree(void* p) { std::free(p); }
-}  // namespace
-
-void* operator new(std::size_t n) {
-    void* p = CountedAlloc(n);
-    if (p == nullptr) throw std::bad_alloc();
-    return p;
-}
-void* operator new[](std::size_t n) { return operator new(n); }
-void* operator new(std::size_t n, const std::nothrow_t&) noexcept { return CountedAlloc(n); }
-void* operator new[](std::size_t n, const std::nothrow_t&) noexcept { return CountedAlloc(n); }
-void* operator new(std::size_t n, std::align_val_t a) {
-    void* p = CountedAlignedAlloc(n, a);
-    if (p == nullptr) throw std::bad_alloc();
-    return p;
-}
-void* operator new[](std::size_t n, std::align_val_t a) { return operator new(n, a); }
-void operator delete(void* p) noexcept { CountedFree(p); }
-void operator delete[](void* p) noexcept { CountedFree(p); }
-void operator delete(void* p, std::size_t) noexcept { CountedFree(p); }
-void operator delete[](void* p, std::size_t) noexcept { CountedFree(p); }
-void operator delete(void* p, std::align_val_t) noexcept { CountedFree(p); }
-void operator delete[](void* p, std::align_val_t) noexcept { CountedFree(p); }
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept { CountedFree(p); }
-void operator delete[](void* p, std::size_t, std::align_val_t) noexcept { CountedFree(p); }
 
 namespace {
 
@@ -82,12 +34,7 @@ using PROTOBUF_UTIL::FillValueSetWithMsg;
 namespace t2 = corvida::test;
 namespace t3 = corvida::test3;
 
-template <typename F>
-long AllocationsOf(F f) {
-    const long before = g_allocations.load();
-    f();
-    return g_allocations.load() - before;
-}
+using corvida_test::AllocationsOf;
 
 // A proto3 player with every singular field set, nested ones included.
 t3::Player3 FullPlayer3() {

@@ -4,10 +4,7 @@
 // that the key encoders' promise of no heap allocation on the plain path can
 // be checked.
 #include <algorithm>
-#include <atomic>
-#include <cstdlib>
 #include <memory>
-#include <new>
 #include <random>
 #include <set>
 #include <string>
@@ -17,58 +14,13 @@
 
 #include "protobuf_api/aes_siv_cipher_suite.h"
 #include "protobuf_api/protobuf_util.h"
+#include "support/allocation_counter.h"
 #include "support/hex.h"
 #include "support/log_capture.h"
 #include "support/random_message.h"
 #include "support/records.h"
 #include "tables2.pb.h"
 #include "tables3.pb.h"
-
-// ---------------------------------------------------------------------------
-// Counting allocation functions for the whole test binary.
-// ---------------------------------------------------------------------------
-
-namespace {
-std::atomic<long> g_allocations{0};
-
-void* CountedAlloc(std::size_t n) {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    return std::malloc(n == 0 ? 1 : n);
-}
-
-void* CountedAlignedAlloc(std::size_t n, std::align_val_t align) {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    const std::size_t a = static_cast<std::size_t>(align);
-    return std::aligned_alloc(a, (n + a - 1) / a * a);
-}
-
-// Out of line, so that the compiler does not pair an inlined free() with the
-// operator new it sees at the call site and warn about a mismatch.
-[[gnu::noinline]] void CountedFree(void* p) { std::free(p); }
-}  // namespace
-
-void* operator new(std::size_t n) {
-    void* p = CountedAlloc(n);
-    if (p == nullptr) throw std::bad_alloc();
-    return p;
-}
-void* operator new[](std::size_t n) { return operator new(n); }
-void* operator new(std::size_t n, const std::nothrow_t&) noexcept { return CountedAlloc(n); }
-void* operator new[](std::size_t n, const std::nothrow_t&) noexcept { return CountedAlloc(n); }
-void* operator new(std::size_t n, std::align_val_t a) {
-    void* p = CountedAlignedAlloc(n, a);
-    if (p == nullptr) throw std::bad_alloc();
-    return p;
-}
-void* operator new[](std::size_t n, std::align_val_t a) { return operator new(n, a); }
-void operator delete(void* p) noexcept { CountedFree(p); }
-void operator delete[](void* p) noexcept { CountedFree(p); }
-void operator delete(void* p, std::size_t) noexcept { CountedFree(p); }
-void operator delete[](void* p, std::size_t) noexcept { CountedFree(p); }
-void operator delete(void* p, std::align_val_t) noexcept { CountedFree(p); }
-void operator delete[](void* p, std::align_val_t) noexcept { CountedFree(p); }
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept { CountedFree(p); }
-void operator delete[](void* p, std::size_t, std::align_val_t) noexcept { CountedFree(p); }
 
 namespace {
 
@@ -1133,12 +1085,7 @@ TEST(KeyDifferential, ManyKeys2) { ExpectKeyIsProtobufsEncodingOfTheKeyFields<t2
 // No heap allocation on the plain path.
 // ---------------------------------------------------------------------------
 
-template <typename F>
-long AllocationsOf(F f) {
-    const long before = g_allocations.load();
-    f();
-    return g_allocations.load() - before;
-}
+using corvida_test::AllocationsOf;
 
 TEST(KeyAllocations, NoneWhenNothingIsEncrypted) {
     LogCapture log(kError);  // rejects the trace lines
