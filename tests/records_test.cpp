@@ -524,6 +524,25 @@ TEST(RecordsVisualize, AbbreviatesLongFields) {
     EXPECT_NE(std::string::npos, out.find("len:100 data:" + std::string(128, '1') + "...(36 more)\n")) << out;
 }
 
+TEST(RecordsVisualize, ShowsLongPathsWhole) {
+    auto set = NewValueSet();
+    std::string path = "1";
+    while (path.size() < 1000) path += ".1";
+    AddV0Field(set.get(), path, 2, "x");
+    std::string out;
+    set->visualize(out);
+    EXPECT_NE(std::string::npos, out.find("  [0] path:" + path + " wire:2 len:1 data:78\n")) << out;
+
+    // A path that fills its array without a terminator is shown up to the
+    // array's end and flagged.
+    std::memset(set->astFields_[0].szTagPath_, '7', CORVIDA_PROTOBUF_MAX_TAG_PATH);
+    out.clear();
+    set->visualize(out);
+    EXPECT_NE(std::string::npos,
+              out.find("path:" + std::string(CORVIDA_PROTOBUF_MAX_TAG_PATH, '7') + "(unterminated) wire:2 len:1"))
+        << out;
+}
+
 TEST(RecordsVisualize, FlagsInconsistentSetsWithoutReadingPastThem) {
     auto set = NewValueSet();
     set->dwFieldNum_ = 200;

@@ -217,9 +217,11 @@ void VisualizeFields(const ProtobufValueSet_& set, std::string& out) {
     for (size_t i = 0; i < shown; ++i) {
         const ProtobufValueField_& field = set.astFields_[i];
         const size_t path_len = TagPathLength(field);
-        AppendF(out, "  [%zu] path:%.*s%s wire:%" PRIu32 " len:%" PRIu32, i, static_cast<int>(path_len),
-                field.szTagPath_, path_len >= CORVIDA_PROTOBUF_MAX_TAG_PATH ? "(unterminated)" : "",
-                field.dwWireType_, field.dwFieldLen_);
+        // A path can be far longer than AppendF's line, so it goes in whole.
+        AppendF(out, "  [%zu] path:", i);
+        out.append(field.szTagPath_, path_len);
+        if (path_len >= CORVIDA_PROTOBUF_MAX_TAG_PATH) out += "(unterminated)";
+        AppendF(out, " wire:%" PRIu32 " len:%" PRIu32, field.dwWireType_, field.dwFieldLen_);
         if (field.dwFieldLen_ > CORVIDA_PROTOBUF_MAX_FIELD_BUFF) {
             out += " (exceeds 262144)";
         } else {
