@@ -690,6 +690,20 @@ TEST(CompareMessageMeta, ShardingKeyDifferenceIsMinus20) {
               std::vector<std::string>{"strSvrShardingKey:zone strClientShardingKey:uid not match."});
 }
 
+TEST(CompareMessageMeta, ShardingKeyDifferenceWithOneIndexEachIsMinus20) {
+    FileDescriptorProto client_file = FileOf(corvida::test::Player2::descriptor());
+    SetIndexes(client_file, "Player2", {"by_name(zone,name)"});
+    const ServerPool client_pool({client_file});
+    FileDescriptorProto server_file = client_file;
+    OptionsOf(server_file, "Player2")->SetExtension(corvidaservice::corvida_sharding_key, "zone");
+
+    LogCapture log;
+    EXPECT_EQ(Compare({server_file}, client_pool.Type("corvida.test.Player2"), log), -20);
+    EXPECT_EQ(log.Texts(kDebug), std::vector<std::string>{"svr sharding key:zone, client sharding key:uid"});
+    EXPECT_EQ(log.Texts(kError),
+              std::vector<std::string>{"strSvrShardingKey:zone strClientShardingKey:uid not match."});
+}
+
 TEST(CompareMessageMeta, ServerIndexMissingInClientIsMinus21) {
     LogCapture log;
     EXPECT_EQ(CompareEdited(

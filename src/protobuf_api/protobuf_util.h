@@ -227,7 +227,7 @@ int FillMsgFromField(std::vector<CorvidaCommon::PbValueSetBuffer::Field>& fields
 // Collects the build errors of a descriptor pool into m_strMsg. Each error
 // turns m_strMsg into old + old + "AddError() called unexpectedly: FILE
 // [ELEMENT]: MESSAGE\n", so n errors leave 2^n - 1 lines. An error that would
-// take m_strMsg to 1 MiB or more is dropped, so a schema with many build
+// take m_strMsg to 64 MiB or more is dropped, so a schema with many build
 // errors cannot exhaust memory. Warnings are dropped.
 class ParseErrorCollector : public google::protobuf::DescriptorPool::ErrorCollector {
 public:

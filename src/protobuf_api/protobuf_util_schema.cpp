@@ -27,7 +27,7 @@ using google::protobuf::FileDescriptorSet;
 using google::protobuf::SimpleDescriptorDatabase;
 
 // The error text a collector keeps stays below this size; see AddError.
-constexpr size_t kMaxErrorText = size_t{1} << 20;
+constexpr size_t kMaxErrorText = size_t{64} << 20;
 
 // Helpers log in the name of the operation they work for: one of these, or
 // the func they are given.
