@@ -274,16 +274,19 @@ TEST_P(BothLayouts, FinishAtCapacityMinusOneIsAccepted) {
     EXPECT_EQ(2, read.wire_type);
 }
 
-TEST_P(BothLayouts, FinishAtCapacityIsRefused) {
+TEST_P(BothLayouts, FinishAboveCapacityIsRefused) {
     Field field = NewField("1");
     ASSERT_EQ(0, vsb_.InsertCutField(field));
     const Snapshot before(*set_);
-    EXPECT_EQ(CorvidaCommon::PBVSB_ERR_BAD_LENGTH, vsb_.FinishCutField(field.idx, field.buf_len));
+    EXPECT_EQ(CorvidaCommon::PBVSB_ERR_BAD_LENGTH, vsb_.FinishCutField(field.idx, field.buf_len + 1));
     EXPECT_TRUE(before == Snapshot(*set_));
-    ExpectErrorLine(log_, "bad length " + std::to_string(field.buf_len) +
+    ExpectErrorLine(log_, "bad length " + std::to_string(field.buf_len + 1) +
                               " of field 0, capacity=" + std::to_string(field.buf_len) + ", ret=-9");
-    // Still open: a valid length closes it.
-    EXPECT_EQ(0, vsb_.FinishCutField(field.idx, 0));
+    // Still open: a length of the whole capacity closes it.
+    EXPECT_EQ(0, vsb_.FinishCutField(field.idx, field.buf_len));
+    Field read = NewField(nullptr);
+    ASSERT_EQ(0, vsb_.GetField(0, read));
+    EXPECT_EQ(field.buf_len, read.buf_len);
 }
 
 TEST_P(BothLayouts, NegativeLengthIsRefused) {
@@ -686,9 +689,9 @@ TEST_F(Version1, NoRoomForAFieldAfterItsPath) {
     Field second = NewField("2");
     ASSERT_EQ(0, vsb_.InsertCutField(second));
     EXPECT_EQ(1, second.buf_len);
-    EXPECT_EQ(CorvidaCommon::PBVSB_ERR_BAD_LENGTH, vsb_.FinishCutField(1, 1));
-    ASSERT_EQ(0, vsb_.FinishCutField(1, 0));
-    EXPECT_EQ(CORVIDA_PROTOBUF_MAX_VALUE_BUF - 1, set_->stCompactValueSet.iValueBufLen);
+    EXPECT_EQ(CorvidaCommon::PBVSB_ERR_BAD_LENGTH, vsb_.FinishCutField(1, 2));
+    ASSERT_EQ(0, vsb_.FinishCutField(1, 1));
+    EXPECT_EQ(CORVIDA_PROTOBUF_MAX_VALUE_BUF, set_->stCompactValueSet.iValueBufLen);
     log_.Clear();
 
     const Snapshot before(*set_);
@@ -696,7 +699,7 @@ TEST_F(Version1, NoRoomForAFieldAfterItsPath) {
     EXPECT_EQ(CorvidaCommon::PBVSB_ERR_NO_ROOM, vsb_.InsertCutField(third));
     EXPECT_TRUE(before == Snapshot(*set_));
     EXPECT_EQ(-1, third.idx);
-    ExpectErrorLine(log_, "no room for field, path=3, value_buf_len=10199999, ret=-6");
+    ExpectErrorLine(log_, "no room for field, path=3, value_buf_len=10200000, ret=-6");
 }
 
 TEST_F(Version1, PathEndingExactlyAtTheBufferEndIsRefused) {

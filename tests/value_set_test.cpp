@@ -489,24 +489,54 @@ TEST_F(FillValueSet, LargestFieldThatFitsIsCut) {
     EXPECT_EQ(records[0].bytes, FieldEncoding(msg, "avatar"));
 }
 
-TEST_F(FillValueSet, FieldFillingItsRegionExactlyIsRefused) {
+TEST_F(FillValueSet, FieldFillingItsRegionExactlyIsCut) {
     Player2 msg;
     msg.set_avatar(std::string(kFirstRegion - kAvatarOverhead, 'a'));
-    EXPECT_EQ(Cut(&msg, {"avatar"}, *m_set, m_log.category()), GEN_ERR_ERR);
-    EXPECT_TRUE(m_log.Has(kError, "vsb.FinishCutField() failed, ret=" +
-                                      std::to_string(CorvidaCommon::PBVSB_ERR_BAD_LENGTH) + ", path=10"))
-        << m_log.Dump();
+    EXPECT_EQ(Cut(&msg, {"avatar"}, *m_set, m_log.category()), 0) << m_log.Dump();
+    const std::vector<Record> records = Records(*m_set);
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].bytes.size(), static_cast<size_t>(kFirstRegion));
+    EXPECT_TRUE(records[0].bytes == FieldEncoding(msg, "avatar"));
+    EXPECT_EQ(m_set->stCompactValueSet.iValueBufLen, CORVIDA_PROTOBUF_MAX_VALUE_BUF);
 }
 
-TEST_F(FillValueSet, FieldLargerThanItsRegionIsRefused) {
+// The stream is not checked for overflow: the record keeps what the stream
+// wrote of the field, closed with the stream's count.
+TEST_F(FillValueSet, FieldLargerThanItsRegionIsCutShort) {
     Player2 msg;
     msg.set_avatar(std::string(CORVIDA_PROTOBUF_MAX_VALUE_BUF + 100, 'a'));
-    msg.set_rating(1);
+    EXPECT_EQ(Cut(&msg, {"avatar"}, *m_set, m_log.category()), 0) << m_log.Dump();
+    EXPECT_TRUE(m_log.Texts(kError).empty()) << m_log.Dump();
+    EXPECT_EQ(m_log.Texts(kDebug), (Texts{"field #1, tagpath:10."}));
+
+    const std::vector<Record> records = Records(*m_set);
+    ASSERT_EQ(records.size(), 1u);
+    ASSERT_LT(records[0].bytes.size(), static_cast<size_t>(kFirstRegion));
+    EXPECT_GT(records[0].bytes.size(), static_cast<size_t>(kFirstRegion) - 64);
+    EXPECT_TRUE(records[0].bytes == FieldEncoding(msg, "avatar").substr(0, records[0].bytes.size()));
+
+    // Merged back, the cut-short field does not parse and is reported.
+    std::vector<PbValueSetBuffer::Field> fields;
+    ASSERT_EQ(PbValueSetBuffer(m_set.get(), 1, nullptr).GetFields(fields), 0);
+    Player2 merged;
+    std::set<std::string> failed;
+    EXPECT_EQ(FillMsgFromField(fields, failed, &merged, nullptr, 0, m_log.category()), 0);
+    EXPECT_EQ(failed, std::set<std::string>{"10"});
+    EXPECT_FALSE(merged.has_avatar());
+}
+
+// A field in a region smaller than the stream's own buffer is counted whole
+// though only what fits reaches the region: the builder cannot close it.
+TEST_F(FillValueSet, FieldCountedPastItsRegionIsRefusedByTheBuilder) {
+    Player2 msg;
+    msg.set_avatar(std::string(CORVIDA_PROTOBUF_MAX_VALUE_BUF + 100, 'a'));
+    msg.set_rating(1);  // a double: 9 bytes, after the avatar has taken all but a few
     EXPECT_EQ(Cut(&msg, {"avatar", "rating"}, *m_set, m_log.category()), GEN_ERR_ERR);
-    EXPECT_TRUE(m_log.Has(kError, "vsb.FinishCutField() failed, ret=" +
-                                      std::to_string(CorvidaCommon::PBVSB_ERR_BAD_LENGTH) + ", path=10"))
-        << m_log.Dump();
-    EXPECT_TRUE(m_log.Texts(kDebug).empty()) << "rating must not be cut";
+    const Texts errors = m_log.Texts(kError);
+    ASSERT_FALSE(errors.empty()) << m_log.Dump();
+    EXPECT_EQ(errors.back(),
+              "vsb.FinishCutField() failed, ret=" + std::to_string(CorvidaCommon::PBVSB_ERR_BAD_LENGTH) + ", path=13");
+    EXPECT_EQ(m_log.Texts(kDebug), (Texts{"field #1, tagpath:10."}));
 }
 
 TEST_F(FillValueSet, BuilderWithoutRoomRefusesTheNextField) {

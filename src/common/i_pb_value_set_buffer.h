@@ -26,7 +26,7 @@ enum {
     PBVSB_ERR_NO_ROOM = -6,           // no byte left for a new field's region
     PBVSB_ERR_BAD_INDEX = -7,         // index out of range
     PBVSB_ERR_NOT_OPEN = -8,          // FinishCutField on a field that is not the open one
-    PBVSB_ERR_BAD_LENGTH = -9,        // FinishCutField length negative or not below the region's capacity
+    PBVSB_ERR_BAD_LENGTH = -9,        // FinishCutField length negative or above the region's capacity
     PBVSB_ERR_CORRUPT = -10,          // a stored entry is inconsistent (received set)
 };
 
@@ -55,9 +55,8 @@ public:
     // from the low three bits of the field's first byte at FinishCutField().
     virtual int InsertCutField(Field& field) = 0;
 
-    // Closes the open field idx with len bytes written into its region. A
-    // length equal to the region's capacity is refused: the writer cannot tell
-    // a region it filled exactly from one that cut its bytes off.
+    // Closes the open field idx with len bytes written into its region; len
+    // may be anything from 0 to the region's capacity.
     virtual int FinishCutField(int idx, int len) = 0;
 
     // Number of fields in the set (the open one included).

@@ -65,7 +65,7 @@ public:
     int InsertCutField(Field& field);
 
     // Closes the open field idx after len bytes were written into its region.
-    // len must be below the region's capacity. Returns 0 or a PBVSB_ERR_*
+    // len must be from 0 to the region's capacity. Returns 0 or a PBVSB_ERR_*
     // code (the field then stays open and holds no bytes).
     int FinishCutField(int idx, int len);
 

@@ -61,7 +61,7 @@ int PbValueSetBufferV0::FinishCutField(int idx, int len) {
         PBVSB_LOG_ERROR(m_log, "field %d is not open, ret=%d", idx, PBVSB_ERR_NOT_OPEN);
         return PBVSB_ERR_NOT_OPEN;
     }
-    if (len < 0 || len >= kRegionSize) {
+    if (len < 0 || len > kRegionSize) {
         PBVSB_LOG_ERROR(m_log, "bad length %d of field %d, capacity=%d, ret=%d", len, idx, kRegionSize,
                         PBVSB_ERR_BAD_LENGTH);
         return PBVSB_ERR_BAD_LENGTH;

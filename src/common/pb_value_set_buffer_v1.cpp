@@ -90,7 +90,7 @@ int PbValueSetBufferV1::FinishCutField(int idx, int len) {
         return PBVSB_ERR_CORRUPT;
     }
     const int capacity = kValueBufSize - region;
-    if (len < 0 || len >= capacity) {
+    if (len < 0 || len > capacity) {
         PBVSB_LOG_ERROR(m_log, "bad length %d of field %d, capacity=%d, ret=%d", len, idx, capacity,
                         PBVSB_ERR_BAD_LENGTH);
         return PBVSB_ERR_BAD_LENGTH;

@@ -160,11 +160,10 @@ int CutField(PbValueSetBuffer& vsb, const FieldDescriptor* fieldDesc, const Mess
         ArrayOutputStream region(const_cast<char*>(field.buf), field.buf_len);
         CodedOutputStream output(&region);
         WireFormat::SerializeFieldWithCachedSizes(fieldDesc, lastmsg, &output);
-        // What fits of a field larger than the region fills the region. The
-        // stream's byte count means nothing after such an overflow, so the
-        // record is closed with the full capacity, a length the builder
-        // refuses: a cut-off field is never taken for a whole one.
-        written = output.HadError() ? field.buf_len : output.ByteCount();
+        // The stream is not checked for overflow: of a field larger than the
+        // region only what the stream could write is kept, and the record is
+        // closed with that shorter length, which the stream counts.
+        written = output.ByteCount();
     }
     ret = vsb.FinishCutField(field.idx, written);
     if (ret != 0) {
