@@ -10,8 +10,11 @@
 #include <string>
 #include <vector>
 
+#include <google/protobuf/descriptor.pb.h>
+#include <google/protobuf/dynamic_message.h>
 #include <gtest/gtest.h>
 
+#include "corvidaservice.optionv1.pb.h"
 #include "protobuf_api/aes_siv_cipher_suite.h"
 #include "protobuf_api/protobuf_util.h"
 #include "support/allocation_counter.h"
@@ -523,6 +526,87 @@ TEST(ExtractMsgKey, WrongDigestFailsBeforeAnyField) {
     EXPECT_TRUE(log.Texts(kTrace).empty()) << log.Dump();
 }
 
+// A one-field table (int64 uid = 1) built at run time with the given
+// options, for combinations no compiled test table has.
+class RuntimeTable {
+public:
+    explicit RuntimeTable(const google::protobuf::MessageOptions& options)
+        : m_pool(google::protobuf::DescriptorPool::generated_pool()) {
+        google::protobuf::FileDescriptorProto file;
+        file.set_name("runtime_table.proto");
+        file.set_package("corvida.runtime");
+        file.add_dependency("corvidaservice.optionv1.proto");
+        google::protobuf::DescriptorProto* type = file.add_message_type();
+        type->set_name("Table");
+        *type->mutable_options() = options;
+        google::protobuf::FieldDescriptorProto* uid = type->add_field();
+        uid->set_name("uid");
+        uid->set_number(1);
+        uid->set_label(google::protobuf::FieldDescriptorProto::LABEL_OPTIONAL);
+        uid->set_type(google::protobuf::FieldDescriptorProto::TYPE_INT64);
+        const google::protobuf::FileDescriptor* built = m_pool.BuildFile(file);
+        EXPECT_NE(built, nullptr);
+        m_message.reset(m_factory.GetPrototype(built->message_type(0))->New());
+        m_message->GetReflection()->SetInt64(m_message.get(), built->message_type(0)->field(0), 7);
+    }
+
+    const Message& message() const { return *m_message; }
+
+private:
+    google::protobuf::DescriptorPool m_pool;
+    google::protobuf::DynamicMessageFactory m_factory;
+    std::unique_ptr<Message> m_message;
+};
+
+google::protobuf::MessageOptions KeyOptions(const std::string& primary_key, const std::string& suite,
+                                            const std::string& md5) {
+    google::protobuf::MessageOptions options;
+    options.SetExtension(corvidaservice::corvida_primary_key, primary_key);
+    if (!suite.empty()) options.SetExtension(corvidaservice::corvida_field_cipher_suite, suite);
+    if (!md5.empty()) options.SetExtension(corvidaservice::corvida_cipher_md5, md5);
+    return options;
+}
+
+TEST(ExtractMsgKey, UnknownSuiteWinsOverAnUnknownKeyName) {
+    LogCapture log;
+    const auto api = AesApi();
+    const RuntimeTable table(KeyOptions("uid, x", "no-such-suite", ""));
+    const Key key = MsgKey(table.message(), true, log.category(), Call{api.get()});
+    EXPECT_EQ(key.ret, -3);
+    EXPECT_EQ(key.size, kCapacity);
+    EXPECT_EQ(log.Texts(kError), (std::vector<std::string>{"suite:no-such-suite not found."}));
+}
+
+TEST(ExtractMsgKey, WrongDigestWinsOverAnUnknownKeyName) {
+    LogCapture log;
+    const auto api = AesApi();
+    const RuntimeTable table(KeyOptions("uid, x", "aes128", "0123"));
+    const Key key = MsgKey(table.message(), true, log.category(), Call{api.get()});
+    EXPECT_EQ(key.ret, -4);
+    EXPECT_EQ(key.size, kCapacity);
+    EXPECT_EQ(log.Texts(kError), (std::vector<std::string>{"suite:aes128 md5sum:" + std::string(kAesMd5) +
+                                                           " meta md5:0123 not match."}));
+}
+
+TEST(ExtractMsgKey, UnknownKeyNameAfterGoodSuiteChecksIsMinus5) {
+    LogCapture log;
+    const auto api = AesApi();
+    const RuntimeTable table(KeyOptions("uid, x", "aes128", kAesMd5));
+    const Key key = MsgKey(table.message(), true, log.category(), Call{api.get()});
+    EXPECT_EQ(key.ret, -5);
+    EXPECT_EQ(key.size, kCapacity);
+    EXPECT_TRUE(log.lines().empty()) << log.Dump();
+}
+
+TEST(ExtractMsgKey, OptionSetToEmptyGivesAnEmptyKey) {
+    LogCapture log;
+    const RuntimeTable table(KeyOptions("", "", ""));
+    const Key key = MsgKey(table.message(), true, log.category());
+    EXPECT_EQ(key.ret, 0);
+    EXPECT_EQ(key.size, 0);
+    EXPECT_TRUE(key.GuardIntact(0));
+}
+
 TEST(ExtractMsgKey, EncryptedFieldWithoutSuiteFails) {
     LogCapture log;
     t2::CryptoNoSuite2 msg;
@@ -650,16 +734,88 @@ TEST(ExtractMsgKey, ShortBufferIsNoticedByTheZeroGrowthCheck) {
     EXPECT_EQ(log.Texts(kError)[0].rfind("key zone serialize bCheck:1 count:", 0), 0u) << log.Dump();
 }
 
-TEST(ExtractMsgKey, ShortBufferGoesUnnoticedWithoutTheCheck) {
+TEST(ExtractMsgKey, ShortBufferWithoutTheCheckReportsTheWholeLength) {
     LogCapture log;
     t2::Player2 msg;
     msg.set_zone(1);
     msg.set_uid(2);
+    const Key whole = MsgKey(msg, false, log.category());
+    ASSERT_EQ(whole.ret, 0);
+    ASSERT_GT(whole.size, 3);
+    log.Clear();
     const Key key = MsgKey(msg, false, log.category(), Call{nullptr, 3});
     EXPECT_EQ(key.ret, 0);
-    EXPECT_LE(key.size, 3);
+    // size is what the fields wrote, the whole key, though buf holds 3 bytes
+    // of it; the dump shows only those.
+    EXPECT_EQ(key.size, whole.size);
     EXPECT_EQ(Hex(std::string(key.buffer.begin(), key.buffer.begin() + 3)), "080110");
     EXPECT_TRUE(key.GuardIntact(3));
+    EXPECT_EQ(log.Texts(kTrace).back(), "0000: 08 01 10") << log.Dump();
+}
+
+// Far past the end of buf the stream's own count means nothing; the key's
+// length is still the whole length, so a key over the limit is refused.
+TEST(ExtractMsgKey, KeyOverTheLimitInTheKeyRecordFailsWithItsFullLength) {
+    t2::LongKey2 msg;
+    for (const size_t data : {1021u, 1025u, 1100u, 5000u, 100000u}) {
+        msg.set_data(std::string(data, 'x'));
+        const int32_t whole = static_cast<int32_t>(msg.ByteSizeLong());
+        for (const int32_t capacity : {0, 16, 512, 1022, 1024}) {
+            LogCapture log;
+            const Key key = MsgKey(msg, false, log.category(), Call{nullptr, capacity});
+            EXPECT_EQ(key.ret, -10) << data << " " << capacity;
+            EXPECT_EQ(key.size, whole) << data << " " << capacity;
+            EXPECT_EQ(log.Texts(kError),
+                      (std::vector<std::string>{"key byte count:" + std::to_string(whole) + " exceed max:1022"}));
+            EXPECT_TRUE(key.GuardIntact(capacity));
+        }
+    }
+}
+
+TEST(ExtractMsgKey, OverflowedKeyCountsEveryLaterField) {
+    t2::MixedKeys2 msg;  // kind (3), name (4), blob (7), pos (9)
+    msg.set_kind(t2::KIND2_HERO);
+    msg.set_name(std::string(600, 'n'));
+    msg.set_blob(std::string(700, 'b'));
+    msg.mutable_pos()->set_x(3);
+    msg.ByteSizeLong();
+    LogCapture roomy_log;
+    const Key roomy = MsgKey(msg, true, roomy_log.category(), Call{nullptr, 4096});
+    ASSERT_EQ(roomy.ret, -10);
+    LogCapture log;
+    const Key key = MsgKey(msg, false, log.category(), Call{nullptr, 100});
+    EXPECT_EQ(key.ret, -10);
+    EXPECT_EQ(key.size, roomy.size);
+    EXPECT_TRUE(key.GuardIntact(100));
+}
+
+TEST(ExtractMsgKey, OverflowedEncryptedKeyCountsTheCiphertext) {
+    const auto api = AesApi();
+    t2::Secret2 msg;
+    msg.set_uid(1);
+    msg.set_token(std::string(1500, 't'));
+    LogCapture roomy_log;
+    const Key roomy = MsgKey(msg, true, roomy_log.category(), Call{api.get(), 4096});
+    ASSERT_EQ(roomy.ret, -10) << roomy_log.Dump();
+    LogCapture log;
+    const Key key = MsgKey(msg, false, log.category(), Call{api.get(), 64});
+    EXPECT_EQ(key.ret, -10);
+    EXPECT_EQ(key.size, roomy.size);
+    EXPECT_TRUE(key.GuardIntact(64));
+}
+
+// A key one byte over the limit in a buffer of exactly the limit: the fields
+// wrote 1023 bytes, so the key fails with that length although buf could take
+// only 1022 of them.
+TEST(ExtractMsgKey, KeyOverTheLimitInABufferOfTheLimitFailsWithItsFullLength) {
+    LogCapture log;
+    t2::LongKey2 msg;
+    msg.set_data(std::string(1020, 'x'));
+    const Key key = MsgKey(msg, true, log.category(), Call{nullptr, 1022});
+    EXPECT_EQ(key.ret, -10);
+    EXPECT_EQ(key.size, 1023);
+    EXPECT_EQ(log.Texts(kError), (std::vector<std::string>{"key byte count:1023 exceed max:1022"}));
+    EXPECT_TRUE(key.GuardIntact(1022));
 }
 
 // ---------------------------------------------------------------------------
@@ -916,6 +1072,41 @@ TEST(ExtractFieldKey, KeyOf1023BytesFailsWithItsLength) {
     EXPECT_EQ(key.size, 1033);
     EXPECT_EQ(log.Texts(kError), (std::vector<std::string>{"key byte count:1033 exceed max:1022"}));
     EXPECT_TRUE(log.Has(kTrace, "field:other byte count before:1022, after:1033")) << log.Dump();
+}
+
+TEST(ExtractFieldKey, KeyOverTheLimitInABufferOfTheLimitFailsWithItsFullLength) {
+    LogCapture log;
+    t2::LongKey2 msg;
+    msg.set_data(std::string(1020, 'x'));
+    const Key key = FieldKey(msg, {1}, log.category(), Call{nullptr, 1022});
+    EXPECT_EQ(key.ret, -10);
+    EXPECT_EQ(key.size, 1023);
+    EXPECT_EQ(log.Texts(kError), (std::vector<std::string>{"key byte count:1023 exceed max:1022"}));
+    EXPECT_FALSE(log.Has(kTrace, "msg key len(1023)"));
+    EXPECT_TRUE(key.GuardIntact(1022));
+}
+
+TEST(ExtractFieldKey, KeyOverTheLimitInTheKeyRecordFailsWithItsFullLength) {
+    LogCapture log;
+    t2::LongKey2 msg;
+    msg.set_data(std::string(1100, 'x'));
+    const Key key = FieldKey(msg, {1}, log.category(), Call{nullptr, 1024});
+    EXPECT_EQ(key.ret, -10);
+    EXPECT_EQ(key.size, 1103);
+    EXPECT_EQ(log.Texts(kError), (std::vector<std::string>{"key byte count:1103 exceed max:1022"}));
+    EXPECT_TRUE(key.GuardIntact(1024));
+}
+
+// The field list is the caller's: the table's primary key option is never
+// read, so one that ExtractMsgKey refuses does not matter.
+TEST(ExtractFieldKey, IgnoresTheTablesPrimaryKeyOption) {
+    LogCapture log;
+    t2::BadKeyEmptyToken2 msg;  // "a,,b"
+    msg.set_a(5);
+    const Key key = FieldKey(msg, {1}, log.category());
+    EXPECT_EQ(key.ret, 0);
+    EXPECT_EQ(key.hex(), "0805");
+    EXPECT_EQ(MsgKey(msg, true, log.category()).ret, -5);
 }
 
 TEST(ExtractFieldKey, EncryptsMarkedStringAndBytesFields) {

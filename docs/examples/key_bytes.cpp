@@ -93,9 +93,8 @@ int main() {
     // [START too-long]
     account.set_email(std::string(1100, 'x'));
     account.ByteSizeLong();
-    std::vector<uint8_t> roomy(2048);  // room for the whole key, so that size tells its length
-    size = static_cast<int32_t>(roomy.size());
-    ret = ProtobufUtil::ExtractFieldKey(&kv, account, {3}, roomy.data(), size, idl.get(), &log);
+    size = sizeof(key);  // the key is cut at the end of key, but size tells its whole length
+    ret = ProtobufUtil::ExtractFieldKey(&kv, account, {3}, key, size, idl.get(), &log);
     // 1 tag byte + 2 length bytes + 1100 bytes: more than 1022.
     Expect(ret == -10 && size == 1103, "a key longer than 1022 bytes");
     // [END too-long]

@@ -101,7 +101,7 @@ int getIndexInfo(const std::string& source, std::string& indexName, std::string&
 // less than anything and nothing is less than a null pointer. m_vecFieldDesc
 // refers to the vector being sorted and is not consulted by the comparison.
 struct _FieldDescPtrFunctor {
-    explicit _FieldDescPtrFunctor(const std::vector<const google::protobuf::FieldDescriptor*>& vecFieldDesc)
+    _FieldDescPtrFunctor(const std::vector<const google::protobuf::FieldDescriptor*>& vecFieldDesc)
         : m_vecFieldDesc(vecFieldDesc) {}
 
     bool operator()(const google::protobuf::FieldDescriptor* a, const google::protobuf::FieldDescriptor* b) const {
@@ -139,8 +139,10 @@ public:
     //   -9  bCheck and a key field added no bytes
     //  -10  key longer than 1022 bytes; size = the full length
     // On failure the bytes already written stay in buf and must be ignored.
-    // Give buf at least 1022 bytes: writing stops at the end of a smaller
-    // one, and a key cut short there is not always noticed.
+    // Give buf at least 1022 bytes. Writing stops at the end of a smaller
+    // one; size then still tells the key's whole length (more than the
+    // capacity, and -10 beyond 1022 bytes), unless bCheck first finds a field
+    // that added no bytes to the full buffer (-9).
     static int ExtractMsgKey(CorvidaKVApi* pKVApi, const google::protobuf::Message& msg, uint8_t* buf,
                              int32_t& size, tagtbl_idl* idl, LPPLOGCATEGORYINST log, bool bCheck);
 

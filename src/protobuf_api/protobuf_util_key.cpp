@@ -7,6 +7,7 @@
 // ExtractMsgKey derives from a table type's options is kept per thread for
 // the types of the generated pool, which live as long as the process.
 #include <algorithm>
+#include <climits>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -36,6 +37,7 @@ using google::protobuf::internal::WireFormatLite;
 using google::protobuf::io::ArrayOutputStream;
 using google::protobuf::io::CodedOutputStream;
 using google::protobuf::io::EpsCopyOutputStream;
+using google::protobuf::io::ZeroCopyOutputStream;
 
 // Longest key the service accepts: two bytes below the 1024-byte szKey of
 // tagtbl_idl.
@@ -217,8 +219,8 @@ int WriteKeyField(const FieldDescriptor* field, KeyWrite how, const KeySource& s
             // stream's slop to spare: the stream then never asks for more room
             // and ends in the state the serializers leave. Near the end of the
             // buffer, and after an overflow, the stream's byte counts depend on
-            // the writer (they go into log lines and the result), so such a
-            // field goes the general way. Reading the error flag through
+            // the writer (they go into log lines and the zero-growth check),
+            // so such a field goes the general way. Reading the error flag through
             // EpsCopy() leaves the stream as it is; CodedOutputStream::HadError
             // would flush it.
             if (!output->EpsCopy()->HadError() &&
@@ -243,6 +245,71 @@ int WriteKeyField(const FieldDescriptor* field, KeyWrite how, const KeySource& s
 struct KeyField {
     const FieldDescriptor* field;
     KeyWrite how;
+};
+
+// An output stream that keeps nothing and counts what is written into it.
+class CountingSink : public ZeroCopyOutputStream {
+public:
+    bool Next(void** data, int* size) override {
+        *data = m_scratch;
+        *size = sizeof(m_scratch);
+        m_count += sizeof(m_scratch);
+        return true;
+    }
+    void BackUp(int count) override { m_count -= count; }
+    int64_t ByteCount() const override { return m_count; }
+
+private:
+    char m_scratch[512];
+    int64_t m_count = 0;
+};
+
+// The key buffer as the key fields are written into it. The coded stream
+// stops at the end of buf without an error of its own, and once it has run
+// out of room its byte count no longer tells what the fields wrote. So the
+// key's length is kept apart: the stream's count while it has room, and from
+// the field that overflowed it on, each field written once more into a
+// counting sink. A key longer than the limit is thus refused with its whole
+// length whatever the size of buf, while the per-field counts (log lines and
+// the zero-growth check) stay the stream's own.
+class KeyOutput {
+public:
+    KeyOutput(uint8_t* buf, int32_t capacity) : m_array(buf, capacity, -1), m_output(&m_array), m_capacity(capacity) {}
+
+    int ByteCount() const { return m_output.ByteCount(); }
+
+    // Writes one key field (see WriteKeyField). Returns 0, -6 or -7.
+    int Write(const FieldDescriptor* field, KeyWrite how, const KeySource& source, tagtbl_idl* idl) {
+        const int ret = WriteKeyField(field, how, source, idl, m_capacity, &m_output);
+        if (ret != 0) return ret;
+        // Reading the error flag through EpsCopy() leaves the stream as it
+        // is; CodedOutputStream::HadError would flush it.
+        if (!m_output.EpsCopy()->HadError()) {
+            m_length = m_output.ByteCount();
+            return 0;
+        }
+        CountingSink sink;
+        {
+            CodedOutputStream counter(&sink);
+            const int measured = WriteKeyField(field, how, source, idl, INT32_MAX, &counter);
+            if (measured != 0) return measured;
+        }
+        m_length += sink.ByteCount();
+        return 0;
+    }
+
+    // The key's length, capped at INT32_MAX; what the stream still holds is
+    // flushed into buf.
+    int32_t Finish() {
+        m_output.Trim();
+        return static_cast<int32_t>(std::min<int64_t>(m_length, INT32_MAX));
+    }
+
+private:
+    ArrayOutputStream m_array;
+    CodedOutputStream m_output;
+    const int32_t m_capacity;
+    int64_t m_length = 0;
 };
 
 // The key fields of a table: a fixed array, spilled into a vector only for
@@ -286,19 +353,15 @@ private:
 // Publishes the key once every field is written: size (the capacity of buf
 // until now) becomes the key length; -10 beyond kMaxKeyBytes, else 0 with the
 // key logged at trace priority in the name of `func`, the calling operation.
-int FinishKey(const char* func, CodedOutputStream* output, const uint8_t* buf, int32_t& size,
-              LPPLOGCATEGORYINST log) {
+int FinishKey(const char* func, KeyOutput* output, const uint8_t* buf, int32_t& size, LPPLOGCATEGORYINST log) {
     const int32_t capacity = size;
-    // The stream may still hold the tail of the key in its own buffer.
-    output->Trim();
-    size = output->ByteCount();
+    size = output->Finish();
     if (size > kMaxKeyBytes) {
         PBU_LOG_IN(func, log, PLOG_PRIORITY_ERROR, "key byte count:%d exceed max:%d", size, kMaxKeyBytes);
         return -10;
     }
     PBU_LOG_IN(func, log, PLOG_PRIORITY_TRACE, "msg key len(%d)", size);
-    // Once buf is full the stream's byte count stops matching what buf holds
-    // (it may even pass the capacity or go negative): dump only bytes of buf.
+    // A key longer than a short buf is cut at its end: dump only bytes of buf.
     PBU_LOG_HEX_IN(func, log, PLOG_PRIORITY_TRACE, buf, static_cast<size_t>(std::max(0, std::min(size, capacity))));
     return 0;
 }
@@ -370,13 +433,11 @@ int ProtobufUtil::ExtractMsgKey(CorvidaKVApi* pKVApi, const Message& msg, uint8_
     if (ret != 0) return ret;
     if (plan.result != 0) return plan.result;
 
-    const int32_t capacity = size;
-    ArrayOutputStream array(buf, capacity, -1);
-    CodedOutputStream output(&array);
+    KeyOutput output(buf, size);
     for (const KeyField& key : plan.fields) {
         const FieldDescriptor* field = key.field;
         const int before = output.ByteCount();
-        ret = WriteKeyField(field, key.how, source, idl, capacity, &output);
+        ret = output.Write(field, key.how, source, idl);
         if (ret != 0) return ret;
         const int after = output.ByteCount();
         PBU_LOG_TRACE(log, "field:%s bCheck:%d byte count before:%d, after:%d", field->name().c_str(),
@@ -412,9 +473,7 @@ int ProtobufUtil::ExtractFieldKey(CorvidaKVApi* pKVApi, const Message& msg, cons
                         source.desc->options().GetExtension(corvidaservice::corvida_field_cipher_suite), log, &source);
     if (ret != 0) return ret;
 
-    const int32_t capacity = size;
-    ArrayOutputStream array(buf, capacity, -1);
-    CodedOutputStream output(&array);
+    KeyOutput output(buf, size);
     for (const int number : vecFields) {
         const FieldDescriptor* field = source.desc->FindFieldByNumber(number);
         if (field == nullptr) {
@@ -422,7 +481,7 @@ int ProtobufUtil::ExtractFieldKey(CorvidaKVApi* pKVApi, const Message& msg, cons
             continue;
         }
         const int before = output.ByteCount();
-        ret = WriteKeyField(field, HowToWrite(field), source, idl, capacity, &output);
+        ret = output.Write(field, HowToWrite(field), source, idl);
         if (ret != 0) return ret;
         const int after = output.ByteCount();
         PBU_LOG_TRACE(log, "field:%s byte count before:%d, after:%d", field->name().c_str(), before, after);
