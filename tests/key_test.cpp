@@ -1072,6 +1072,7 @@ TEST(ExtractFieldKey, KeyOf1023BytesFailsWithItsLength) {
     EXPECT_EQ(key.size, 1033);
     EXPECT_EQ(log.Texts(kError), (std::vector<std::string>{"key byte count:1033 exceed max:1022"}));
     EXPECT_TRUE(log.Has(kTrace, "field:other byte count before:1022, after:1033")) << log.Dump();
+    EXPECT_FALSE(log.Has(kTrace, "msg key len(1033)")) << log.Dump();
 }
 
 TEST(ExtractFieldKey, KeyOverTheLimitInABufferOfTheLimitFailsWithItsFullLength) {
@@ -1156,11 +1157,13 @@ TEST(ExtractFieldKey, FailureRows) {
 
     {  // -1: null idl, descriptor or log; nothing logged.
         LogCapture log;
-        EXPECT_EQ(FieldKey(player, {1}, log.category(), Call{nullptr, kCapacity, nullptr}).ret, -1);
-        EXPECT_EQ(FieldKey(HollowMessage(nullptr, nullptr), {1}, log.category()).ret, -1);
-        const Key key = FieldKey(player, {1}, nullptr);
-        EXPECT_EQ(key.ret, -1);
-        EXPECT_EQ(key.size, kCapacity);
+        for (const Key& key : {FieldKey(player, {1}, log.category(), Call{nullptr, kCapacity, nullptr}),
+                               FieldKey(HollowMessage(nullptr, nullptr), {1}, log.category()),
+                               FieldKey(player, {1}, nullptr)}) {
+            EXPECT_EQ(key.ret, -1);
+            EXPECT_EQ(key.size, kCapacity);
+            EXPECT_TRUE(key.GuardIntact(0));
+        }
         EXPECT_TRUE(log.lines().empty());
     }
     {  // -2: no reflection.
