@@ -755,9 +755,9 @@ TEST(ExtractMsgKey, ShortBufferWithoutTheCheckReportsTheWholeLength) {
 
 // Far past the end of buf the stream's own count means nothing; the key's
 // length is still the whole length, so a key over the limit is refused.
-TEST(ExtractMsgKey, KeyOverTheLimitInTheKeyRecordFailsWithItsFullLength) {
+TEST(ExtractMsgKey, KeyOverTheLimitPastTheBufferFailsWithItsFullLength) {
     t2::LongKey2 msg;
-    for (const size_t data : {1021u, 1025u, 1100u, 5000u, 100000u}) {
+    for (const size_t data : {1020u, 1021u, 1025u, 1100u, 5000u, 100000u}) {
         msg.set_data(std::string(data, 'x'));
         const int32_t whole = static_cast<int32_t>(msg.ByteSizeLong());
         for (const int32_t capacity : {0, 16, 512, 1022, 1024}) {
@@ -802,20 +802,6 @@ TEST(ExtractMsgKey, OverflowedEncryptedKeyCountsTheCiphertext) {
     EXPECT_EQ(key.ret, -10);
     EXPECT_EQ(key.size, roomy.size);
     EXPECT_TRUE(key.GuardIntact(64));
-}
-
-// A key one byte over the limit in a buffer of exactly the limit: the fields
-// wrote 1023 bytes, so the key fails with that length although buf could take
-// only 1022 of them.
-TEST(ExtractMsgKey, KeyOverTheLimitInABufferOfTheLimitFailsWithItsFullLength) {
-    LogCapture log;
-    t2::LongKey2 msg;
-    msg.set_data(std::string(1020, 'x'));
-    const Key key = MsgKey(msg, true, log.category(), Call{nullptr, 1022});
-    EXPECT_EQ(key.ret, -10);
-    EXPECT_EQ(key.size, 1023);
-    EXPECT_EQ(log.Texts(kError), (std::vector<std::string>{"key byte count:1023 exceed max:1022"}));
-    EXPECT_TRUE(key.GuardIntact(1022));
 }
 
 // ---------------------------------------------------------------------------
@@ -1075,27 +1061,26 @@ TEST(ExtractFieldKey, KeyOf1023BytesFailsWithItsLength) {
     EXPECT_FALSE(log.Has(kTrace, "msg key len(1033)")) << log.Dump();
 }
 
-TEST(ExtractFieldKey, KeyOverTheLimitInABufferOfTheLimitFailsWithItsFullLength) {
-    LogCapture log;
-    t2::LongKey2 msg;
-    msg.set_data(std::string(1020, 'x'));
-    const Key key = FieldKey(msg, {1}, log.category(), Call{nullptr, 1022});
-    EXPECT_EQ(key.ret, -10);
-    EXPECT_EQ(key.size, 1023);
-    EXPECT_EQ(log.Texts(kError), (std::vector<std::string>{"key byte count:1023 exceed max:1022"}));
-    EXPECT_FALSE(log.Has(kTrace, "msg key len(1023)"));
-    EXPECT_TRUE(key.GuardIntact(1022));
-}
-
-TEST(ExtractFieldKey, KeyOverTheLimitInTheKeyRecordFailsWithItsFullLength) {
-    LogCapture log;
-    t2::LongKey2 msg;
-    msg.set_data(std::string(1100, 'x'));
-    const Key key = FieldKey(msg, {1}, log.category(), Call{nullptr, 1024});
-    EXPECT_EQ(key.ret, -10);
-    EXPECT_EQ(key.size, 1103);
-    EXPECT_EQ(log.Texts(kError), (std::vector<std::string>{"key byte count:1103 exceed max:1022"}));
-    EXPECT_TRUE(key.GuardIntact(1024));
+// Past the end of buf the key's whole length is still counted: just past it
+// (the stream's own buffer holds the tail) and far past it.
+TEST(ExtractFieldKey, KeyOverTheLimitPastTheBufferFailsWithItsFullLength) {
+    struct Case {
+        size_t data;
+        int32_t capacity;
+    };
+    for (const Case c : {Case{1020, 1022}, Case{1100, 1024}}) {
+        LogCapture log;
+        t2::LongKey2 msg;
+        msg.set_data(std::string(c.data, 'x'));
+        const int32_t whole = static_cast<int32_t>(msg.ByteSizeLong());
+        const Key key = FieldKey(msg, {1}, log.category(), Call{nullptr, c.capacity});
+        EXPECT_EQ(key.ret, -10) << c.data;
+        EXPECT_EQ(key.size, whole) << c.data;
+        EXPECT_EQ(log.Texts(kError),
+                  (std::vector<std::string>{"key byte count:" + std::to_string(whole) + " exceed max:1022"}));
+        EXPECT_FALSE(log.Has(kTrace, "msg key len(" + std::to_string(whole) + ")"));
+        EXPECT_TRUE(key.GuardIntact(c.capacity));
+    }
 }
 
 // The field list is the caller's: the table's primary key option is never
