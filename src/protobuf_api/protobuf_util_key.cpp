@@ -220,9 +220,9 @@ int WriteKeyField(const FieldDescriptor* field, KeyWrite how, const KeySource& s
             // and ends in the state the serializers leave. Near the end of the
             // buffer, and after an overflow, the stream's byte counts depend on
             // the writer (they go into log lines and the zero-growth check),
-            // so such a field goes the general way. Reading the error flag through
-            // EpsCopy() leaves the stream as it is; CodedOutputStream::HadError
-            // would flush it.
+            // so such a field goes the general way. Reading the error flag
+            // through EpsCopy() leaves the stream as it is;
+            // CodedOutputStream::HadError would flush it.
             if (!output->EpsCopy()->HadError() &&
                 WritePlainSingular(field, source,
                                    int64_t{capacity} - output->ByteCount() - EpsCopyOutputStream::kSlopBytes, output)) {
@@ -269,9 +269,10 @@ private:
 // out of room its byte count no longer tells what the fields wrote. So the
 // key's length is kept apart: the stream's count while it has room, and from
 // the field that overflowed it on, each field written once more into a
-// counting sink. A key longer than the limit is thus refused with its whole
-// length whatever the size of buf, while the per-field counts (log lines and
-// the zero-growth check) stay the stream's own.
+// counting sink (an encrypted one is encrypted again: a suite's ciphertext of
+// one value has one length). A key longer than the limit is refused with its
+// whole length whatever the size of buf, while the per-field counts (log
+// lines and the zero-growth check) stay the stream's own.
 class KeyOutput {
 public:
     KeyOutput(uint8_t* buf, int32_t capacity) : m_array(buf, capacity, -1), m_output(&m_array), m_capacity(capacity) {}
