@@ -61,6 +61,22 @@ void CheckKey(benchmark::State& state, int ret, const uint8_t* buf, int32_t size
     }
 }
 
+// The timed loop of the key encoders: extract(buf, size) with size set to the
+// key buffer's capacity before each call. Returns the results ORed together;
+// buf and size hold the last key.
+template <typename Extract>
+int TimeKeyCalls(benchmark::State& state, uint8_t* buf, int32_t& size, Extract extract) {
+    int ret = 0;
+    const long before = Allocations();
+    for (auto _ : state) {
+        size = kKeyCapacity;
+        ret |= extract(buf, size);
+        benchmark::DoNotOptimize(buf);
+    }
+    ReportAllocations(state, before);
+    return ret;
+}
+
 template <typename Record, typename Key>
 void BM_ExtractMsgKey(benchmark::State& state) {
     Record msg;
@@ -68,14 +84,9 @@ void BM_ExtractMsgKey(benchmark::State& state) {
     QuietLog log;
     uint8_t buf[kKeyCapacity];
     int32_t size = 0;
-    int ret = 0;
-    const long before = Allocations();
-    for (auto _ : state) {
-        size = kKeyCapacity;
-        ret |= ProtobufUtil::ExtractMsgKey(nullptr, msg, buf, size, SharedIdl(), log.category(), true);
-        benchmark::DoNotOptimize(buf);
-    }
-    ReportAllocations(state, before);
+    const int ret = TimeKeyCalls(state, buf, size, [&](uint8_t* out, int32_t& len) {
+        return ProtobufUtil::ExtractMsgKey(nullptr, msg, out, len, SharedIdl(), log.category(), true);
+    });
     CheckKey(state, ret, buf, size, KeyOf<Key>(msg).SerializeAsString(), log);
 }
 
@@ -86,14 +97,9 @@ void BM_ExtractFieldKey(benchmark::State& state) {
     QuietLog log;
     uint8_t buf[kKeyCapacity];
     int32_t size = 0;
-    int ret = 0;
-    const long before = Allocations();
-    for (auto _ : state) {
-        size = kKeyCapacity;
-        ret |= ProtobufUtil::ExtractFieldKey(nullptr, msg, kKeyNumbers, buf, size, SharedIdl(), log.category());
-        benchmark::DoNotOptimize(buf);
-    }
-    ReportAllocations(state, before);
+    const int ret = TimeKeyCalls(state, buf, size, [&](uint8_t* out, int32_t& len) {
+        return ProtobufUtil::ExtractFieldKey(nullptr, msg, kKeyNumbers, out, len, SharedIdl(), log.category());
+    });
     CheckKey(state, ret, buf, size, KeyOf<Key>(msg).SerializeAsString(), log);
 }
 
@@ -182,14 +188,9 @@ void BM_ExtractMsgKeyEncrypted(benchmark::State& state) {
     QuietLog log;
     uint8_t buf[kKeyCapacity];
     int32_t size = 0;
-    int ret = 0;
-    const long before = Allocations();
-    for (auto _ : state) {
-        size = kKeyCapacity;
-        ret |= ProtobufUtil::ExtractMsgKey(api.get(), msg, buf, size, SharedIdl(), log.category(), true);
-        benchmark::DoNotOptimize(buf);
-    }
-    ReportAllocations(state, before);
+    const int ret = TimeKeyCalls(state, buf, size, [&](uint8_t* out, int32_t& len) {
+        return ProtobufUtil::ExtractMsgKey(api.get(), msg, out, len, SharedIdl(), log.category(), true);
+    });
     const size_t expected = KeyOf<Key>(plain).ByteSizeLong() + AesSivCipherSuite::kSivLength;
     if (ret != 0) {
         Fail(state, "result " + std::to_string(ret));

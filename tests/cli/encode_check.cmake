@@ -12,25 +12,10 @@
 # with its own directory and IMPORT_DIRS as proto path.
 cmake_minimum_required(VERSION 3.25)
 
-get_filename_component(proto_dir "${WORK_DIR}/${PROTO}" DIRECTORY)
-get_filename_component(proto_name "${PROTO}" NAME)
-set(include_args "-I${proto_dir}")
-foreach(dir IN LISTS IMPORT_DIRS)
-    list(APPEND include_args "-I${dir}")
-endforeach()
-file(MAKE_DIRECTORY "${TMP_DIR}")
+include("${CMAKE_CURRENT_LIST_DIR}/protoc_support.cmake")
 set(encoded "${TMP_DIR}/${TABLE}.key.bin")
 
-execute_process(
-    COMMAND "${PROTOC}" "--encode=${TABLE}" ${include_args} "${proto_name}"
-    WORKING_DIRECTORY "${proto_dir}"
-    INPUT_FILE "${WORK_DIR}/${KEY_TEXT}"
-    OUTPUT_FILE "${encoded}"
-    RESULT_VARIABLE status
-    ERROR_VARIABLE err)
-if(NOT status EQUAL 0)
-    message(FATAL_ERROR "protoc --encode failed (${status}):\n${err}")
-endif()
+protoc_table(encode "${WORK_DIR}/${KEY_TEXT}" "${encoded}")
 file(READ "${encoded}" expected_hex HEX)
 
 execute_process(

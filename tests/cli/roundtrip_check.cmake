@@ -10,14 +10,9 @@
 #         -P roundtrip_check.cmake
 cmake_minimum_required(VERSION 3.25)
 
-get_filename_component(proto_dir "${WORK_DIR}/${PROTO}" DIRECTORY)
-get_filename_component(proto_name "${PROTO}" NAME)
-set(include_args "-I${proto_dir}")
-foreach(dir IN LISTS IMPORT_DIRS)
-    list(APPEND include_args "-I${dir}")
-endforeach()
-file(MAKE_DIRECTORY "${TMP_DIR}")
+include("${CMAKE_CURRENT_LIST_DIR}/protoc_support.cmake")
 set(encoded "${TMP_DIR}/${TABLE}.roundtrip.bin")
+set(decoded "${TMP_DIR}/${TABLE}.roundtrip.txt")
 set(packed "${TMP_DIR}/${TABLE}.roundtrip.pvs")
 
 function(run_checked)
@@ -36,24 +31,9 @@ function(run_checked)
     endif()
 endfunction()
 
-execute_process(
-    COMMAND "${PROTOC}" "--encode=${TABLE}" ${include_args} "${proto_name}"
-    WORKING_DIRECTORY "${proto_dir}"
-    INPUT_FILE "${WORK_DIR}/${TEXT}"
-    OUTPUT_FILE "${encoded}"
-    RESULT_VARIABLE status)
-if(NOT status EQUAL 0)
-    message(FATAL_ERROR "protoc --encode failed (${status})")
-endif()
-execute_process(
-    COMMAND "${PROTOC}" "--decode=${TABLE}" ${include_args} "${proto_name}"
-    WORKING_DIRECTORY "${proto_dir}"
-    INPUT_FILE "${encoded}"
-    OUTPUT_VARIABLE original
-    RESULT_VARIABLE status)
-if(NOT status EQUAL 0)
-    message(FATAL_ERROR "protoc --decode failed (${status})")
-endif()
+protoc_table(encode "${WORK_DIR}/${TEXT}" "${encoded}")
+protoc_table(decode "${encoded}" "${decoded}")
+file(READ "${decoded}" original)
 
 run_checked("${EXE}" cut --proto "${PROTO}" --table "${TABLE}" --text-file "${TEXT}" --paths "${PATHS}"
             --packed "${packed}")
