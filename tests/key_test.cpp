@@ -640,6 +640,47 @@ TEST(ExtractMsgKey, OutputLengthBeyondTheCapacityCountsAsFailedEncryption) {
     EXPECT_EQ(MsgKey(msg, true, log.category(), Call{api.get()}).ret, -7);
 }
 
+// A suite named "aes128" with the right digest that only counts its calls.
+class CountingSuite : public CipherSuite {
+public:
+    const char* GetName() override { return "aes128"; }
+    int Init(const std::string&) override { return 0; }
+    int Encrypt(const unsigned char*, int, unsigned char*, int& outlen) override {
+        ++calls;
+        outlen = 0;
+        return 0;
+    }
+    int Decrypt(const unsigned char*, int, unsigned char*, int&) override { return -1; }
+    const std::string GetCipherKeyMD5() override { return kAesMd5; }
+    const std::string GetErrMsg() override { return ""; }
+
+    int calls = 0;
+};
+
+// The suite takes the value's length as an int: a value of 2^32 + 5 bytes
+// must not reach it as 5 bytes, or two records would share one key.
+TEST(ExtractMsgKey, EncryptedValueLongerThanAnIntFailsWithoutCallingTheSuite) {
+    LogCapture log;
+    CorvidaKVApi api;
+    auto owned = std::make_unique<CountingSuite>();
+    CountingSuite* suite = owned.get();
+    ASSERT_EQ(api.AddCipherSuite(std::move(owned)), 0);
+    t2::Secret2 msg;
+    msg.set_uid(1);
+    std::string huge;
+    huge.resize((size_t{1} << 32) + 5, 'x');
+    msg.set_token(std::move(huge));
+
+    const Key by_key = MsgKey(msg, true, log.category(), Call{&api});
+    EXPECT_EQ(by_key.ret, -7);
+    EXPECT_EQ(by_key.size, kCapacity);
+    const Key by_fields = FieldKey(msg, {2}, log.category(), Call{&api});
+    EXPECT_EQ(by_fields.ret, -7);
+    EXPECT_EQ(by_fields.size, kCapacity);
+    EXPECT_EQ(suite->calls, 0);
+    EXPECT_TRUE(log.Texts(kError).empty()) << log.Dump();
+}
+
 TEST(ExtractMsgKey, CryptoMarkOnIntegerFieldIsIgnored) {
     LogCapture log;
     const auto api = AesApi();

@@ -108,6 +108,9 @@ int WriteEncryptedField(const FieldDescriptor* field, const KeySource& source, t
     if (field->is_repeated()) return -7;
     std::string scratch;
     const std::string& value = source.reflection->GetStringReference(*source.msg, field, &scratch);
+    // The suite takes an int length: a longer value would be encrypted cut
+    // short, and two different records would share one key.
+    if (value.size() > static_cast<size_t>(INT_MAX)) return -7;
     int outlen = kCipherCapacity;
     const int ret = source.suite->Encrypt(reinterpret_cast<const unsigned char*>(value.data()),
                                           static_cast<int>(value.size()), idl->szValue, outlen);
