@@ -11,20 +11,19 @@
 #include "corvida-pb/schema_loader.h"
 #include "corvida-pb/status.h"
 #include "game.pb.h"
+#include "protobuf_api/aes_siv_cipher_suite.h"
 
 namespace corvida_pb {
 namespace {
 
 using corvida::example::Player;
 
-const CommandHelp kHelp = {
-    "demo",
+const char kDescription[] =
     "Runs every step on the example tables (examples/tables/game.proto, compiled\n"
     "into the tool): the primary key and a field key of a Player, a value set cut\n"
     "out of it, packed, unpacked and merged back, a merge that reports the\n"
     "encrypted field, the schema of Player and Guild, and a comparison with a\n"
-    "compatible and an incompatible server schema. Needs no files.\n",
-};
+    "compatible and an incompatible server schema. Needs no files.\n";
 
 // The demo key of the suite "game-aes" named by Player; never use it in
 // production.
@@ -47,14 +46,14 @@ std::string RequireKey(CORVIDA_KV::CorvidaKVApi* api, const Player& player, cons
                        LPPLOGCATEGORYINST log) {
     std::string key;
     const int ret = ComputeKey(api, player, fields, true, log, &key);
-    if (ret != 0) throw Failure(ExplainKeyResult(ret, Player::descriptor(), fields != nullptr, api, key.size()));
+    if (ret != 0) throw Failure(ExplainKeyResult(ret, player, fields, api, key.size()));
     return key;
 }
 
 void RequireCut(Player* player, const std::set<std::string>& paths, bool with_keys, ProtobufValueSet_* set,
                 LPPLOGCATEGORYINST log) {
     const int ret = CutValueSet(player, paths, with_keys, set, log);
-    if (ret != 0) throw Failure(ExplainCutResult(ret));
+    if (ret != 0) throw Failure(ExplainCutResult(ret, Player::descriptor(), paths, {}));
 }
 
 void MergeAndPrint(const ProtobufValueSet_& set, Player* player, LPPLOGCATEGORYINST log) {
@@ -154,23 +153,32 @@ void SchemaSteps(LPPLOGCATEGORYINST log) {
     PrintComparison(changed.SerializeAsString(), log);
 }
 
+class DemoCommand : public Command {
+public:
+    explicit DemoCommand(CLI::App* parent)
+        : Command(parent, "demo", "run every step on the bundled example tables", kDescription) {
+        AddLogLevelOption();
+    }
+
+    int Run() override {
+        CliLog log(log_priority());
+        CORVIDA_KV::CorvidaKVApi api;
+        std::unique_ptr<AesSivCipherSuite> suite(new AesSivCipherSuite("game-aes"));
+        if (suite->Init(kGameAesKey) != 0) throw Failure("the demo key is refused: " + suite->GetErrMsg());
+        api.AddCipherSuite(std::move(suite));
+        Player player;
+        ParseMessageText(kPlayerText, "the demo Player", &player);
+        std::cout << "The demo Player:\n" << kPlayerText;
+
+        KeySteps(&api, player, log.category());
+        ValueSetSteps(player, log.category());
+        SchemaSteps(log.category());
+        return kExitOk;
+    }
+};
+
 }  // namespace
 
-int RunDemo(const std::vector<std::string>& words) {
-    ParsedArgs args;
-    if (!ParseCommandLine(kHelp, {LogLevelOption()}, words, &args)) return kExitOk;
-    CliLog log(LogLevelOf(args));
-
-    CORVIDA_KV::CorvidaKVApi api;
-    AddAesSivSuite("game-aes", kGameAesKey, &api);
-    Player player;
-    ParseMessageText(kPlayerText, "the demo Player", &player);
-    std::cout << "The demo Player:\n" << kPlayerText;
-
-    KeySteps(&api, player, log.category());
-    ValueSetSteps(player, log.category());
-    SchemaSteps(log.category());
-    return kExitOk;
-}
+std::unique_ptr<Command> MakeDemoCommand(CLI::App* parent) { return std::make_unique<DemoCommand>(parent); }
 
 }  // namespace corvida_pb

@@ -6,35 +6,36 @@
 #include "corvida-pb/explain.h"
 #include "corvida-pb/files.h"
 #include "corvida-pb/report.h"
+#include "corvida-pb/schema_diff.h"
 #include "corvida-pb/status.h"
 #include "protobuf_api/protobuf_util.h"
 
 namespace corvida_pb {
+
+using google::protobuf::Descriptor;
+using google::protobuf::FileDescriptor;
+
 namespace {
 
-const CommandHelp kSchemaHelp = {
-    "schema",
+const char kSchemaDescription[] =
     "Loads a schema blob (a serialized FileDescriptorSet, as the server delivers\n"
     "it) with FillMessageGroup and prints the table's primary-key, sharding-key\n"
     "and index field numbers with their names. The blob comes from --schema, or\n"
-    "is made from the files of --proto or --descriptor-set.\n",
-};
+    "is made from the files of --proto or --descriptor-set.\n";
 
-const CommandHelp kCompareHelp = {
-    "compare",
+const char kCompareDescription[] =
     "Checks the server's schema blob of a table (--schema) against the client's\n"
     "definition of it (--proto or --descriptor-set) with GetMetaAndCompare, and\n"
-    "explains the first difference that makes them incompatible. Exit status 0\n"
-    "when they are compatible, 1 when not.\n",
-};
+    "explains the first difference that makes them incompatible; with --all,\n"
+    "lists every difference as FILE:LINE:COL: message, pointing at the client's\n"
+    "declaration. Exit status 0 when they are compatible, 3 when not, 1 when\n"
+    "the check cannot be made.\n";
 
-const CommandHelp kBlobHelp = {
-    "blob",
+const char kBlobDescription[] =
     "Writes the schema blob of the loaded .proto files to -o: a serialized\n"
     "FileDescriptorSet of the files and of every file they import, the option\n"
     "file included, as protoc --include_imports --descriptor_set_out writes it.\n"
-    "With --table, only the table's file and its imports.\n",
-};
+    "With --table, only the table's file and its imports.\n";
 
 // The table's name inside the blob: FillMessageGroup and GetMetaAndCompare
 // look a top-level message up without its package.
@@ -43,115 +44,216 @@ std::string ShortName(const std::string& name) {
     return dot == std::string::npos ? name : name.substr(dot + 1);
 }
 
-std::string BlobOfTable(const google::protobuf::Descriptor* table) {
-    return SchemaBlobOf({table->file()}).SerializeAsString();
+// True when name (short, package-qualified or full) names type.
+bool NamesType(const std::string& name, const Descriptor* type) {
+    const std::string& full = type->full_name();
+    return full == name ||
+           (full.size() > name.size() && full.compare(full.size() - name.size(), name.size(), name) == 0 &&
+            full[full.size() - name.size() - 1] == '.');
 }
+
+void WarnIgnoredIndexes(const CLI::App* app, const Descriptor* table) {
+    for (const std::string& warning : IgnoredIndexEntries(table)) PrintWarning(app, warning);
+}
+
+class SchemaCommand : public Command {
+public:
+    explicit SchemaCommand(CLI::App* parent)
+        : Command(parent, "schema", "load a schema blob and print the table's key, sharding-key and index fields",
+                  kSchemaDescription) {
+        CLI::Option* schema =
+            app()->add_option("--schema", m_schema, "the schema blob ('-' for standard input)")->type_name("FILE");
+        ReadsFile(schema);
+        AddSchemaOptions("the table: a top-level message type, by short, package-qualified or full name", true,
+                         false);
+        Exclusive({schema, proto_option()});
+        Exclusive({schema, descriptor_set_option()});
+        Exclusive({schema, include_option()});
+        RequireOneOf({schema, proto_option(), descriptor_set_option()});
+        AddFormatOption();
+        AddLogLevelOption();
+    }
+
+    int Run() override {
+        CliLog log(log_priority());
+        std::string blob;
+        if (has_schema_options()) {
+            std::unique_ptr<Schema> schema = LoadSchema();
+            blob = SchemaBlobOf({FindTable(*schema)->file()}).SerializeAsString();
+        } else {
+            blob = ReadFile(m_schema);
+        }
+
+        PROTOBUF_UTIL::MsgDescGroup group;
+        const Descriptor* table =
+            PROTOBUF_UTIL::FillMessageGroup(ShortName(table_name()), blob, &group, log.category());
+        if (group.m_desc != nullptr) WarnIgnoredIndexes(app(), group.m_desc);
+        if (table == nullptr) throw Failure(ExplainGroupFailure(ShortName(table_name()), blob, group));
+        if (!NamesType(table_name(), table)) {
+            throw Failure("the schema blob's table \"" + table->name() + "\" is " + table->full_name() + ", not " +
+                          table_name());
+        }
+        if (json()) {
+            PrintJson(std::cout, GroupJson(group));
+        } else {
+            PrintGroup(std::cout, group);
+        }
+        return kExitOk;
+    }
+
+private:
+    std::string m_schema;
+};
+
+class CompareCommand : public Command {
+public:
+    explicit CompareCommand(CLI::App* parent)
+        : Command(parent, "compare", "check a server schema blob against the client's table definition",
+                  kCompareDescription) {
+        ReadsFile(app()->add_option("--schema", m_schema, "the server's schema blob ('-' for standard input)")
+                      ->type_name("FILE")
+                      ->required());
+        AddSchemaOptions("the table: the client's top-level message type, by short, package-qualified or full name");
+        app()->add_flag("--all", m_all, "list every difference, one per line as FILE:LINE:COL: message");
+        AddFormatOption();
+        AddLogLevelOption();
+    }
+
+    int Run() override {
+        CliLog log(log_priority());
+        const std::string blob = ReadFile(m_schema);
+        std::unique_ptr<Schema> schema = LoadSchema();
+        const Descriptor* client = FindTable(*schema);
+        std::unique_ptr<Schema> server = ServerSchema(blob);
+        const Descriptor* server_table = server ? server->FindTopLevelMessage(client->name()) : nullptr;
+        if (server_table != nullptr) WarnIgnoredIndexes(app(), server_table);
+        WarnIgnoredIndexes(app(), client);
+
+        const int ret = PROTOBUF_UTIL::GetMetaAndCompare(client->name(), blob, client, log.category());
+        if (ret == -1 || ret == -2) {
+            throw Failure("cannot compare: " + ExplainCompareResult(ret) + " (result " + std::to_string(ret) + ")");
+        }
+        std::vector<SchemaDifference> differences;
+        if (ret != 0 && m_all) differences = Differences(server_table, client, ret);
+        if (json()) {
+            PrintJsonResult(*schema, client, ret, differences);
+        } else if (ret == 0) {
+            std::cout << "compatible: the server's " << client->name() << " matches " << client->full_name() << "\n";
+        } else if (!m_all) {
+            std::cout << "incompatible (result " << ret << "): " << ExplainCompareResult(ret) << "\n";
+        } else {
+            for (const SchemaDifference& difference : differences) {
+                std::cout << Location(*schema, difference) << ": " << difference.message << "\n";
+            }
+        }
+        return ret == 0 ? kExitOk : kExitNegative;
+    }
+
+private:
+    // The server's files for warnings and --all; null when the blob cannot be
+    // loaded (the library's result then says why).
+    std::unique_ptr<Schema> ServerSchema(const std::string& blob) const {
+        try {
+            return Schema::FromDescriptorSetBytes(blob, DisplayName(m_schema));
+        } catch (const Failure&) {
+            return nullptr;
+        }
+    }
+
+    // Every difference, the one GetMetaAndCompare reported (code) first.
+    static std::vector<SchemaDifference> Differences(const Descriptor* server_table, const Descriptor* client,
+                                                     int code) {
+        std::vector<SchemaDifference> differences;
+        if (server_table != nullptr) differences = ListSchemaDifferences(server_table, client);
+        if (differences.empty() || differences.front().code != code) {
+            // Not expected: the library found a difference the walk did not.
+            SchemaDifference first;
+            first.code = code;
+            first.file = client->file();
+            first.message = ExplainCompareResult(code) + " (result " + std::to_string(code) + ")";
+            differences.insert(differences.begin(), first);
+        }
+        return differences;
+    }
+
+    static std::string Location(const Schema& schema, const SchemaDifference& difference) {
+        std::string location = schema.FileDisplayName(difference.file);
+        if (difference.line > 0) {
+            location += ":" + std::to_string(difference.line) + ":" + std::to_string(difference.column);
+        }
+        return location;
+    }
+
+    void PrintJsonResult(const Schema& schema, const Descriptor* client, int ret,
+                         const std::vector<SchemaDifference>& differences) const {
+        Json result = {{"table", client->full_name()}, {"compatible", ret == 0}, {"code", ret}};
+        if (ret != 0) result["explanation"] = ExplainCompareResult(ret);
+        if (m_all) {
+            Json list = Json::array();
+            for (const SchemaDifference& difference : differences) {
+                Json item = {{"file", schema.FileDisplayName(difference.file)}};
+                item["line"] = difference.line > 0 ? Json(difference.line) : Json(nullptr);
+                item["column"] = difference.line > 0 ? Json(difference.column) : Json(nullptr);
+                item["code"] = difference.code;
+                item["message"] = difference.message;
+                list.push_back(item);
+            }
+            result["differences"] = list;
+        }
+        PrintJson(std::cout, result);
+    }
+
+    std::string m_schema;
+    bool m_all = false;
+};
+
+class BlobCommand : public Command {
+public:
+    explicit BlobCommand(CLI::App* parent)
+        : Command(parent, "blob", "write the schema blob of .proto files", kBlobDescription) {
+        AddSchemaOptions("write only this table's file and its imports", false);
+        app()->add_option("-o,--output", m_output, "where to write the blob ('-' for standard output)")
+            ->type_name("FILE")
+            ->required();
+        AddFormatOption();
+        AddLogLevelOption();
+    }
+
+    int Run() override {
+        if (m_output == "-" && json()) {
+            throw UsageError("--format json reports on standard output, which -o - fills with the blob");
+        }
+        CliLog log(log_priority());
+        std::unique_ptr<Schema> schema = LoadSchema();
+        std::vector<const FileDescriptor*> roots = schema->files();
+        if (!table_name().empty()) roots = {FindTable(*schema)->file()};
+        for (const FileDescriptor* file : roots) {
+            for (int i = 0; i < file->message_type_count(); ++i) WarnIgnoredIndexes(app(), file->message_type(i));
+        }
+        const google::protobuf::FileDescriptorSet set = SchemaBlobOf(roots);
+        const std::string blob = set.SerializeAsString();
+        WriteFile(m_output, blob);
+        std::vector<std::string> names;
+        for (const auto& file : set.file()) names.push_back(file.name());
+        if (json()) {
+            PrintJson(std::cout, {{"files", names}, {"bytes", blob.size()}, {"output", m_output}});
+        } else if (m_output != "-") {
+            std::cout << "schema blob of " << names.size() << " files: " << JoinComma(names) << "\n"
+                      << "wrote " << blob.size() << " bytes to " << m_output << "\n";
+        }
+        return kExitOk;
+    }
+
+private:
+    std::string m_output;
+};
 
 }  // namespace
 
-int RunSchema(const std::vector<std::string>& words) {
-    std::vector<OptionDef> defs = {
-        {"schema", 0, "FILE", false, "the schema blob ('-' for standard input)"},
-    };
-    for (const OptionDef& def : SchemaOptions("the table: the name of a top-level message type")) {
-        defs.push_back(def);
-    }
-    defs.push_back(LogLevelOption());
+std::unique_ptr<Command> MakeSchemaCommand(CLI::App* parent) { return std::make_unique<SchemaCommand>(parent); }
 
-    ParsedArgs args;
-    if (!ParseCommandLine(kSchemaHelp, defs, words, &args)) return kExitOk;
-    RequireOption(args, "table");
-    RefuseBoth(args, "schema", "proto");
-    RefuseBoth(args, "schema", "descriptor-set");
-    if (!args.Has("schema")) CheckSchemaArgs(args);
-    if (args.Has("schema") && args.Has("proto-path")) throw UsageError("-I/--proto-path applies to --proto files only");
-    CliLog log(LogLevelOf(args));
+std::unique_ptr<Command> MakeCompareCommand(CLI::App* parent) { return std::make_unique<CompareCommand>(parent); }
 
-    const std::string table_name = args.Get("table");
-    std::string blob;
-    if (args.Has("schema")) {
-        blob = ReadFile(args.Get("schema"));
-    } else {
-        std::unique_ptr<Schema> schema = LoadSchema(args);
-        blob = BlobOfTable(schema->FindTable(table_name));
-    }
-
-    PROTOBUF_UTIL::MsgDescGroup group;
-    const google::protobuf::Descriptor* table =
-        PROTOBUF_UTIL::FillMessageGroup(ShortName(table_name), blob, &group, log.category());
-    if (table == nullptr) {
-        throw Failure(group.m_desc != nullptr
-                          ? "the options of " + group.m_desc->full_name() +
-                                " name no primary key, or name a field it does not have (the log line above says "
-                                "which)"
-                          : "the schema blob does not parse, holds a file that cannot be built, or has no top-level "
-                            "message \"" +
-                                ShortName(table_name) + "\"");
-    }
-    if (table_name.find('.') != std::string::npos && table->full_name() != table_name) {
-        throw Failure("the schema blob's table \"" + table->name() + "\" is " + table->full_name() + ", not " +
-                      table_name);
-    }
-    PrintGroup(std::cout, group);
-    return kExitOk;
-}
-
-int RunCompare(const std::vector<std::string>& words) {
-    std::vector<OptionDef> defs = {
-        {"schema", 0, "FILE", false, "the server's schema blob ('-' for standard input)"},
-    };
-    for (const OptionDef& def : SchemaOptions("the table: the client's top-level message type")) {
-        defs.push_back(def);
-    }
-    defs.push_back(LogLevelOption());
-
-    ParsedArgs args;
-    if (!ParseCommandLine(kCompareHelp, defs, words, &args)) return kExitOk;
-    RequireOption(args, "schema");
-    RequireOption(args, "table");
-    CheckSchemaArgs(args);
-    if (args.Get("schema") == "-" && args.Get("descriptor-set") == "-") {
-        throw UsageError("--schema and --descriptor-set cannot both read standard input");
-    }
-    CliLog log(LogLevelOf(args));
-
-    const std::string blob = ReadFile(args.Get("schema"));
-    std::unique_ptr<Schema> schema = LoadSchema(args);
-    const google::protobuf::Descriptor* client = schema->FindTable(args.Get("table"));
-    const int ret = PROTOBUF_UTIL::GetMetaAndCompare(client->name(), blob, client, log.category());
-    if (ret == 0) {
-        std::cout << "compatible: the server's " << client->name() << " matches " << client->full_name() << "\n";
-        return kExitOk;
-    }
-    std::cout << "incompatible (result " << ret << "): " << ExplainCompareResult(ret) << "\n";
-    return kExitFailed;
-}
-
-int RunBlob(const std::vector<std::string>& words) {
-    std::vector<OptionDef> defs = SchemaOptions("write only this table's file and its imports");
-    defs.push_back({"output", 'o', "FILE", false, "where to write the blob ('-' for standard output)"});
-    defs.push_back(LogLevelOption());
-
-    ParsedArgs args;
-    if (!ParseCommandLine(kBlobHelp, defs, words, &args)) return kExitOk;
-    RequireOption(args, "output");
-    CheckSchemaArgs(args);
-    CliLog log(LogLevelOf(args));
-
-    std::unique_ptr<Schema> schema = LoadSchema(args);
-    std::vector<const google::protobuf::FileDescriptor*> roots = schema->files();
-    if (args.Has("table")) roots = {schema->FindTable(args.Get("table"))->file()};
-    const google::protobuf::FileDescriptorSet set = SchemaBlobOf(roots);
-    const std::string blob = set.SerializeAsString();
-    const std::string output = args.Get("output");
-    WriteFile(output, blob);
-    if (output != "-") {
-        std::vector<std::string> names;
-        for (const auto& file : set.file()) names.push_back(file.name());
-        std::cout << "schema blob of " << names.size() << " files: " << JoinComma(names) << "\n"
-                  << "wrote " << blob.size() << " bytes to " << output << "\n";
-    }
-    return kExitOk;
-}
+std::unique_ptr<Command> MakeBlobCommand(CLI::App* parent) { return std::make_unique<BlobCommand>(parent); }
 
 }  // namespace corvida_pb

@@ -12,99 +12,139 @@
 namespace corvida_pb {
 namespace {
 
-const CommandHelp kCutHelp = {
-    "cut",
+const char kCutDescription[] =
     "Cuts the fields at --paths out of a message into a value set\n"
     "(FillValueSetWithMsg) and prints one line per record: its tag path (the\n"
     "field numbers along the path), the field names, its length and its bytes in\n"
     "hex, followed by the bytes decoded as protoc --decode_raw shows them. The\n"
     "records follow the byte order of the paths. Key fields are not cut (the key\n"
     "travels apart from the value set) unless --with-keys is given; repeated\n"
-    "fields cannot be cut.\n",
-};
+    "fields cannot be cut. With --packed -, the packed value set goes to standard\n"
+    "output (for 'merge --packed -') and the report to standard error.\n";
 
-const CommandHelp kMergeHelp = {
-    "merge",
+const char kMergeDescription[] =
     "Reads a packed value set (as cut --packed writes it) and merges its records\n"
     "into a message (FillMsgFromField): each record replaces the field at its tag\n"
     "path. Prints the message in text format and the tag paths that could not be\n"
     "merged; encrypted string and bytes fields are never decrypted, so their\n"
     "paths are always listed. The message starts empty, or as --text or\n"
-    "--text-file give it.\n",
+    "--text-file give it.\n";
+
+class CutCommand : public Command {
+public:
+    explicit CutCommand(CLI::App* parent)
+        : Command(parent, "cut", "cut fields of a message into a value set", kCutDescription) {
+        AddSchemaOptions("the table: its message type, by full or short name");
+        AddTextOptions("the message");
+        app()->add_option("--paths", m_paths, "the fields to cut, as dotted field names (a,b.c)")
+            ->type_name("PATH,PATH...")
+            ->required();
+        m_packed_option = app()
+                              ->add_option("--packed", m_packed,
+                                           "also write the packed value set to FILE ('-' for standard output)")
+                              ->type_name("FILE");
+        app()->add_flag("--with-keys", m_with_keys, "cut key fields too, as a server's reply carries them");
+        AddFormatOption();
+        AddLogLevelOption();
+    }
+
+    int Run() override {
+        CliLog log(log_priority());
+        std::unique_ptr<Schema> schema = LoadSchema();
+        const google::protobuf::Descriptor* table = FindTable(*schema);
+        std::unique_ptr<google::protobuf::Message> msg = MessageFromArgs(schema.get(), table);
+
+        std::vector<std::string> path_list;
+        PROTOBUF_UTIL::TokenSplit(m_paths, ",", path_list);
+        const std::set<std::string> paths(path_list.begin(), path_list.end());
+        std::unique_ptr<ProtobufValueSet_> set = NewValueSet();
+        const int ret = CutValueSet(msg.get(), paths, m_with_keys, set.get(), log.category());
+        if (ret != 0) {
+            const std::set<std::string> key_names = m_with_keys ? std::set<std::string>() : KeyNames(*msg);
+            throw Failure(ExplainCutResult(ret, table, paths, key_names) + " (result " + std::to_string(ret) + ")");
+        }
+
+        const std::vector<std::string> skipped =
+            m_with_keys ? std::vector<std::string>() : SkippedKeyPaths(*msg, paths);
+        const bool packed_to_stdout = Given(m_packed_option) && m_packed == "-";
+        std::ostream& report = packed_to_stdout ? std::cerr : std::cout;
+        const std::string packed = Given(m_packed_option) ? PackValueSet(*set) : std::string();
+        if (json()) {
+            Json result = {{"table", table->full_name()}, {"records", RecordsJson(table, *set, log.category())}};
+            result["skipped_key_paths"] = skipped;
+            if (Given(m_packed_option)) result["packed"] = {{"output", m_packed}, {"bytes", packed.size()}};
+            PrintJson(report, result);
+        } else {
+            PrintValueSet(report, table, *set, log.category());
+            if (!skipped.empty()) report << "skipped key fields: " << JoinComma(skipped) << "\n";
+        }
+        if (Given(m_packed_option)) {
+            WriteFile(m_packed, packed);
+            if (!json()) {
+                report << "packed value set: " << packed.size() << " bytes written to "
+                       << (packed_to_stdout ? "standard output" : m_packed) << "\n";
+            }
+        }
+        return kExitOk;
+    }
+
+private:
+    static std::set<std::string> KeyNames(const google::protobuf::Message& msg) {
+        std::set<std::string> names;
+        PROTOBUF_UTIL::ProtobufUtil::GetMsgKeyNames(msg, names);
+        return names;
+    }
+
+    std::string m_paths;
+    std::string m_packed;
+    bool m_with_keys = false;
+    CLI::Option* m_packed_option = nullptr;
+};
+
+class MergeCommand : public Command {
+public:
+    explicit MergeCommand(CLI::App* parent)
+        : Command(parent, "merge", "merge a packed value set into a message", kMergeDescription) {
+        AddSchemaOptions("the table: its message type, by full or short name");
+        AddTextOptions("the message to merge into");
+        ReadsFile(app()->add_option("--packed", m_packed, "the packed value set ('-' for standard input)")
+                      ->type_name("FILE")
+                      ->required());
+        AddFormatOption();
+        AddLogLevelOption();
+    }
+
+    int Run() override {
+        CliLog log(log_priority());
+        std::unique_ptr<Schema> schema = LoadSchema();
+        const google::protobuf::Descriptor* table = FindTable(*schema);
+        std::unique_ptr<google::protobuf::Message> msg = MessageFromArgs(schema.get(), table);
+
+        std::unique_ptr<ProtobufValueSet_> set = NewValueSet();
+        UnpackValueSet(ReadFile(m_packed), DisplayName(m_packed), set.get());
+        std::set<std::string> failed;
+        size_t records = 0;
+        const int ret = MergeValueSet(*set, msg.get(), &failed, &records, log.category());
+        if (ret != 0) throw Failure(ExplainMergeResult(ret) + " (result " + std::to_string(ret) + ")");
+        if (json()) {
+            PrintJson(std::cout, {{"table", table->full_name()},
+                                  {"records", records},
+                                  {"message", MessageJson(*msg)},
+                                  {"failed_paths", FailedPathsJson(table, failed)}});
+        } else {
+            PrintMerge(std::cout, *msg, records, failed);
+        }
+        return kExitOk;
+    }
+
+private:
+    std::string m_packed;
 };
 
 }  // namespace
 
-int RunCut(const std::vector<std::string>& words) {
-    std::vector<OptionDef> defs = SchemaOptions("the table: its message type, by full or short name");
-    for (const OptionDef& def : TextOptions("the message")) defs.push_back(def);
-    defs.push_back({"paths", 0, "PATH,PATH...", false, "the fields to cut, as dotted field names (a,b.c)"});
-    defs.push_back({"packed", 0, "FILE", false, "also write the packed value set to FILE"});
-    defs.push_back({"with-keys", 0, "", false, "cut key fields too, as a server's reply carries them"});
-    defs.push_back(LogLevelOption());
+std::unique_ptr<Command> MakeCutCommand(CLI::App* parent) { return std::make_unique<CutCommand>(parent); }
 
-    ParsedArgs args;
-    if (!ParseCommandLine(kCutHelp, defs, words, &args)) return kExitOk;
-    RequireOption(args, "table");
-    RequireOption(args, "paths");
-    CheckSchemaArgs(args);
-    CheckTextArgs(args);
-    if (args.Get("packed") == "-") throw UsageError("--packed needs a file name; the report goes to standard output");
-    CliLog log(LogLevelOf(args));
-
-    std::unique_ptr<Schema> schema = LoadSchema(args);
-    const google::protobuf::Descriptor* table = schema->FindTable(args.Get("table"));
-    std::unique_ptr<google::protobuf::Message> msg = MessageFromArgs(args, schema.get(), table);
-
-    std::vector<std::string> path_list;
-    PROTOBUF_UTIL::TokenSplit(args.Get("paths"), ",", path_list);
-    const std::set<std::string> paths(path_list.begin(), path_list.end());
-    const bool with_keys = args.Has("with-keys");
-    std::unique_ptr<ProtobufValueSet_> set = NewValueSet();
-    const int ret = CutValueSet(msg.get(), paths, with_keys, set.get(), log.category());
-    if (ret != 0) throw Failure(ExplainCutResult(ret) + " (result " + std::to_string(ret) + ")");
-
-    PrintValueSet(std::cout, table, *set, log.category());
-    const std::vector<std::string> skipped = with_keys ? std::vector<std::string>() : SkippedKeyPaths(*msg, paths);
-    if (!skipped.empty()) std::cout << "skipped key fields: " << JoinComma(skipped) << "\n";
-    if (args.Has("packed")) {
-        const std::string packed = PackValueSet(*set);
-        WriteFile(args.Get("packed"), packed);
-        std::cout << "packed value set: " << packed.size() << " bytes written to " << args.Get("packed") << "\n";
-    }
-    return kExitOk;
-}
-
-int RunMerge(const std::vector<std::string>& words) {
-    std::vector<OptionDef> defs = SchemaOptions("the table: its message type, by full or short name");
-    for (const OptionDef& def : TextOptions("the message to merge into")) defs.push_back(def);
-    defs.push_back({"packed", 0, "FILE", false, "the packed value set ('-' for standard input)"});
-    defs.push_back(LogLevelOption());
-
-    ParsedArgs args;
-    if (!ParseCommandLine(kMergeHelp, defs, words, &args)) return kExitOk;
-    RequireOption(args, "table");
-    RequireOption(args, "packed");
-    CheckSchemaArgs(args);
-    CheckTextArgs(args);
-    if (args.Get("packed") == "-" && args.Get("text-file") == "-") {
-        throw UsageError("--packed and --text-file cannot both read standard input");
-    }
-    CliLog log(LogLevelOf(args));
-
-    std::unique_ptr<Schema> schema = LoadSchema(args);
-    const google::protobuf::Descriptor* table = schema->FindTable(args.Get("table"));
-    std::unique_ptr<google::protobuf::Message> msg = MessageFromArgs(args, schema.get(), table);
-
-    const std::string packed_path = args.Get("packed");
-    std::unique_ptr<ProtobufValueSet_> set = NewValueSet();
-    UnpackValueSet(ReadFile(packed_path), DisplayName(packed_path), set.get());
-    std::set<std::string> failed;
-    size_t records = 0;
-    const int ret = MergeValueSet(*set, msg.get(), &failed, &records, log.category());
-    if (ret != 0) throw Failure(ExplainMergeResult(ret) + " (result " + std::to_string(ret) + ")");
-    PrintMerge(std::cout, *msg, records, failed);
-    return kExitOk;
-}
+std::unique_ptr<Command> MakeMergeCommand(CLI::App* parent) { return std::make_unique<MergeCommand>(parent); }
 
 }  // namespace corvida_pb

@@ -1,5 +1,8 @@
 #include "corvida-pb/files.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -48,6 +51,22 @@ void WriteFile(const std::string& path, const std::string& data) {
     }
     FilePtr f(std::fopen(path.c_str(), "wb"));
     if (!f) throw SystemFailure("write", path);
+    if (std::fwrite(data.data(), 1, data.size(), f.get()) != data.size()) throw SystemFailure("write", path);
+    if (std::fclose(f.release()) != 0) throw SystemFailure("write", path);
+}
+
+void WriteNewPrivateFile(const std::string& path, const std::string& data) {
+    if (path == "-") return WriteFile(path, data);
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        if (errno == EEXIST) throw Failure(path + " exists already; choose a new file for a new key");
+        throw SystemFailure("write", path);
+    }
+    FilePtr f(::fdopen(fd, "wb"));
+    if (!f) {
+        ::close(fd);
+        throw SystemFailure("write", path);
+    }
     if (std::fwrite(data.data(), 1, data.size(), f.get()) != data.size()) throw SystemFailure("write", path);
     if (std::fclose(f.release()) != 0) throw SystemFailure("write", path);
 }

@@ -5,7 +5,6 @@
 
 #include "corvida-pb/status.h"
 #include "corvida-pb/wire_view.h"
-#include "protobuf_api/aes_siv_cipher_suite.h"
 
 namespace corvida_pb {
 
@@ -51,17 +50,6 @@ int ComputeKey(CORVIDA_KV::CorvidaKVApi* api, const Message& msg, const std::vec
                         : PROTOBUF_UTIL::ProtobufUtil::ExtractFieldKey(api, msg, *fields, out, size, idl.get(), log);
     if (ret == 0 || ret == -10) key->assign(buf, 0, static_cast<size_t>(size));
     return ret;
-}
-
-void AddAesSivSuite(const std::string& name, const std::string& hex_key, CORVIDA_KV::CorvidaKVApi* api) {
-    if (!IsHexText(hex_key)) throw UsageError("the key of cipher suite \"" + name + "\" is not hex text");
-    std::unique_ptr<AesSivCipherSuite> suite(new AesSivCipherSuite(name));
-    if (suite->Init(hex_key) != 0) {
-        throw UsageError("cipher suite \"" + name + "\" refuses the key: " + suite->GetErrMsg());
-    }
-    if (api->AddCipherSuite(std::move(suite)) != 0) {
-        throw UsageError("cipher suite \"" + name + "\" is given more than once");
-    }
 }
 
 std::unique_ptr<ProtobufValueSet_> NewValueSet() {

@@ -20,10 +20,6 @@ namespace corvida_pb {
 int ComputeKey(CORVIDA_KV::CorvidaKVApi* api, const google::protobuf::Message& msg, const std::vector<int>* fields,
                bool check, LPPLOGCATEGORYINST log, std::string* key);
 
-// Adds an AES-SIV suite called name with the hex key to api. Throws
-// UsageError when the key is not hex text or the suite refuses it.
-void AddAesSivSuite(const std::string& name, const std::string& hex_key, CORVIDA_KV::CorvidaKVApi* api);
-
 // The field number written as text: plain decimal digits, at most nine (so
 // that it fits an int). False for anything else.
 bool ParseFieldNumber(const std::string& text, int* number);

@@ -1,8 +1,10 @@
 #include "corvida-pb/report.h"
 
 #include <google/protobuf/text_format.h>
+#include <google/protobuf/util/json_util.h>
 
 #include "corvida-pb/operations.h"
+#include "corvida-pb/status.h"
 #include "corvida-pb/wire_view.h"
 
 namespace corvida_pb {
@@ -21,6 +23,15 @@ std::string NumberedNames(const Descriptor* table, const std::vector<int>& numbe
         items.push_back(std::to_string(number) + " " + (field != nullptr ? field->name() : "?"));
     }
     return JoinComma(items);
+}
+
+Json NumberedNamesJson(const Descriptor* table, const std::vector<int>& numbers) {
+    Json list = Json::array();
+    for (int number : numbers) {
+        const FieldDescriptor* field = table->FindFieldByNumber(number);
+        list.push_back({{"number", number}, {"name", field != nullptr ? field->name() : "?"}});
+    }
+    return list;
 }
 
 }  // namespace
@@ -93,6 +104,62 @@ void PrintGroup(std::ostream& out, const PROTOBUF_UTIL::MsgDescGroup& group) {
     for (const auto& index : group.m_mapIndex) {
         out << "index " << index.first << ": " << NumberedNames(table, index.second) << "\n";
     }
+}
+
+
+void PrintJson(std::ostream& out, const Json& json) {
+    out << json.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
+}
+
+Json KeyJson(const Descriptor* table, const std::vector<int>* fields, const std::string& key) {
+    Json json = {{"table", table->full_name()}, {"key", fields == nullptr ? "primary" : "fields"}};
+    if (fields != nullptr) json["fields"] = *fields;
+    json["length"] = key.size();
+    json["hex"] = HexEncode(key);
+    return json;
+}
+
+Json RecordsJson(const Descriptor* table, const ProtobufValueSet_& set, LPPLOGCATEGORYINST log) {
+    Json records = Json::array();
+    const std::vector<CorvidaCommon::PbValueSetBuffer::Field> fields = ValueSetFields(set, log);
+    for (size_t i = 0; i < fields.size(); ++i) {
+        const std::string bytes = fields[i].buf_len > 0 ? std::string(fields[i].buf, fields[i].buf_len) : "";
+        records.push_back({{"index", i},
+                           {"tag_path", fields[i].path},
+                           {"path", NamePath(table, fields[i].path)},
+                           {"length", bytes.size()},
+                           {"hex", HexEncode(bytes)}});
+    }
+    return records;
+}
+
+Json MessageJson(const google::protobuf::Message& msg) {
+    std::string text;
+    const auto status = google::protobuf::util::MessageToJsonString(msg, &text);
+    if (!status.ok()) {
+        throw Failure("the " + msg.GetDescriptor()->full_name() + " cannot be shown as JSON: " +
+                      std::string(status.message()));
+    }
+    return Json::parse(text);
+}
+
+Json FailedPathsJson(const Descriptor* table, const std::set<std::string>& failed) {
+    Json list = Json::array();
+    for (const std::string& path : failed) list.push_back({{"tag_path", path}, {"path", NamePath(table, path)}});
+    return list;
+}
+
+Json GroupJson(const PROTOBUF_UTIL::MsgDescGroup& group) {
+    const Descriptor* table = group.m_desc;
+    Json indexes = Json::array();
+    for (const auto& index : group.m_mapIndex) {
+        indexes.push_back({{"name", index.first}, {"fields", NumberedNamesJson(table, index.second)}});
+    }
+    return {{"table", table->full_name()},
+            {"file", table->file()->name()},
+            {"primary_key", NumberedNamesJson(table, group.vecKeyTag)},
+            {"sharding_key", NumberedNamesJson(table, group.vecSplitKeyTag)},
+            {"indexes", indexes}};
 }
 
 }  // namespace corvida_pb

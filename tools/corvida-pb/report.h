@@ -9,6 +9,7 @@
 
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>
+#include <nlohmann/json.hpp>
 
 #include "protobuf_api/protobuf_util.h"
 
@@ -39,6 +40,34 @@ void PrintGroup(std::ostream& out, const PROTOBUF_UTIL::MsgDescGroup& group);
 
 // "a, b, c".
 std::string JoinComma(const std::vector<std::string>& items);
+
+// ---------------------------------------------------------------------------
+// The same results as JSON objects (docs/cli.md lists their members). Keys
+// keep the order in which they are documented.
+// ---------------------------------------------------------------------------
+
+using Json = nlohmann::ordered_json;
+
+// json on one line; text that is not UTF-8 is replaced, never an error.
+void PrintJson(std::ostream& out, const Json& json);
+
+// {"table", "key": "primary" | "fields", "fields": [N...] (field keys only),
+//  "length", "hex"}.
+Json KeyJson(const google::protobuf::Descriptor* table, const std::vector<int>* fields, const std::string& key);
+
+// [{"index", "tag_path", "path", "length", "hex"}...] for the records of set.
+Json RecordsJson(const google::protobuf::Descriptor* table, const ProtobufValueSet_& set, LPPLOGCATEGORYINST log);
+
+// msg in protobuf's JSON mapping. Throws Failure when protobuf cannot render
+// it (a string field that is not UTF-8, for instance).
+Json MessageJson(const google::protobuf::Message& msg);
+
+// [{"tag_path", "path"}...] for the failed tag paths of a merge into table.
+Json FailedPathsJson(const google::protobuf::Descriptor* table, const std::set<std::string>& failed);
+
+// {"table", "file", "primary_key", "sharding_key": [{"number", "name"}...],
+//  "indexes": [{"name", "fields": [{"number", "name"}...]}...]}.
+Json GroupJson(const PROTOBUF_UTIL::MsgDescGroup& group);
 
 }  // namespace corvida_pb
 

@@ -1,6 +1,9 @@
 #include "corvida-pb/schema_loader.h"
 
+#include <unistd.h>
+
 #include <list>
+#include <optional>
 #include <set>
 #include <utility>
 
@@ -21,6 +24,8 @@ using google::protobuf::FileDescriptorProto;
 using google::protobuf::FileDescriptorSet;
 using google::protobuf::Message;
 using google::protobuf::compiler::DiskSourceTree;
+
+const char kStandardInputProtoName[] = "stdin.proto";
 
 namespace {
 
@@ -73,7 +78,6 @@ void AddWithImports(const FileDescriptor* file, std::set<std::string>* seen, Fil
 // Failure when proto cannot be read or the search path finds another file
 // under that name first.
 std::string VirtualName(DiskSourceTree* disk, const std::string& proto) {
-    if (proto == "-") throw UsageError(".proto files cannot be read from standard input");
     ReadFile(proto);  // reports a missing or unreadable file with the system's reason
     std::string virtual_name, shadowing;
     switch (disk->DiskFileToVirtualFile(proto, &virtual_name, &shadowing)) {
@@ -85,6 +89,30 @@ std::string VirtualName(DiskSourceTree* disk, const std::string& proto) {
         case DiskSourceTree::NO_MAPPING: break;
     }
     throw Failure(proto + " lies in no directory of the search path");
+}
+
+bool IsOnDisk(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
+
+bool IsRelative(const std::string& path) { return !path.empty() && path[0] != '/'; }
+
+// True when tree finds a file called name.
+bool CanOpen(google::protobuf::compiler::SourceTree* tree, const std::string& name) {
+    std::unique_ptr<google::protobuf::io::ZeroCopyInputStream> stream(tree->Open(name));
+    return stream != nullptr;
+}
+
+// True when the search path of disk maps the file at path.
+bool IsMapped(DiskSourceTree* disk, const std::string& path) {
+    std::string virtual_name, shadowing;
+    return disk->DiskFileToVirtualFile(path, &virtual_name, &shadowing) != DiskSourceTree::NO_MAPPING;
+}
+
+// The name to show for the file called virtual_name in the pool: its path
+// on disk where it has one, as protoc does.
+std::string DiskName(DiskSourceTree* disk, const std::string& virtual_name) {
+    if (virtual_name == kStandardInputProtoName) return DisplayName("-");
+    std::string disk_file;
+    return disk->VirtualFileToDiskFile(virtual_name, &disk_file) ? disk_file : virtual_name;
 }
 
 // Adds to database the runtime's copy of name (and of its imports) when the
@@ -102,25 +130,34 @@ void AddBuiltinIfMissing(const std::string& name, google::protobuf::SimpleDescri
 
 }  // namespace
 
-// Searches the disk first, then the built-in files.
+// Serves the file read from standard input first, then searches the disk,
+// then the built-in files.
 class Schema::SourceTree : public google::protobuf::compiler::SourceTree {
 public:
     DiskSourceTree& disk() { return m_disk; }
 
+    // Serves text under the name kStandardInputProtoName.
+    void SetStandardInput(std::string text) { m_stdin = std::move(text); }
+
     google::protobuf::io::ZeroCopyInputStream* Open(const std::string& filename) override {
+        if (filename == kStandardInputProtoName && m_stdin) return Serve(*m_stdin);
         google::protobuf::io::ZeroCopyInputStream* stream = m_disk.Open(filename);
         if (stream != nullptr) return stream;
         std::string text;
         if (!BuiltinProtoText(filename, &text)) return nullptr;
         m_texts.push_back(std::move(text));
-        return new google::protobuf::io::ArrayInputStream(m_texts.back().data(),
-                                                          static_cast<int>(m_texts.back().size()));
+        return Serve(m_texts.back());
     }
 
     std::string GetLastErrorMessage() override { return m_disk.GetLastErrorMessage(); }
 
 private:
+    google::protobuf::io::ZeroCopyInputStream* Serve(const std::string& text) {
+        return new google::protobuf::io::ArrayInputStream(text.data(), static_cast<int>(text.size()));
+    }
+
     DiskSourceTree m_disk;
+    std::optional<std::string> m_stdin;
     std::list<std::string> m_texts;  // the streams handed out read from these
 };
 
@@ -130,9 +167,7 @@ public:
     explicit ImportErrors(DiskSourceTree* disk) : m_disk(disk) {}
 
     void AddError(const std::string& filename, int line, int column, const std::string& message) override {
-        std::string disk_file;
-        const bool on_disk = m_disk->VirtualFileToDiskFile(filename, &disk_file);
-        m_lines.push_back(PositionedError(on_disk ? disk_file : filename, line, column, message));
+        m_lines.push_back(PositionedError(DiskName(m_disk, filename), line, column, message));
     }
 
     std::string TakeText() {
@@ -172,19 +207,34 @@ std::unique_ptr<Schema> Schema::FromProtoFiles(const std::vector<std::string>& p
     schema->m_tree.reset(new SourceTree);
     DiskSourceTree& disk = schema->m_tree->disk();
     for (const std::string& dir : include_dirs) disk.MapPath("", dir);
-    for (const std::string& proto : protos) disk.MapPath("", DirectoryOf(proto));
+    if (include_dirs.empty()) disk.MapPath("", ".");
+    // A file outside every directory of the search path is found through
+    // its own directory.
+    for (const std::string& proto : protos) {
+        if (proto != "-" && !IsMapped(&disk, proto)) disk.MapPath("", DirectoryOf(proto));
+    }
 
     schema->m_import_errors.reset(new ImportErrors(&disk));
     schema->m_importer.reset(
         new google::protobuf::compiler::Importer(schema->m_tree.get(), schema->m_import_errors.get()));
     schema->m_pool = schema->m_importer->pool();
 
+    std::set<std::string> loaded;
     for (const std::string& proto : protos) {
-        const std::string virtual_name = VirtualName(&disk, proto);
+        std::string virtual_name;
+        if (proto == "-") {
+            schema->m_tree->SetStandardInput(ReadFile(proto));
+            virtual_name = kStandardInputProtoName;
+        } else if (!IsOnDisk(proto) && IsRelative(proto) && CanOpen(schema->m_tree.get(), proto)) {
+            virtual_name = proto;  // a name on the search path, or a built-in file, as protoc takes it
+        } else {
+            virtual_name = VirtualName(&disk, proto);
+        }
+        if (!loaded.insert(virtual_name).second) continue;  // the same file given twice
         const FileDescriptor* file = schema->m_importer->Import(virtual_name);
         if (file == nullptr) {
             const std::string errors = schema->m_import_errors->TakeText();
-            throw Failure(errors.empty() ? "cannot load " + proto : errors);
+            throw Failure(errors.empty() ? "cannot load " + DisplayName(proto) : errors);
         }
         schema->m_files.push_back(file);
     }
@@ -193,20 +243,22 @@ std::unique_ptr<Schema> Schema::FromProtoFiles(const std::vector<std::string>& p
 }
 
 std::unique_ptr<Schema> Schema::FromDescriptorSet(const std::string& path) {
+    return FromDescriptorSetBytes(ReadFile(path), DisplayName(path));
+}
+
+std::unique_ptr<Schema> Schema::FromDescriptorSetBytes(const std::string& data, const std::string& source) {
     FileDescriptorSet set;
-    if (!set.ParseFromString(ReadFile(path))) {
-        throw Failure(DisplayName(path) + " is not a serialized FileDescriptorSet");
-    }
+    if (!set.ParseFromString(data)) throw Failure(source + " is not a serialized FileDescriptorSet");
 
     std::unique_ptr<Schema> schema(new Schema);
     schema->m_database.reset(new google::protobuf::SimpleDescriptorDatabase);
     std::set<std::string> names;
     for (const FileDescriptorProto& file : set.file()) {
         if (!names.insert(file.name()).second) {
-            throw Failure(DisplayName(path) + " holds the file " + file.name() + " twice");
+            throw Failure(source + " holds the file " + file.name() + " twice");
         }
         if (!schema->m_database->Add(file)) {
-            throw Failure(DisplayName(path) + ": the file " + file.name() +
+            throw Failure(source + ": the file " + file.name() +
                           " cannot be added: it redefines a name of an earlier file of the set, or is invalid");
         }
     }
@@ -223,7 +275,7 @@ std::unique_ptr<Schema> Schema::FromDescriptorSet(const std::string& path) {
         const FileDescriptor* file = schema->m_pool->FindFileByName(proto.name());
         if (file == nullptr) {
             const std::string errors = schema->m_pool_errors->TakeText();
-            throw Failure(DisplayName(path) + ": the file " + proto.name() + " cannot be built" +
+            throw Failure(source + ": the file " + proto.name() + " cannot be built" +
                           (errors.empty() ? "" : ":\n" + errors));
         }
         if (IsUserFile(file)) schema->m_files.push_back(file);
@@ -251,6 +303,18 @@ const Descriptor* Schema::FindTable(const std::string& name) const {
             (tables.empty() ? std::string(", which declare no message type") : "; they declare: " + TypeList(tables)));
     }
     throw Failure("the table name \"" + name + "\" is ambiguous: " + TypeList(matches) + "; give the full name");
+}
+
+const Descriptor* Schema::FindTopLevelMessage(const std::string& name) const {
+    for (const FileDescriptor* file : m_files) {
+        const Descriptor* type = file->FindMessageTypeByName(name);
+        if (type != nullptr) return type;
+    }
+    return nullptr;
+}
+
+std::string Schema::FileDisplayName(const FileDescriptor* file) const {
+    return m_tree ? DiskName(&m_tree->disk(), file->name()) : file->name();
 }
 
 std::unique_ptr<Message> Schema::NewMessage(const Descriptor* type) {

@@ -21,6 +21,9 @@
 
 namespace corvida_pb {
 
+// The name of a .proto file read from standard input ("--proto -").
+extern const char kStandardInputProtoName[];
+
 class Schema {
 public:
     ~Schema();
@@ -28,10 +31,16 @@ public:
     Schema(const Schema&) = delete;
     Schema& operator=(const Schema&) = delete;
 
-    // Parses the .proto files protos. Imports are searched in include_dirs,
-    // in order, then in the directory of each file of protos; the option file
-    // and google/protobuf/ files missing there are served built in. Throws
-    // Failure with every error ("file:line:column: message").
+    // Parses the .proto files protos, as protoc does: files and imports are
+    // searched in include_dirs, in order, or in the current directory when
+    // there is none; a file of protos outside all of them is found through
+    // its own directory. The option file and google/protobuf/ files missing
+    // there are served built in. A relative name that is not a file on disk
+    // is looked up on the search path and among the built-in files (so
+    // "google/protobuf/timestamp.proto" works anywhere). "-" reads one file
+    // from standard input, named kStandardInputProtoName. A file given twice
+    // is loaded once.
+    // Throws Failure with every error ("file:line:column: message").
     static std::unique_ptr<Schema> FromProtoFiles(const std::vector<std::string>& protos,
                                                   const std::vector<std::string>& include_dirs);
 
@@ -40,10 +49,19 @@ public:
     // from the runtime. Throws Failure.
     static std::unique_ptr<Schema> FromDescriptorSet(const std::string& path);
 
+    // The same for the bytes of a serialized FileDescriptorSet; source names
+    // them in messages.
+    static std::unique_ptr<Schema> FromDescriptorSetBytes(const std::string& data, const std::string& source);
+
     // The message type name: a full name, or a name that ends one full name
     // of the user's files after a "." (so "Player" or "example.Player").
     // Throws Failure listing the tables when there is none or more than one.
     const google::protobuf::Descriptor* FindTable(const std::string& name) const;
+
+    // The top-level message called name (without package) of the first of
+    // files() that declares one, as the library's schema checks find a
+    // table; null when none does.
+    const google::protobuf::Descriptor* FindTopLevelMessage(const std::string& name) const;
 
     // A new empty message of type, which must belong to this schema. The
     // message must be destroyed before the schema.
@@ -52,6 +70,10 @@ public:
     // The user's files: those named on the command line, or every file of the
     // descriptor set except the built-in ones.
     const std::vector<const google::protobuf::FileDescriptor*>& files() const { return m_files; }
+
+    // How messages name file: its path on disk when it was loaded from one,
+    // else its name in the pool.
+    std::string FileDisplayName(const google::protobuf::FileDescriptor* file) const;
 
 private:
     class SourceTree;

@@ -1,0 +1,194 @@
+#include "corvida-pb/ciphers.h"
+
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <set>
+
+#include "corvida-pb/cli.h"
+#include "corvida-pb/files.h"
+#include "corvida-pb/secrets.h"
+#include "corvida-pb/status.h"
+#include "corvida-pb/wire_view.h"
+#include "protobuf_api/aes_siv_cipher_suite.h"
+
+namespace corvida_pb {
+
+const char kCipherEnvironmentVariable[] = "CORVIDA_PB_CIPHERS";
+
+namespace {
+
+constexpr char kBlanks[] = " \t\r\n\v\f";
+
+std::string Trimmed(const std::string& text) {
+    const size_t first = text.find_first_not_of(kBlanks);
+    if (first == std::string::npos) return "";
+    return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+}
+
+// One NAME=HEXKEY entry; where names it in messages ("--cipher",
+// "ciphers.txt:3", "CORVIDA_PB_CIPHERS entry 2").
+struct CipherEntry {
+    std::string where;
+    std::string name;
+    SecretString key;
+};
+
+[[noreturn]] void Refuse(bool usage, const std::string& message) {
+    if (usage) throw UsageError(message);
+    throw Failure(message);
+}
+
+// Splits text (which the caller wipes) into an entry. Never puts key text
+// into a message.
+void ParseEntry(const std::string& text, const std::string& where, bool usage, CipherEntry* entry) {
+    const size_t eq = text.find('=');
+    if (eq == std::string::npos) {
+        Refuse(usage, where + " takes NAME=HEXKEY, but the value has no \"=\" (it is not shown, as it may be a key)");
+    }
+    if (eq == 0) Refuse(usage, where + " takes NAME=HEXKEY, but the value has no suite name before \"=\"");
+    entry->where = where;
+    entry->name = text.substr(0, eq);
+    entry->key.str() = Trimmed(text.substr(eq + 1));
+    RememberSecret(entry->key.str());
+    if (entry->key.str().empty()) Refuse(usage, where + ": cipher suite \"" + entry->name + "\" has no key after \"=\"");
+}
+
+// Adds the suites of entries to api, skipping names in *taken; a name twice
+// among entries is an error.
+void AddSuites(std::vector<CipherEntry>* entries, bool usage, std::set<std::string>* taken,
+               CORVIDA_KV::CorvidaKVApi* api) {
+    std::set<std::string> own;
+    for (CipherEntry& entry : *entries) {
+        if (!own.insert(entry.name).second) {
+            Refuse(usage, entry.where + ": cipher suite \"" + entry.name + "\" is given more than once");
+        }
+        if (taken->count(entry.name) != 0) continue;
+        if (!IsHexText(entry.key.str())) {
+            Refuse(usage, entry.where + ": the key of cipher suite \"" + entry.name + "\" is not hex text");
+        }
+        std::unique_ptr<AesSivCipherSuite> suite(new AesSivCipherSuite(entry.name));
+        if (suite->Init(entry.key.str()) != 0) {
+            Refuse(usage, entry.where + ": cipher suite \"" + entry.name + "\" refuses the key: " + suite->GetErrMsg());
+        }
+        api->AddCipherSuite(std::move(suite));
+    }
+    for (const CipherEntry& entry : *entries) taken->insert(entry.name);
+}
+
+// CLI11 keeps its own copy of every value given; wipe it too.
+void WipeResults(CLI::Option* option) {
+    for (const std::string& result : option->results()) WipeString(const_cast<std::string*>(&result));
+}
+
+void WarnIfShared(const std::string& path, const CLI::App* app) {
+    struct stat st;
+    if (path == "-" || ::stat(path.c_str(), &st) != 0 || (st.st_mode & (S_IRWXG | S_IRWXO)) == 0) return;
+    char mode[8];
+    std::snprintf(mode, sizeof(mode), "%04o", static_cast<unsigned>(st.st_mode & 07777));
+    PrintWarning(app, "the cipher file " + path + " is accessible by group or others (mode " + mode +
+                          "); keep keys private: chmod 600 " + path);
+}
+
+std::vector<CipherEntry> FileEntries(const std::string& path, const CLI::App* app) {
+    WarnIfShared(path, app);
+    SecretString text(ReadFile(path));
+    std::vector<CipherEntry> entries;
+    size_t line_number = 0;
+    size_t start = 0;
+    while (start < text.str().size()) {
+        size_t end = text.str().find('\n', start);
+        if (end == std::string::npos) end = text.str().size();
+        ++line_number;
+        SecretString line(Trimmed(text.str().substr(start, end - start)));
+        start = end + 1;
+        if (line.str().empty() || line.str()[0] == '#') continue;
+        entries.emplace_back();
+        ParseEntry(line.str(), DisplayName(path) + ":" + std::to_string(line_number), false, &entries.back());
+    }
+    return entries;
+}
+
+std::vector<CipherEntry> EnvironmentEntries() {
+    const char* value = std::getenv(kCipherEnvironmentVariable);
+    std::vector<CipherEntry> entries;
+    if (value == nullptr) return entries;
+    SecretString text(value);
+    size_t index = 0;
+    size_t start = 0;
+    while (start <= text.str().size()) {
+        size_t end = text.str().find(';', start);
+        if (end == std::string::npos) end = text.str().size();
+        SecretString entry(Trimmed(text.str().substr(start, end - start)));
+        start = end + 1;
+        if (entry.str().empty()) continue;
+        entries.emplace_back();
+        ParseEntry(entry.str(), std::string(kCipherEnvironmentVariable) + " entry " + std::to_string(++index), false,
+                   &entries.back());
+    }
+    return entries;
+}
+
+// text as one shell word: unchanged when it is safe, else in single quotes.
+std::string ShellWord(const std::string& text) {
+    static const char kSafe[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_.:/+,@%=";
+    if (!text.empty() && text.find_first_not_of(kSafe) == std::string::npos) return text;
+    std::string quoted = "'";
+    for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return quoted + "'";
+}
+
+}  // namespace
+
+void CipherOptions::Add(CLI::App* app) {
+    m_app = app;
+    m_cipher_option = app->add_option("--cipher", m_ciphers,
+                                      "the AES-SIV suite NAME with a key of 64 or 128 hex digits (shown in the "
+                                      "process list: prefer --cipher-file or " +
+                                          std::string(kCipherEnvironmentVariable) + ")")
+                          ->type_name("NAME=HEXKEY")
+                          ->expected(1)
+                          ->allow_extra_args(false)
+                          ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    m_file_option =
+        app->add_option("--cipher-file", m_file, "NAME=HEXKEY lines ('-' for standard input)")->type_name("FILE");
+}
+
+void CipherOptions::Configure(CORVIDA_KV::CorvidaKVApi* api) {
+    std::set<std::string> taken;
+    {
+        std::vector<CipherEntry> entries;
+        for (std::string& cipher : m_ciphers) {
+            SecretString value(std::move(cipher));
+            WipeString(&cipher);
+            const size_t eq = value.str().find('=');
+            if (eq != std::string::npos) RememberSecret(value.str().substr(eq + 1));
+            entries.emplace_back();
+            ParseEntry(value.str(), "--cipher", true, &entries.back());
+        }
+        m_ciphers.clear();
+        WipeResults(m_cipher_option);
+        AddSuites(&entries, true, &taken, api);
+    }
+    if (m_file_option->count() > 0) {
+        std::vector<CipherEntry> entries = FileEntries(m_file, m_app);
+        AddSuites(&entries, false, &taken, api);
+    }
+    std::vector<CipherEntry> entries = EnvironmentEntries();
+    AddSuites(&entries, false, &taken, api);
+}
+
+std::string CipherOptions::Suggestion(const std::string& suite_name) {
+    return "--cipher " + ShellWord(suite_name + "=HEXKEY") + ", or as that NAME=HEXKEY entry in --cipher-file or " +
+           kCipherEnvironmentVariable;
+}
+
+std::string CipherKeyMd5(const std::string& hex_key, const std::string& source) {
+    if (!IsHexText(hex_key)) throw Failure(source + " does not hold a key in hex text");
+    AesSivCipherSuite suite("key");
+    if (suite.Init(hex_key) != 0) throw Failure(source + ": " + suite.GetErrMsg());
+    return suite.GetCipherKeyMD5();
+}
+
+}  // namespace corvida_pb

@@ -1,0 +1,63 @@
+// Cipher keys of the tables' AES-SIV suites, given to corvida-pb.
+//
+// A key is hex text (64 digits for AES-128-SIV, 128 for AES-256-SIV) under a
+// suite name, written NAME=HEXKEY. Three places give them, most specific
+// first:
+//   --cipher NAME=HEXKEY     on the command line (repeatable; visible to
+//                            other local users in the process list);
+//   --cipher-file FILE       one NAME=HEXKEY per line; blank lines and lines
+//                            starting with '#' are skipped; a warning when
+//                            group or others may read the file;
+//   CORVIDA_PB_CIPHERS       NAME=HEXKEY entries separated by ';'.
+// A name given in a more specific place hides the same name further down; a
+// name given twice in one place is an error. White space around an entry and
+// around a key is ignored; a name is taken exactly as written (tables name
+// their suite exactly).
+//
+// Key text is never printed, and every copy the tool makes of it is wiped
+// once the suites hold the keys.
+#ifndef CORVIDA_PB_CIPHERS_H_
+#define CORVIDA_PB_CIPHERS_H_
+
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "protobuf_api/corvida_kv_api.h"
+
+namespace corvida_pb {
+
+// The environment variable of cipher keys.
+extern const char kCipherEnvironmentVariable[];
+
+class CipherOptions {
+public:
+    // Declares --cipher and --cipher-file on app.
+    void Add(CLI::App* app);
+
+    // Adds to api a suite for every name given (see above). Throws
+    // UsageError for a malformed --cipher, Failure for a malformed line of
+    // the file or entry of the environment, or a key the suite refuses.
+    void Configure(CORVIDA_KV::CorvidaKVApi* api);
+
+    // How to give the key of suite_name: "--cipher NAME=HEXKEY" quoted for
+    // the shell where the name needs it, and the other places.
+    static std::string Suggestion(const std::string& suite_name);
+
+private:
+    const CLI::App* m_app = nullptr;
+    std::vector<std::string> m_ciphers;
+    std::string m_file;
+    CLI::Option* m_cipher_option = nullptr;
+    CLI::Option* m_file_option = nullptr;
+};
+
+// The lowercase hex MD5 of the raw key bytes of hex_key: the value of the
+// corvida_cipher_md5 option of tables encrypted with that key. Throws
+// Failure when the text is not a key an AES-SIV suite takes.
+std::string CipherKeyMd5(const std::string& hex_key, const std::string& source);
+
+}  // namespace corvida_pb
+
+#endif  // CORVIDA_PB_CIPHERS_H_

@@ -1,0 +1,42 @@
+// Every incompatibility between a server's table type and the client's.
+//
+// GetMetaAndCompare stops at the first difference; schema-evolution checks
+// want them all. ListSchemaDifferences walks the two types with the same
+// checks, in the same order and with the same leniencies (a client may lack
+// optional fields, sharding keys are compared only between types with the
+// same, non-zero number of indexes, index field order does not matter, a
+// pair of types already being compared counts as compatible), but goes on
+// after each difference. So the first difference it lists is the one
+// GetMetaAndCompare reports, with the same code, and an empty list means the
+// library finds the types compatible.
+//
+// Each difference points at the client's declaration that must change: the
+// field, the option or the message, with its line and column where the
+// client's file carries source locations (files loaded from .proto text).
+#ifndef CORVIDA_PB_SCHEMA_DIFF_H_
+#define CORVIDA_PB_SCHEMA_DIFF_H_
+
+#include <string>
+#include <vector>
+
+#include <google/protobuf/descriptor.h>
+
+namespace corvida_pb {
+
+struct SchemaDifference {
+    // What GetMetaAndCompare returns when this is the first difference:
+    // for a difference inside a nested type, the code of the outermost field
+    // that leads to it (-12 or -18).
+    int code = 0;
+    const google::protobuf::FileDescriptor* file = nullptr;  // the client's file
+    int line = 0;                                            // 1-based; 0 when unknown
+    int column = 0;                                          // 1-based; 0 when unknown
+    std::string message;                                     // in words: names, types, labels
+};
+
+std::vector<SchemaDifference> ListSchemaDifferences(const google::protobuf::Descriptor* server,
+                                                    const google::protobuf::Descriptor* client);
+
+}  // namespace corvida_pb
+
+#endif  // CORVIDA_PB_SCHEMA_DIFF_H_
