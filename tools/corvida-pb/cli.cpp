@@ -231,6 +231,14 @@ std::unique_ptr<google::protobuf::Message> Command::MessageFromArgs(Schema* sche
     return msg;
 }
 
+Command::TableMessage Command::LoadTableMessage() const {
+    TableMessage loaded;
+    loaded.schema = LoadSchema();
+    loaded.table = FindTable(*loaded.schema);
+    loaded.msg = MessageFromArgs(loaded.schema.get(), loaded.table);
+    return loaded;
+}
+
 // ---------------------------------------------------------------------------
 // Parsing, dispatch and errors.
 // ---------------------------------------------------------------------------

@@ -88,6 +88,16 @@ protected:
     // A message of table from --text or --text-file, or an empty one.
     std::unique_ptr<google::protobuf::Message> MessageFromArgs(Schema* schema,
                                                                const google::protobuf::Descriptor* table) const;
+
+    // The schema, the table of --table in it and the message of --text or
+    // --text-file. Members are destroyed in reverse order: the message
+    // before the schema that made it.
+    struct TableMessage {
+        std::unique_ptr<Schema> schema;
+        const google::protobuf::Descriptor* table = nullptr;
+        std::unique_ptr<google::protobuf::Message> msg;
+    };
+    TableMessage LoadTableMessage() const;
     // True when --text or --text-file is given.
     bool has_text() const { return Given(m_text_option) || Given(m_text_file_option); }
     // Where --text-file reads from ("" when absent).

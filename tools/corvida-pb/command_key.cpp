@@ -65,9 +65,9 @@ public:
         m_ciphers.Configure(&api);
         CliLog log(log_priority());
 
-        std::unique_ptr<Schema> schema = LoadSchema();
-        const google::protobuf::Descriptor* table = FindTable(*schema);
-        std::unique_ptr<google::protobuf::Message> msg = MessageFromArgs(schema.get(), table);
+        const TableMessage loaded = LoadTableMessage();
+        const google::protobuf::Descriptor* table = loaded.table;
+        google::protobuf::Message* msg = loaded.msg.get();
         if (field_key) {
             RequireFields(table, numbers);
         } else {

@@ -52,8 +52,9 @@ bool NamesType(const std::string& name, const Descriptor* type) {
             full[full.size() - name.size() - 1] == '.');
 }
 
-void WarnIgnoredIndexes(const CLI::App* app, const Descriptor* table) {
-    for (const std::string& warning : IgnoredIndexEntries(table)) PrintWarning(app, warning);
+// whose names the side ("the server's ", "the client's ") or is empty.
+void WarnIgnoredIndexes(const CLI::App* app, const Descriptor* table, const std::string& whose = "") {
+    for (const std::string& warning : IgnoredIndexEntries(table)) PrintWarning(app, whose + warning);
 }
 
 class SchemaCommand : public Command {
@@ -126,8 +127,8 @@ public:
         const Descriptor* client = FindTable(*schema);
         std::unique_ptr<Schema> server = ServerSchema(blob);
         const Descriptor* server_table = server ? server->FindTopLevelMessage(client->name()) : nullptr;
-        if (server_table != nullptr) WarnIgnoredIndexes(app(), server_table);
-        WarnIgnoredIndexes(app(), client);
+        if (server_table != nullptr) WarnIgnoredIndexes(app(), server_table, "the server's ");
+        WarnIgnoredIndexes(app(), client, "the client's ");
 
         const int ret = PROTOBUF_UTIL::GetMetaAndCompare(client->name(), blob, client, log.category());
         if (ret == -1 || ret == -2) {

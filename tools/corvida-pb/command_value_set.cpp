@@ -50,15 +50,15 @@ public:
 
     int Run() override {
         CliLog log(log_priority());
-        std::unique_ptr<Schema> schema = LoadSchema();
-        const google::protobuf::Descriptor* table = FindTable(*schema);
-        std::unique_ptr<google::protobuf::Message> msg = MessageFromArgs(schema.get(), table);
+        const TableMessage loaded = LoadTableMessage();
+        const google::protobuf::Descriptor* table = loaded.table;
+        google::protobuf::Message* msg = loaded.msg.get();
 
         std::vector<std::string> path_list;
         PROTOBUF_UTIL::TokenSplit(m_paths, ",", path_list);
         const std::set<std::string> paths(path_list.begin(), path_list.end());
         std::unique_ptr<ProtobufValueSet_> set = NewValueSet();
-        const int ret = CutValueSet(msg.get(), paths, m_with_keys, set.get(), log.category());
+        const int ret = CutValueSet(msg, paths, m_with_keys, set.get(), log.category());
         if (ret != 0) {
             const std::set<std::string> key_names = m_with_keys ? std::set<std::string>() : KeyNames(*msg);
             throw Failure(ExplainCutResult(ret, table, paths, key_names) + " (result " + std::to_string(ret) + ")");
@@ -116,15 +116,15 @@ public:
 
     int Run() override {
         CliLog log(log_priority());
-        std::unique_ptr<Schema> schema = LoadSchema();
-        const google::protobuf::Descriptor* table = FindTable(*schema);
-        std::unique_ptr<google::protobuf::Message> msg = MessageFromArgs(schema.get(), table);
+        const TableMessage loaded = LoadTableMessage();
+        const google::protobuf::Descriptor* table = loaded.table;
+        google::protobuf::Message* msg = loaded.msg.get();
 
         std::unique_ptr<ProtobufValueSet_> set = NewValueSet();
         UnpackValueSet(ReadFile(m_packed), DisplayName(m_packed), set.get());
         std::set<std::string> failed;
         size_t records = 0;
-        const int ret = MergeValueSet(*set, msg.get(), &failed, &records, log.category());
+        const int ret = MergeValueSet(*set, msg, &failed, &records, log.category());
         if (ret != 0) throw Failure(ExplainMergeResult(ret) + " (result " + std::to_string(ret) + ")");
         if (json()) {
             PrintJson(std::cout, {{"table", table->full_name()},

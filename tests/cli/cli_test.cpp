@@ -1,0 +1,488 @@
+// corvida-pb as scripts and CI gates use it: JSON output parsed member by
+// member, exit statuses, cipher keys from files and the environment (never
+// printed), standard input and output in pipelines, help and version.
+//
+// Each test runs the built tool from the source root (CORVIDA_PB_SOURCE_DIR)
+// as a child process.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "subprocess.h"
+
+namespace {
+
+using corvida_test::ProcessOptions;
+using corvida_test::ProcessResult;
+using corvida_test::RunProcess;
+using Json = nlohmann::ordered_json;
+
+constexpr char kGame[] = "examples/tables/game.proto";
+constexpr char kPlayerText[] = "tests/cli/data/player.txt";
+// The demo key of the suite game-aes, and its MD5.
+constexpr char kGameKey[] = "8f3a1c5e7b9d2f4a6c8e0b1d3f5a7c9e2b4d6f8a0c1e3b5d7f9a2c4e6b8d0f1a";
+constexpr char kGameKeyMd5[] = "4fe4e04a1c2dfccd3b275039396038c6";
+constexpr char kOtherKey[] = "000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f";
+constexpr char kCiphersVariable[] = "CORVIDA_PB_CIPHERS";
+
+class CliTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char dir[] = "/tmp/corvida-pb-cli-XXXXXX";
+        ASSERT_NE(::mkdtemp(dir), nullptr);
+        m_tmp = dir;
+    }
+
+    void TearDown() override {
+        RunProcess({"/bin/rm", "-rf", m_tmp});
+    }
+
+    // Runs corvida-pb with args from the source root, without the cipher
+    // variable unless options set it.
+    static ProcessResult Pb(const std::vector<std::string>& args, ProcessOptions options = {}) {
+        std::vector<std::string> argv = {CORVIDA_PB_EXE};
+        argv.insert(argv.end(), args.begin(), args.end());
+        if (options.directory.empty()) options.directory = CORVIDA_PB_SOURCE_DIR;
+        if (options.set_env.count(kCiphersVariable) == 0) options.unset_env.push_back(kCiphersVariable);
+        return RunProcess(argv, options);
+    }
+
+    // The single JSON object of out; fails the test when out is not one.
+    static Json ParseOne(const std::string& out) {
+        EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
+        Json json = Json::parse(out, nullptr, false);
+        EXPECT_TRUE(json.is_object()) << out;
+        return json;
+    }
+
+    static std::vector<std::string> Keys(const Json& object) {
+        std::vector<std::string> keys;
+        for (auto it = object.begin(); it != object.end(); ++it) keys.push_back(it.key());
+        return keys;
+    }
+
+    std::string WriteTmp(const std::string& name, const std::string& text, mode_t mode = 0600) const {
+        const std::string path = m_tmp + "/" + name;
+        std::ofstream(path) << text;
+        ::chmod(path.c_str(), mode);
+        return path;
+    }
+
+    std::string m_tmp;
+};
+
+ProcessOptions WithInput(const std::string& input) {
+    ProcessOptions options;
+    options.input = input;
+    return options;
+}
+
+ProcessOptions InDirectory(const std::string& directory) {
+    ProcessOptions options;
+    options.directory = directory;
+    return options;
+}
+
+std::string GameCipher() { return std::string("game-aes=") + kGameKey; }
+
+// ---------------------------------------------------------------------------
+// JSON shapes.
+// ---------------------------------------------------------------------------
+
+TEST_F(CliTest, KeyJson) {
+    const ProcessResult r = Pb({"key", "--proto", kGame, "--table", "Player", "--text-file", kPlayerText,
+                                "--cipher", GameCipher(), "--format", "json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const Json json = ParseOne(r.out);
+    EXPECT_EQ(Keys(json), (std::vector<std::string>{"table", "key", "length", "hex"}));
+    EXPECT_EQ(json["table"], "corvida.example.Player");
+    EXPECT_EQ(json["key"], "primary");
+    EXPECT_EQ(json["length"], 40);
+    EXPECT_EQ(json["hex"], "080310e9071a2179c01e7ce56616b06296f05008a0090785378874b6847d7928d4cc1a0d332c7563");
+}
+
+TEST_F(CliTest, FieldKeyJson) {
+    const ProcessResult r = Pb({"key", "--proto", kGame, "--table", "Player", "--text-file", kPlayerText,
+                                "--cipher", GameCipher(), "--fields", "4,1", "--format=json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const Json json = ParseOne(r.out);
+    EXPECT_EQ(Keys(json), (std::vector<std::string>{"table", "key", "fields", "length", "hex"}));
+    EXPECT_EQ(json["key"], "fields");
+    EXPECT_EQ(json["fields"], Json::array({4, 1}));
+    EXPECT_EQ(json["length"], 4);
+    EXPECT_EQ(json["hex"], "202a0803");
+}
+
+TEST_F(CliTest, CutJson) {
+    const std::string packed = m_tmp + "/player.pvs";
+    const ProcessResult r = Pb({"cut", "--proto", kGame, "--table", "Player", "--text-file", kPlayerText, "--paths",
+                                "level,profile.stats,uid", "--packed", packed, "--format", "json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const Json json = ParseOne(r.out);
+    EXPECT_EQ(Keys(json), (std::vector<std::string>{"table", "records", "skipped_key_paths", "packed"}));
+    ASSERT_EQ(json["records"].size(), 2u);
+    const Json& record = json["records"][1];
+    EXPECT_EQ(Keys(record), (std::vector<std::string>{"index", "tag_path", "path", "length", "hex"}));
+    EXPECT_EQ(record["index"], 1);
+    EXPECT_EQ(record["tag_path"], "6.3");
+    EXPECT_EQ(record["path"], "profile.stats");
+    EXPECT_EQ(record["length"], 9);
+    EXPECT_EQ(record["hex"], "1a0708781050188827");
+    EXPECT_EQ(json["skipped_key_paths"], Json::array({"uid"}));
+    EXPECT_EQ(json["packed"]["output"], packed);
+    struct stat st;
+    ASSERT_EQ(::stat(packed.c_str(), &st), 0);
+    EXPECT_EQ(json["packed"]["bytes"], st.st_size);
+}
+
+TEST_F(CliTest, MergeJsonUsesProtobufsJsonMapping) {
+    const std::string packed = m_tmp + "/reply.pvs";
+    ASSERT_EQ(Pb({"cut", "--proto", kGame, "--table", "Player", "--text-file", kPlayerText, "--paths",
+                  "account,profile.stats,last_login", "--with-keys", "--packed", packed})
+                  .status,
+              0);
+    const ProcessResult r =
+        Pb({"merge", "--proto", kGame, "--table", "Player", "--packed", packed, "--format", "json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const Json json = ParseOne(r.out);
+    EXPECT_EQ(Keys(json), (std::vector<std::string>{"table", "records", "message", "failed_paths"}));
+    EXPECT_EQ(json["records"], 3);
+    EXPECT_EQ(json["message"]["account"], "alice@example.com");
+    EXPECT_EQ(json["message"]["lastLogin"], "1700000000");  // int64 as a string, names in lowerCamelCase
+    EXPECT_EQ(json["message"]["profile"]["stats"]["hp"], 120);
+    EXPECT_EQ(json["failed_paths"], Json::parse(R"([{"tag_path":"3","path":"account"}])"));
+}
+
+TEST_F(CliTest, SchemaJson) {
+    const ProcessResult r = Pb({"schema", "--proto", kGame, "--table", "Player", "--format", "json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const Json json = ParseOne(r.out);
+    EXPECT_EQ(Keys(json), (std::vector<std::string>{"table", "file", "primary_key", "sharding_key", "indexes"}));
+    EXPECT_EQ(json["file"], kGame);
+    EXPECT_EQ(json["primary_key"], Json::parse(R"([{"number":1,"name":"zone"},{"number":2,"name":"uid"},
+                                                  {"number":3,"name":"account"}])"));
+    EXPECT_EQ(json["sharding_key"], Json::parse(R"([{"number":2,"name":"uid"}])"));
+    EXPECT_EQ(json["indexes"], Json::parse(R"([{"name":"by_level","fields":[{"number":1,"name":"zone"},
+                                                                             {"number":4,"name":"level"}]}])"));
+}
+
+TEST_F(CliTest, BlobJson) {
+    const std::string blob = m_tmp + "/game.pb";
+    const ProcessResult r = Pb({"blob", "--proto", kGame, "-o", blob, "--format", "json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const Json json = ParseOne(r.out);
+    EXPECT_EQ(Keys(json), (std::vector<std::string>{"files", "bytes", "output"}));
+    EXPECT_EQ(json["files"].back(), kGame);
+    EXPECT_EQ(json["output"], blob);
+    struct stat st;
+    ASSERT_EQ(::stat(blob.c_str(), &st), 0);
+    EXPECT_EQ(json["bytes"], st.st_size);
+    EXPECT_EQ(Pb({"blob", "--proto", kGame, "-o", "-", "--format", "json"}).status, 2);
+}
+
+class CompareTest : public CliTest {
+protected:
+    void SetUp() override {
+        CliTest::SetUp();
+        m_blob = m_tmp + "/evolved.pb";
+        ASSERT_EQ(Pb({"blob", "--proto", "tests/cli/data/evolved_server.proto", "-o", m_blob}).status, 0);
+    }
+
+    std::string m_blob;
+};
+
+TEST_F(CompareTest, CompatibleJson) {
+    const ProcessResult r = Pb({"compare", "--schema", m_blob, "--proto", "tests/cli/data/evolved_server.proto",
+                                "--table", "Hero", "--format", "json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(ParseOne(r.out), Json::parse(R"({"table":"corvida.evolve.Hero","compatible":true,"code":0})"));
+}
+
+TEST_F(CompareTest, IncompatibleJsonListsEveryDifference) {
+    const ProcessResult r = Pb({"compare", "--schema", m_blob, "--proto", "tests/cli/data/evolved_client.proto",
+                                "--table", "corvida.evolve.Hero", "--all", "--format", "json"});
+    ASSERT_EQ(r.status, 3) << r.err;
+    const Json json = ParseOne(r.out);
+    EXPECT_EQ(Keys(json), (std::vector<std::string>{"table", "compatible", "code", "explanation", "differences"}));
+    EXPECT_EQ(json["compatible"], false);
+    EXPECT_EQ(json["code"], -10);
+    std::vector<int> codes;
+    for (const Json& difference : json["differences"]) {
+        EXPECT_EQ(Keys(difference), (std::vector<std::string>{"file", "line", "column", "code", "message"}));
+        EXPECT_EQ(difference["file"], "tests/cli/data/evolved_client.proto");
+        EXPECT_TRUE(difference["line"].is_number_integer());
+        codes.push_back(difference["code"]);
+    }
+    EXPECT_EQ(codes, (std::vector<int>{-10, -11, -12, -16, -20, -22, -21}));
+    EXPECT_EQ(json["differences"][0]["code"], json["code"]);
+}
+
+TEST_F(CompareTest, ExitStatusSaysWhetherTheCheckWasMade) {
+    const std::vector<std::string> client = {"--proto", "tests/cli/data/evolved_client.proto", "--table", "Hero"};
+    std::vector<std::string> args = {"compare", "--schema", m_blob};
+    args.insert(args.end(), client.begin(), client.end());
+    EXPECT_EQ(Pb(args).status, 3);
+    const std::string garbage = WriteTmp("garbage.pb", "not a descriptor set");
+    args[2] = garbage;
+    const ProcessResult r = Pb(args);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("cannot compare"), std::string::npos) << r.err;
+}
+
+TEST_F(CompareTest, AllWithoutSourceLocationsNamesTheFile) {
+    const std::string client_set = m_tmp + "/client.pb";
+    ASSERT_EQ(Pb({"blob", "--proto", "tests/cli/data/evolved_client.proto", "-o", client_set}).status, 0);
+    const ProcessResult r =
+        Pb({"compare", "--schema", m_blob, "--descriptor_set_in", client_set, "--table", "Hero", "--all"});
+    ASSERT_EQ(r.status, 3) << r.err;
+    EXPECT_EQ(r.out.substr(0, r.out.find('\n')),
+              "tests/cli/data/evolved_client.proto: field level (number 3) of corvida.evolve.Hero is int32 on the "
+              "server but int64 in the client (result -10)");
+}
+
+TEST_F(CliTest, CipherNewJsonAndText) {
+    ProcessResult r = Pb({"cipher", "new", "--format", "json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    Json json = ParseOne(r.out);
+    EXPECT_EQ(Keys(json), (std::vector<std::string>{"bytes", "key", "corvida_cipher_md5"}));
+    EXPECT_EQ(json["bytes"], 32);
+    EXPECT_TRUE(std::regex_match(json["key"].get<std::string>(), std::regex("[0-9a-f]{64}")));
+    const ProcessResult md5 = Pb({"cipher", "md5", "--format", "json"}, WithInput(json["key"].get<std::string>() + "\n"));
+    ASSERT_EQ(md5.status, 0) << md5.err;
+    EXPECT_EQ(ParseOne(md5.out)["corvida_cipher_md5"], json["corvida_cipher_md5"]);
+
+    r = Pb({"cipher", "new", "--bytes", "64"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(std::regex_match(r.out, std::regex("key: [0-9a-f]{128}\ncorvida_cipher_md5: [0-9a-f]{32}\n")))
+        << r.out;
+    EXPECT_EQ(Pb({"cipher", "new", "--bytes", "16"}).status, 2);
+}
+
+TEST_F(CliTest, CipherNewWritesAPrivateFileOnce) {
+    const std::string key = m_tmp + "/game.key";
+    ProcessResult r = Pb({"cipher", "new", "-o", key});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(std::regex_match(r.out, std::regex("wrote a new 32-byte key to .*\ncorvida_cipher_md5: [0-9a-f]{32}\n")))
+        << r.out;
+    struct stat st;
+    ASSERT_EQ(::stat(key.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    const ProcessResult md5 = Pb({"cipher", "md5", "--key-file", key});
+    EXPECT_EQ(md5.out, r.out.substr(r.out.find('\n') + 1));
+    r = Pb({"cipher", "new", "-o", key});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("exists already"), std::string::npos) << r.err;
+}
+
+TEST_F(CliTest, CipherMd5TakesWhiteSpaceButNotBadKeys) {
+    EXPECT_EQ(Pb({"cipher", "md5"}, WithInput(std::string("  ") + kGameKey + "\r\n\n")).out,
+              std::string("corvida_cipher_md5: ") + kGameKeyMd5 + "\n");
+    const ProcessResult short_key = Pb({"cipher", "md5"}, WithInput("8f3a1c5e7b9d2f4a\n"));
+    EXPECT_EQ(short_key.status, 1);
+    EXPECT_EQ(short_key.err.find("8f3a1c5e7b9d2f4a"), std::string::npos) << short_key.err;
+    EXPECT_EQ(Pb({"cipher", "md5"}, WithInput("not hex\n")).status, 1);
+    EXPECT_EQ(Pb({"cipher", "md5", "--key", kGameKey}).status, 2);  // never from the command line
+}
+
+// ---------------------------------------------------------------------------
+// Cipher keys: files, the environment, precedence, and never printed.
+// ---------------------------------------------------------------------------
+
+std::vector<std::string> PlayerKeyArgs() {
+    return {"key", "--proto", kGame, "--table", "Player", "--text-file", kPlayerText};
+}
+
+TEST_F(CliTest, CipherFileGivesTheKey) {
+    const std::string file = WriteTmp("ciphers", std::string("# demo keys\n\n  game-aes=") + kGameKey + "  \n");
+    std::vector<std::string> args = PlayerKeyArgs();
+    args.insert(args.end(), {"--cipher-file", file});
+    const ProcessResult r = Pb(args);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, "");
+    EXPECT_NE(r.out.find("primary key of corvida.example.Player: 40 bytes"), std::string::npos);
+}
+
+TEST_F(CliTest, CipherFileReadableByOthersIsWarnedAbout) {
+    const std::string file = WriteTmp("ciphers", std::string("game-aes=") + kGameKey + "\n", 0644);
+    std::vector<std::string> args = PlayerKeyArgs();
+    args.insert(args.end(), {"--cipher-file", file});
+    const ProcessResult r = Pb(args);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, "corvida-pb key: warning: the cipher file " + file +
+                         " is accessible by group or others (mode 0644); keep keys private: chmod 600 " + file +
+                         "\n");
+}
+
+TEST_F(CliTest, EnvironmentGivesTheKey) {
+    ProcessOptions options;
+    options.set_env[kCiphersVariable] = std::string(" other=") + kOtherKey + " ; game-aes=" + kGameKey + ";";
+    const ProcessResult r = Pb(PlayerKeyArgs(), options);
+    EXPECT_EQ(r.status, 0) << r.err;
+}
+
+TEST_F(CliTest, CommandLineWinsOverFileWinsOverEnvironment) {
+    const std::string right = std::string("game-aes=") + kGameKey;
+    const std::string wrong = std::string("game-aes=") + kOtherKey;
+    ProcessOptions options;
+    options.set_env[kCiphersVariable] = wrong;
+    std::vector<std::string> args = PlayerKeyArgs();
+    args.insert(args.end(), {"--cipher-file", WriteTmp("right", right + "\n")});
+    EXPECT_EQ(Pb(args, options).status, 0);
+    args = PlayerKeyArgs();
+    args.insert(args.end(), {"--cipher-file", WriteTmp("wrong", wrong + "\n"), "--cipher", right});
+    EXPECT_EQ(Pb(args, options).status, 0);
+    options.set_env[kCiphersVariable] = right;
+    args = PlayerKeyArgs();
+    args.insert(args.end(), {"--cipher-file", m_tmp + "/wrong"});
+    EXPECT_EQ(Pb(args, options).status, 1);  // the file's wrong key hides the right one
+}
+
+// Every way of giving a key badly: the message names the place, never the key.
+TEST_F(CliTest, KeyMaterialIsNeverPrinted) {
+    const std::string key = kGameKey;
+    const std::vector<std::vector<std::string>> bad_arguments = {
+        {"--cipher", "=" + key},        {"--cipher", key},
+        {"--cipher", "game-aes", key},  {"--cipher=game-aes=" + key + "zz"},
+        {"--cipher", "game-aes=" + key.substr(0, 40)},
+        {"--cipher", "game-aes=" + key, "--cipher", "game-aes=" + key},
+        {"--cipher", "Game-AES=" + key},  // a suite the table does not name
+        {"--colour", key},
+    };
+    for (const std::vector<std::string>& bad : bad_arguments) {
+        std::vector<std::string> args = PlayerKeyArgs();
+        args.insert(args.end(), bad.begin(), bad.end());
+        const ProcessResult r = Pb(args);
+        EXPECT_NE(r.status, 0) << bad[0];
+        for (size_t at = 0; at + 16 <= key.size(); at += 8) {
+            EXPECT_EQ(r.err.find(key.substr(at, 16)), std::string::npos) << r.err;
+            EXPECT_EQ(r.out.find(key.substr(at, 16)), std::string::npos) << r.out;
+        }
+    }
+    const std::vector<std::string> bad_lines = {key, "=" + key, "game-aes " + key, "game-aes=" + key + "zz"};
+    for (const std::string& line : bad_lines) {
+        std::vector<std::string> args = PlayerKeyArgs();
+        args.insert(args.end(), {"--cipher-file", WriteTmp("bad", "\n" + line + "\n")});
+        const ProcessResult from_file = Pb(args);
+        EXPECT_EQ(from_file.status, 1) << line;
+        EXPECT_NE(from_file.err.find(m_tmp + "/bad:2"), std::string::npos) << from_file.err;
+        ProcessOptions options;
+        options.set_env[kCiphersVariable] = line;
+        const ProcessResult from_env = Pb(PlayerKeyArgs(), options);
+        EXPECT_EQ(from_env.status, 1) << line;
+        EXPECT_NE(from_env.err.find("CORVIDA_PB_CIPHERS entry 1"), std::string::npos) << from_env.err;
+        for (const std::string& err : {from_file.err, from_env.err}) {
+            EXPECT_EQ(err.find(key.substr(0, 16)), std::string::npos) << err;
+            EXPECT_EQ(err.find(key.substr(48, 16)), std::string::npos) << err;
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Standard input and output, option spellings, help and version.
+// ---------------------------------------------------------------------------
+
+TEST_F(CliTest, CutToStandardOutputFeedsMergeFromStandardInput) {
+    const std::vector<std::string> table = {"--proto", kGame, "--table", "Player"};
+    std::vector<std::string> cut = {"cut", "--text-file", kPlayerText, "--paths", "level,profile,last_login",
+                                    "--packed", "-"};
+    cut.insert(cut.end(), table.begin(), table.end());
+    const ProcessResult packed = Pb(cut);
+    ASSERT_EQ(packed.status, 0) << packed.err;
+    EXPECT_NE(packed.err.find("packed value set: "), std::string::npos) << "the report goes to stderr";
+    std::vector<std::string> merge = {"merge", "--packed", "-", "--text", "zone: 3 uid: 1001"};
+    merge.insert(merge.end(), table.begin(), table.end());
+    const ProcessResult merged = Pb(merge, WithInput(packed.out));
+    ASSERT_EQ(merged.status, 0) << merged.err;
+    EXPECT_NE(merged.out.find("after merging 3 records"), std::string::npos) << merged.out;
+    EXPECT_NE(merged.out.find("nickname: \"Alice\""), std::string::npos) << merged.out;
+}
+
+TEST_F(CliTest, OnlyOneOptionReadsStandardInput) {
+    const ProcessResult r = Pb({"merge", "--proto", kGame, "--table", "Player", "--packed", "-", "--text-file", "-"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("only one option can read standard input"), std::string::npos) << r.err;
+}
+
+TEST_F(CliTest, ProtoFromStandardInput) {
+    std::ifstream in(std::string(CORVIDA_PB_SOURCE_DIR) + "/" + kGame);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const ProcessResult r = Pb({"key", "--proto", "-", "--table", "Guild", "--text", "guild_id: 77"}, WithInput(text));
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("hex: 084d"), std::string::npos) << r.out;
+}
+
+TEST_F(CliTest, EveryOptionTakesItsValueAfterAnEqualsSign) {
+    const ProcessResult spaced =
+        Pb({"key", "--proto", kGame, "--table", "Guild", "--text", "guild_id: 77", "--log-level", "error"});
+    const ProcessResult joined =
+        Pb({"key", "--proto=" + std::string(kGame), "--table=Guild", "--text=guild_id: 77", "--log-level=error"});
+    EXPECT_EQ(spaced.status, 0);
+    EXPECT_EQ(joined.status, 0);
+    EXPECT_EQ(spaced.out, joined.out);
+}
+
+TEST_F(CliTest, ProtocSpellingsAndImportRoot) {
+    const ProcessResult root = Pb({"schema", "--proto", "sub/importer.proto", "--table", "Holder"},
+                                  InDirectory(std::string(CORVIDA_PB_SOURCE_DIR) + "/tests/cli/data/imports"));
+    EXPECT_EQ(root.status, 0) << root.err;
+    const ProcessResult proto_path = Pb({"schema", "--proto_path", "tests/cli/data/imports", "--proto",
+                                         "tests/cli/data/imports/sub/importer.proto", "--table", "Holder"});
+    EXPECT_EQ(proto_path.status, 0) << proto_path.err;
+    EXPECT_EQ(proto_path.out, root.out);
+    const std::string set = m_tmp + "/game.pb";
+    ASSERT_EQ(Pb({"blob", "--proto", kGame, "-o", set}).status, 0);
+    EXPECT_EQ(Pb({"key", "--descriptor_set_in", set, "--table", "Guild", "--text", "guild_id: 77"}).status, 0);
+}
+
+TEST_F(CliTest, EveryFormOfATableName) {
+    for (const char* command : {"key", "schema", "blob"}) {
+        for (const char* name : {"Guild", "example.Guild", "corvida.example.Guild", ".corvida.example.Guild"}) {
+            std::vector<std::string> args = {command, "--proto", kGame, "--table", name};
+            if (std::string(command) == "blob") args.insert(args.end(), {"-o", m_tmp + "/one.pb"});
+            if (std::string(command) == "key") args.insert(args.end(), {"--text", "guild_id: 1"});
+            EXPECT_EQ(Pb(args).status, 0) << command << " " << name;
+        }
+    }
+}
+
+TEST_F(CliTest, HelpCommandEqualsHelpOption) {
+    for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
+             {"key"}, {"cut"}, {"merge"}, {"schema"}, {"compare"}, {"blob"}, {"demo"}, {"cipher"},
+             {"cipher", "new"}, {"cipher", "md5"}}) {
+        std::vector<std::string> help = {"help"};
+        help.insert(help.end(), command.begin(), command.end());
+        std::vector<std::string> option = command;
+        option.push_back("--help");
+        const ProcessResult by_command = Pb(help);
+        const ProcessResult by_option = Pb(option);
+        EXPECT_EQ(by_command.status, 0);
+        EXPECT_EQ(by_command.out, by_option.out) << command[0];
+        EXPECT_EQ(by_command.out.rfind("Usage: corvida-pb " + command[0], 0), 0u) << by_command.out;
+    }
+    EXPECT_EQ(Pb({"help", "nothing"}).status, 2);
+}
+
+TEST_F(CliTest, UsageLinesMarkRequiredOptions) {
+    EXPECT_EQ(Pb({"compare", "--help"}).out.substr(0, Pb({"compare", "--help"}).out.find('\n')),
+              "Usage: corvida-pb compare (--proto FILE... | --descriptor-set FILE) --schema FILE --table NAME "
+              "[OPTIONS]");
+    EXPECT_EQ(Pb({"schema", "--help"}).out.substr(0, Pb({"schema", "--help"}).out.find('\n')),
+              "Usage: corvida-pb schema (--schema FILE | --proto FILE... | --descriptor-set FILE) --table NAME "
+              "[OPTIONS]");
+}
+
+TEST_F(CliTest, VersionIsTheProjectVersion) {
+    const ProcessResult r = Pb({"--version"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, std::string("corvida-pb ") + CORVIDA_PB_VERSION + "\n");
+}
+
+}  // namespace

@@ -1,0 +1,32 @@
+// Runs a program as a child process, feeding its standard input and
+// collecting its exit status, standard output and standard error: the way
+// the command-line tests see corvida-pb, as a script would.
+#ifndef CORVIDA_TEST_CLI_SUBPROCESS_H_
+#define CORVIDA_TEST_CLI_SUBPROCESS_H_
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace corvida_test {
+
+struct ProcessResult {
+    int status = -1;  // the exit status; 128 + N when killed by signal N
+    std::string out;
+    std::string err;
+};
+
+struct ProcessOptions {
+    std::string input;                          // written to standard input, which is then closed
+    std::string directory;                      // the working directory; empty: the current one
+    std::map<std::string, std::string> set_env;  // variables set for the child
+    std::vector<std::string> unset_env;         // variables removed for the child
+};
+
+// Runs argv[0] (a path) with argv. Never throws; a program that cannot be
+// started gives status 127 and the reason in err.
+ProcessResult RunProcess(const std::vector<std::string>& argv, const ProcessOptions& options = {});
+
+}  // namespace corvida_test
+
+#endif  // CORVIDA_TEST_CLI_SUBPROCESS_H_
