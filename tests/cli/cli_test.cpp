@@ -9,7 +9,6 @@
 
 #include <cstdio>
 #include <fstream>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -89,6 +88,11 @@ ProcessOptions InDirectory(const std::string& directory) {
     ProcessOptions options;
     options.directory = directory;
     return options;
+}
+
+// True when text is exactly digits lowercase hex digits.
+bool IsHex(const std::string& text, size_t digits) {
+    return text.size() == digits && text.find_first_not_of("0123456789abcdef") == std::string::npos;
 }
 
 std::string GameCipher() { return std::string("game-aes=") + kGameKey; }
@@ -254,15 +258,20 @@ TEST_F(CliTest, CipherNewJsonAndText) {
     Json json = ParseOne(r.out);
     EXPECT_EQ(Keys(json), (std::vector<std::string>{"bytes", "key", "corvida_cipher_md5"}));
     EXPECT_EQ(json["bytes"], 32);
-    EXPECT_TRUE(std::regex_match(json["key"].get<std::string>(), std::regex("[0-9a-f]{64}")));
+    EXPECT_TRUE(IsHex(json["key"], 64)) << json["key"];
     const ProcessResult md5 = Pb({"cipher", "md5", "--format", "json"}, WithInput(json["key"].get<std::string>() + "\n"));
     ASSERT_EQ(md5.status, 0) << md5.err;
     EXPECT_EQ(ParseOne(md5.out)["corvida_cipher_md5"], json["corvida_cipher_md5"]);
 
     r = Pb({"cipher", "new", "--bytes", "64"});
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(std::regex_match(r.out, std::regex("key: [0-9a-f]{128}\ncorvida_cipher_md5: [0-9a-f]{32}\n")))
-        << r.out;
+    const std::string md5_label = "\ncorvida_cipher_md5: ";
+    const size_t md5_at = r.out.find(md5_label);
+    ASSERT_NE(md5_at, std::string::npos) << r.out;
+    EXPECT_EQ(r.out.substr(0, 5), "key: ");
+    EXPECT_TRUE(IsHex(r.out.substr(5, md5_at - 5), 128)) << r.out;
+    EXPECT_TRUE(IsHex(r.out.substr(md5_at + md5_label.size(), 32), 32)) << r.out;
+    EXPECT_EQ(r.out.size(), md5_at + md5_label.size() + 33) << r.out;
     EXPECT_EQ(Pb({"cipher", "new", "--bytes", "16"}).status, 2);
 }
 
@@ -270,8 +279,10 @@ TEST_F(CliTest, CipherNewWritesAPrivateFileOnce) {
     const std::string key = m_tmp + "/game.key";
     ProcessResult r = Pb({"cipher", "new", "-o", key});
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(std::regex_match(r.out, std::regex("wrote a new 32-byte key to .*\ncorvida_cipher_md5: [0-9a-f]{32}\n")))
-        << r.out;
+    EXPECT_EQ(r.out.substr(0, r.out.find('\n')), "wrote a new 32-byte key to " + key);
+    const std::string md5_line = r.out.substr(r.out.find('\n') + 1);
+    EXPECT_EQ(md5_line.substr(0, 20), "corvida_cipher_md5: ");
+    EXPECT_TRUE(IsHex(md5_line.substr(20, 32), 32) && md5_line.size() == 53) << r.out;
     struct stat st;
     ASSERT_EQ(::stat(key.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
