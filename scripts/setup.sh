@@ -10,6 +10,8 @@ PACKAGES="
   libgtest-dev libgmock-dev
   libbenchmark-dev
   clang libclang-rt-14-dev
+  librocksdb-dev
+  libcli11-dev nlohmann-json3-dev
 "
 
 if [ "$(id -u)" -eq 0 ]; then
