@@ -1,0 +1,89 @@
+#include "store_test_support.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <set>
+#include <vector>
+
+#include <google/protobuf/descriptor.pb.h>
+#include <gtest/gtest.h>
+#include <rocksdb/db.h>
+#include <rocksdb/iterator.h>
+
+#include "protobuf_api/aes_siv_cipher_suite.h"
+
+namespace corvida_store_test {
+
+namespace {
+
+void AddFile(const google::protobuf::FileDescriptor* file, std::set<std::string>* added,
+             google::protobuf::FileDescriptorSet* set) {
+    if (!added->insert(file->name()).second) return;
+    for (int i = 0; i < file->dependency_count(); ++i) AddFile(file->dependency(i), added, set);
+    file->CopyTo(set->add_file());
+}
+
+std::unique_ptr<rocksdb::DB> OpenRaw(const std::string& dir) {
+    rocksdb::DB* db = nullptr;
+    rocksdb::Status s = rocksdb::DB::Open(rocksdb::Options(), dir, &db);
+    EXPECT_TRUE(s.ok()) << s.ToString();
+    return std::unique_ptr<rocksdb::DB>(db);
+}
+
+}  // namespace
+
+TempDir::TempDir() {
+    const char* tmp = std::getenv("TMPDIR");
+    std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/corvida-store-XXXXXX";
+    std::vector<char> name(pattern.begin(), pattern.end());
+    name.push_back('\0');
+    if (mkdtemp(name.data()) == nullptr) ADD_FAILURE() << "mkdtemp failed for " << pattern;
+    m_path = name.data();
+}
+
+TempDir::~TempDir() {
+    std::error_code ec;
+    std::filesystem::remove_all(m_path, ec);
+}
+
+std::string SchemaBlob(const google::protobuf::Descriptor* desc) {
+    google::protobuf::FileDescriptorSet set;
+    std::set<std::string> added;
+    AddFile(desc->file(), &added, &set);
+    return set.SerializeAsString();
+}
+
+std::unique_ptr<CORVIDA_KV::CorvidaKVApi> AesKv(const char* key_hex) {
+    std::unique_ptr<CORVIDA_KV::CorvidaKVApi> kv(new CORVIDA_KV::CorvidaKVApi);
+    std::unique_ptr<AesSivCipherSuite> suite(new AesSivCipherSuite("aes128"));
+    EXPECT_EQ(0, suite->Init(key_hex));
+    EXPECT_EQ(0, kv->AddCipherSuite(std::move(suite)));
+    return kv;
+}
+
+corvida::store::Status OpenStore(const std::string& dir, std::unique_ptr<corvida::store::TableStore>* store,
+                                 bool sync) {
+    corvida::store::StoreOptions options;
+    options.create_if_missing = true;
+    options.sync = sync;
+    return corvida::store::TableStore::Open(dir, options, store);
+}
+
+std::map<std::string, std::string> RawContents(const std::string& dir) {
+    std::map<std::string, std::string> contents;
+    std::unique_ptr<rocksdb::DB> db = OpenRaw(dir);
+    if (db == nullptr) return contents;
+    std::unique_ptr<rocksdb::Iterator> it(db->NewIterator(rocksdb::ReadOptions()));
+    for (it->SeekToFirst(); it->Valid(); it->Next()) contents[it->key().ToString()] = it->value().ToString();
+    EXPECT_TRUE(it->status().ok()) << it->status().ToString();
+    return contents;
+}
+
+void RawPut(const std::string& dir, const std::string& key, const std::string& value) {
+    std::unique_ptr<rocksdb::DB> db = OpenRaw(dir);
+    if (db == nullptr) return;
+    rocksdb::Status s = db->Put(rocksdb::WriteOptions(), key, value);
+    EXPECT_TRUE(s.ok()) << s.ToString();
+}
+
+}  // namespace corvida_store_test
