@@ -10,7 +10,17 @@
 #include <rocksdb/db.h>
 #include <rocksdb/iterator.h>
 
+#include <chrono>
+#include <thread>
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include "protobuf_api/aes_siv_cipher_suite.h"
+
+extern char** environ;
 
 namespace corvida_store_test {
 
@@ -84,6 +94,52 @@ void RawPut(const std::string& dir, const std::string& key, const std::string& v
     if (db == nullptr) return;
     rocksdb::Status s = db->Put(rocksdb::WriteOptions(), key, value);
     EXPECT_TRUE(s.ok()) << s.ToString();
+}
+
+bool Spawn(const std::string& program, const std::vector<std::string>& args, Child* child) {
+    int fds[2];
+    if (pipe(fds) != 0) return false;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+    posix_spawn_file_actions_addclose(&actions, fds[0]);
+    posix_spawn_file_actions_addclose(&actions, fds[1]);
+    std::vector<char*> argv;
+    argv.push_back(const_cast<char*>(program.c_str()));
+    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    pid_t pid = -1;
+    const int ret = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(fds[1]);
+    if (ret != 0) {
+        close(fds[0]);
+        return false;
+    }
+    child->pid = pid;
+    child->out = fds[0];
+    return true;
+}
+
+std::string ReadAll(Child* child) {
+    std::string text;
+    char buf[4096];
+    ssize_t n = 0;
+    while ((n = read(child->out, buf, sizeof(buf))) > 0) text.append(buf, static_cast<size_t>(n));
+    close(child->out);
+    child->out = -1;
+    return text;
+}
+
+int WaitExit(const Child& child, int timeout_ms) {
+    int status = 0;
+    for (int waited = 0; waited <= timeout_ms; waited += 10) {
+        if (waitpid(child.pid, &status, WNOHANG) == child.pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    kill(child.pid, SIGKILL);
+    waitpid(child.pid, &status, 0);
+    return -1;
 }
 
 }  // namespace corvida_store_test

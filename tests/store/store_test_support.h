@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <google/protobuf/descriptor.h>
 
@@ -52,6 +53,22 @@ std::map<std::string, std::string> RawContents(const std::string& dir);
 
 // Writes key = value into the RocksDB database in dir (which no store holds).
 void RawPut(const std::string& dir, const std::string& key, const std::string& value);
+
+// A process started with posix_spawn, its standard output on a pipe.
+struct Child {
+    int pid = -1;
+    int out = -1;  // read end of the child's standard output
+};
+
+// Starts program with args (argv[0] is program); false when it cannot.
+bool Spawn(const std::string& program, const std::vector<std::string>& args, Child* child);
+
+// Everything the child wrote to its standard output until it closed it.
+std::string ReadAll(Child* child);
+
+// Waits at most timeout_ms for the child to exit. Returns its exit status, or
+// -1 when it did not exit in time (it is then killed).
+int WaitExit(const Child& child, int timeout_ms);
 
 }  // namespace corvida_store_test
 
