@@ -34,8 +34,10 @@ void AddFile(const google::protobuf::FileDescriptor* file, std::set<std::string>
 }
 
 std::unique_ptr<rocksdb::DB> OpenRaw(const std::string& dir) {
+    rocksdb::Options options;
+    options.create_if_missing = true;
     rocksdb::DB* db = nullptr;
-    rocksdb::Status s = rocksdb::DB::Open(rocksdb::Options(), dir, &db);
+    rocksdb::Status s = rocksdb::DB::Open(options, dir, &db);
     EXPECT_TRUE(s.ok()) << s.ToString();
     return std::unique_ptr<rocksdb::DB>(db);
 }

@@ -51,7 +51,8 @@ corvida::store::Status OpenStore(const std::string& dir, std::unique_ptr<corvida
 // Every key and value of the RocksDB database in dir (which no store holds).
 std::map<std::string, std::string> RawContents(const std::string& dir);
 
-// Writes key = value into the RocksDB database in dir (which no store holds).
+// Writes key = value into the RocksDB database in dir (which no store holds),
+// creating the database if there is none.
 void RawPut(const std::string& dir, const std::string& key, const std::string& value);
 
 // A process started with posix_spawn, its standard output on a pipe.
