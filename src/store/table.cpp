@@ -422,7 +422,8 @@ Status Table::Impl::StageSecondaries(const std::vector<const Secondary*>& affect
 }
 
 Status Table::Impl::Write(rocksdb::WriteBatch* batch, const char* what) const {
-    return FromRocks(m_core->db()->Write(m_core->write_options(), batch), "table " + m_name + ": " + what);
+    const rocksdb::Status s = m_core->db()->Write(m_core->write_options(), batch);
+    return s.ok() ? Status::OK() : FromRocks(s, "table " + m_name + ": " + what);
 }
 
 Status Table::Impl::Put(const Message& record) {
