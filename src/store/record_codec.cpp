@@ -24,6 +24,14 @@ using google::protobuf::internal::WireFormat;
 using google::protobuf::internal::WireFormatLite;
 using google::protobuf::io::CodedInputStream;
 
+// True for text of the tag path form: digits and dots only (the bridge
+// reads a path up to a NUL, so a damaged path holding one would be reported
+// under another name).
+bool LooksLikeTagPath(const std::string& tag_path) {
+    return !tag_path.empty() &&
+           tag_path.find_first_not_of("0123456789.") == std::string::npos;
+}
+
 // The top-level repeated field (or map) that a tag path of one number names,
 // or null.
 const FieldDescriptor* TopLevelRepeated(const Descriptor* desc, const std::string& tag_path) {
@@ -69,6 +77,10 @@ void MergeStoredFields(const std::vector<StoredField>& fields, Message* msg, std
     std::vector<PbValueSetBuffer::Field> bridge_fields;
     bridge_fields.reserve(fields.size());
     for (const StoredField& stored : fields) {
+        if (!LooksLikeTagPath(stored.tag_path)) {
+            failed_paths->insert(stored.tag_path);
+            continue;
+        }
         // A top-level repeated field has nothing stored above or below it, so
         // the order in which it merges does not matter.
         if (const FieldDescriptor* repeated = TopLevelRepeated(desc, stored.tag_path)) {

@@ -33,9 +33,9 @@ struct StoredField {
 // top-level repeated field or map is restored whole: the field is cleared and
 // its bytes parsed element by element with protobuf's parser. Every other
 // field goes through the bridge's FillMsgFromField, which replaces the field
-// at its tag path. The tag path of every field that did not merge (unknown
-// path, bytes of another field, damaged bytes, an encrypted field left as
-// stored) is inserted into failed_paths.
+// at its tag path. The tag path of every field that did not merge (text that
+// is no tag path, an unknown path, bytes of another field, damaged bytes, an
+// encrypted field left as stored) is inserted into failed_paths.
 void MergeStoredFields(const std::vector<StoredField>& fields, google::protobuf::Message* msg,
                        std::set<std::string>* failed_paths, LPPLOGCATEGORYINST log);
 

@@ -70,18 +70,35 @@ bool OnSameBranch(std::string_view a, std::string_view b) {
     return b.compare(0, a.size(), a) == 0 && (b.size() == a.size() || b[a.size()] == '.');
 }
 
-// Copies the listed fields of from into to (the same type) through their
-// serialization; cached sizes of from must be current.
+// Copies the listed fields of from into to (the same type): singular ones
+// with reflection's setters, repeated ones through their serialization
+// (cached sizes of from must then be current).
 void CopyFields(const Message& from, const std::vector<const FieldDescriptor*>& fields, Message* to) {
-    std::string bytes;
+    const google::protobuf::Reflection* in = from.GetReflection();
+    const google::protobuf::Reflection* out = to->GetReflection();
     for (const FieldDescriptor* field : fields) {
-        bytes.clear();
-        {
-            google::protobuf::io::StringOutputStream stream(&bytes);
-            google::protobuf::io::CodedOutputStream output(&stream);
-            google::protobuf::internal::WireFormat::SerializeFieldWithCachedSizes(field, from, &output);
+        if (field->is_repeated()) {
+            std::string bytes;
+            SerializeRepeatedField(from, field, &bytes);
+            to->MergeFromString(bytes);
+            continue;
         }
-        to->MergeFromString(bytes);
+        if (!field->has_presence() || in->HasField(from, field)) {
+            switch (field->cpp_type()) {
+                case FieldDescriptor::CPPTYPE_INT32: out->SetInt32(to, field, in->GetInt32(from, field)); break;
+                case FieldDescriptor::CPPTYPE_INT64: out->SetInt64(to, field, in->GetInt64(from, field)); break;
+                case FieldDescriptor::CPPTYPE_UINT32: out->SetUInt32(to, field, in->GetUInt32(from, field)); break;
+                case FieldDescriptor::CPPTYPE_UINT64: out->SetUInt64(to, field, in->GetUInt64(from, field)); break;
+                case FieldDescriptor::CPPTYPE_DOUBLE: out->SetDouble(to, field, in->GetDouble(from, field)); break;
+                case FieldDescriptor::CPPTYPE_FLOAT: out->SetFloat(to, field, in->GetFloat(from, field)); break;
+                case FieldDescriptor::CPPTYPE_BOOL: out->SetBool(to, field, in->GetBool(from, field)); break;
+                case FieldDescriptor::CPPTYPE_ENUM: out->SetEnumValue(to, field, in->GetEnumValue(from, field)); break;
+                case FieldDescriptor::CPPTYPE_STRING: out->SetString(to, field, in->GetString(from, field)); break;
+                case FieldDescriptor::CPPTYPE_MESSAGE:
+                    out->MutableMessage(to, field)->CopyFrom(in->GetMessage(from, field));
+                    break;
+            }
+        }
     }
 }
 
@@ -173,8 +190,11 @@ public:
 private:
     // The stored state of one row that a write needs.
     struct Row {
+        explicit Row(bool for_write) : for_write(for_write) { fields.reserve(32); }
+
+        bool for_write;                      // a write needs every tag path
         bool exists = false;
-        std::vector<std::string> tag_paths;  // every stored field's tag path
+        std::vector<std::string> tag_paths;  // every stored field's tag path, for a write
         std::vector<StoredField> fields;     // those a filter kept
     };
 
@@ -374,14 +394,14 @@ Status Table::Impl::ReadRow(rocksdb::Iterator* it, const std::string& row_key, K
         row->exists = true;
         const std::string_view tag_path(it->key().data() + row_key.size(), it->key().size() - row_key.size());
         if (tag_path.empty()) continue;  // the row marker
-        row->tag_paths.emplace_back(tag_path);
+        if (row->for_write) row->tag_paths.emplace_back(tag_path);
         if (keep(tag_path)) row->fields.push_back(StoredField{std::string(tag_path), it->value().ToString()});
     }
     return FromRocks(it->status(), "table " + m_name + ": reading a record");
 }
 
 Status Table::Impl::ReadRecord(rocksdb::Iterator* it, std::string_view pk, Record* record) const {
-    Row row;
+    Row row(false);
     Status status = ReadRow(it, layout::RowKey(m_id, pk), [](std::string_view) { return true; }, &row);
     if (!status.ok()) return status;
     if (!row.exists) return Status::NotFound("table " + m_name + ": no record");
@@ -464,7 +484,7 @@ Status Table::Impl::Put(const Message& record) {
     const std::string row_key = layout::RowKey(m_id, pk);
     std::lock_guard<std::mutex> lock(m_core->locks().For(m_id, pk));
     std::unique_ptr<rocksdb::Iterator> it(m_core->db()->NewIterator(rocksdb::ReadOptions()));
-    Row row;
+    Row row(true);
     status = ReadRow(it.get(), row_key, [this](std::string_view tag) { return IsSecondaryField(tag); }, &row);
     if (!status.ok()) return status;
 
@@ -574,7 +594,7 @@ Status Table::Impl::Update(const Message& record, const std::vector<std::string>
         }
     }
     std::unique_ptr<rocksdb::Iterator> it;
-    Row old_row;
+    Row old_row(true);
     if (exists && (!affected.empty() || !below.empty())) {
         it.reset(m_core->db()->NewIterator(rocksdb::ReadOptions()));
         auto keep = [&affected](std::string_view tag) {
@@ -653,7 +673,7 @@ Status Table::Impl::Get(const Message& key, const std::vector<std::string>& path
         return kept;
     };
     std::unique_ptr<rocksdb::Iterator> it(m_core->db()->NewIterator(rocksdb::ReadOptions()));
-    Row row;
+    Row row(false);
     status = ReadRow(it.get(), layout::RowKey(m_id, pk), keep, &row);
     if (!status.ok()) return status;
     if (!row.exists) return Status::NotFound("table " + m_name + ": no record with that key");
@@ -682,7 +702,7 @@ Status Table::Impl::Delete(const Message& key) {
     const std::string row_key = layout::RowKey(m_id, pk);
     std::lock_guard<std::mutex> lock(m_core->locks().For(m_id, pk));
     std::unique_ptr<rocksdb::Iterator> it(m_core->db()->NewIterator(rocksdb::ReadOptions()));
-    Row row;
+    Row row(true);
     status = ReadRow(it.get(), row_key, [this](std::string_view tag) { return IsSecondaryField(tag); }, &row);
     if (!status.ok()) return status;
     if (!row.exists) return Status::NotFound("table " + m_name + ": no record with that key");
