@@ -13,6 +13,7 @@
 #include <chrono>
 #include <thread>
 
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -131,6 +132,20 @@ std::string ReadAll(Child* child) {
     close(child->out);
     child->out = -1;
     return text;
+}
+
+bool ReadLine(Child* child, std::string* out, int timeout_ms) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    char buf[256];
+    while (out->find('\n') == std::string::npos) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd fd = {child->out, POLLIN, 0};
+        if (left.count() <= 0 || poll(&fd, 1, static_cast<int>(left.count())) <= 0) return false;
+        const ssize_t n = read(child->out, buf, sizeof(buf));
+        if (n <= 0) return false;
+        out->append(buf, static_cast<size_t>(n));
+    }
+    return true;
 }
 
 int WaitExit(const Child& child, int timeout_ms) {

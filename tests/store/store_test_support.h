@@ -67,6 +67,10 @@ bool Spawn(const std::string& program, const std::vector<std::string>& args, Chi
 // Everything the child wrote to its standard output until it closed it.
 std::string ReadAll(Child* child);
 
+// Appends what the child writes to *out until a whole line is there; false
+// when none came within timeout_ms.
+bool ReadLine(Child* child, std::string* out, int timeout_ms);
+
 // Waits at most timeout_ms for the child to exit. Returns its exit status, or
 // -1 when it did not exit in time (it is then killed).
 int WaitExit(const Child& child, int timeout_ms);
