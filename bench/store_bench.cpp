@@ -205,25 +205,41 @@ bool Ready(benchmark::State& state) {
     return false;
 }
 
-void CheckStatus(benchmark::State& state, const Status& s) {
-    if (!s.ok()) Fail(state, s.ToString());
+// Runs op(i) for the records i = 0, 1, ... in turn while the benchmark runs
+// and marks it failed when a call fails; op returns a Status of the store or
+// of RocksDB.
+template <typename Op>
+void Cycle(benchmark::State& state, Op op) {
+    int i = 0;
+    for (auto _ : state) {
+        const auto s = op(i);
+        if (!s.ok()) {
+            Fail(state, s.ToString());
+            return;
+        }
+        i = (i + 1) % kRecords;
+    }
 }
 
-void CheckRocks(benchmark::State& state, const rocksdb::Status& s) {
-    if (!s.ok()) Fail(state, s.ToString());
+// Reads every key and value of the row, as the store reads a row.
+rocksdb::Status ReadRow(rocksdb::Iterator* it, const std::string& row_key) {
+    for (it->Seek(row_key); it->Valid() && it->key().starts_with(row_key); it->Next()) {
+        std::string value = it->value().ToString();
+        benchmark::DoNotOptimize(value);
+    }
+    return it->status();
+}
+
+rocksdb::Status Commit(rocksdb::DB* db, const std::vector<std::pair<std::string, std::string>>& kv) {
+    rocksdb::WriteBatch batch;
+    for (const auto& pair : kv) batch.Put(pair.first, pair.second);
+    return db->Write(rocksdb::WriteOptions(), &batch);
 }
 
 // Puts every record in turn into table.
 void TimePuts(benchmark::State& state, Table* table) {
     const std::vector<BenchRecord> records = Records();
-    Status s;
-    int i = 0;
-    for (auto _ : state) {
-        s = table->Put(records[static_cast<size_t>(i)]);
-        if (!s.ok()) break;
-        i = (i + 1) % kRecords;
-    }
-    CheckStatus(state, s);
+    Cycle(state, [&](int i) { return table->Put(records[static_cast<size_t>(i)]); });
 }
 
 void BM_StorePut(benchmark::State& state) {
@@ -234,66 +250,33 @@ void BM_StorePutSync(benchmark::State& state) {
     if (Ready(state)) TimePuts(state, Fixture::Get().synced_table());
 }
 
-// Reads every key and value of the row, as the store reads a row.
-size_t ReadRow(rocksdb::Iterator* it, const std::string& row_key) {
-    size_t bytes = 0;
-    for (it->Seek(row_key); it->Valid() && it->key().starts_with(row_key); it->Next()) {
-        std::string value = it->value().ToString();
-        bytes += it->key().size() + value.size();
-        benchmark::DoNotOptimize(value);
-    }
-    return bytes;
-}
-
 void BM_Baseline_RocksDBPut(benchmark::State& state) {
     if (!Ready(state)) return;
     rocksdb::DB* db = Fixture::Get().raw();
-    rocksdb::Status s;
-    int i = 0;
-    for (auto _ : state) {
+    Cycle(state, [db](int i) {
         const RawRow& row = Fixture::Get().row(i);
         std::unique_ptr<rocksdb::Iterator> it(db->NewIterator(rocksdb::ReadOptions()));
-        benchmark::DoNotOptimize(ReadRow(it.get(), row.row_key));
-        rocksdb::WriteBatch batch;
-        for (const auto& kv : row.kv) batch.Put(kv.first, kv.second);
-        s = db->Write(rocksdb::WriteOptions(), &batch);
-        if (!s.ok()) break;
-        i = (i + 1) % kRecords;
-    }
-    CheckRocks(state, s);
+        const rocksdb::Status s = ReadRow(it.get(), row.row_key);
+        return s.ok() ? Commit(db, row.kv) : s;
+    });
 }
 
 void BM_StoreUpdate2(benchmark::State& state) {
     if (!Ready(state)) return;
     const std::vector<BenchRecord> records = Records();
     const std::vector<std::string> paths = {"score", "balance"};
-    Status s;
-    int i = 0;
-    for (auto _ : state) {
-        s = Fixture::Get().table()->Update(records[static_cast<size_t>(i)], paths);
-        if (!s.ok()) break;
-        i = (i + 1) % kRecords;
-    }
-    CheckStatus(state, s);
+    Cycle(state, [&](int i) { return Fixture::Get().table()->Update(records[static_cast<size_t>(i)], paths); });
 }
 
 void BM_Baseline_RocksDBUpdate2(benchmark::State& state) {
     if (!Ready(state)) return;
     rocksdb::DB* db = Fixture::Get().raw();
-    rocksdb::Status s;
-    int i = 0;
-    for (auto _ : state) {
+    Cycle(state, [db](int i) {
         const RawRow& row = Fixture::Get().row(i);
         std::string marker;
-        s = db->Get(rocksdb::ReadOptions(), row.row_key, &marker);
-        if (!s.ok()) break;
-        rocksdb::WriteBatch batch;
-        for (const auto& kv : row.update) batch.Put(kv.first, kv.second);
-        s = db->Write(rocksdb::WriteOptions(), &batch);
-        if (!s.ok()) break;
-        i = (i + 1) % kRecords;
-    }
-    CheckRocks(state, s);
+        const rocksdb::Status s = db->Get(rocksdb::ReadOptions(), row.row_key, &marker);
+        return s.ok() ? Commit(db, row.update) : s;
+    });
 }
 
 void BM_StoreGet(benchmark::State& state) {
@@ -307,28 +290,19 @@ void BM_StoreGet(benchmark::State& state) {
         keys.push_back(key);
     }
     BenchRecord out;
-    Status s;
-    int i = 0;
-    for (auto _ : state) {
-        s = Fixture::Get().table()->Get(keys[static_cast<size_t>(i)], {}, &out, nullptr);
-        if (!s.ok()) break;
-        i = (i + 1) % kRecords;
-    }
-    CheckStatus(state, s);
-    if (s.ok() && out.level() != (i + kRecords - 1) % kRecords) Fail(state, "Get read another record");
+    Cycle(state, [&](int i) {
+        const Status s = Fixture::Get().table()->Get(keys[static_cast<size_t>(i)], {}, &out, nullptr);
+        return s.ok() && out.level() != i ? Status::Corruption("Get read another record") : s;
+    });
 }
 
 void BM_Baseline_RocksDBGet(benchmark::State& state) {
     if (!Ready(state)) return;
     rocksdb::DB* db = Fixture::Get().raw();
-    int i = 0;
-    size_t bytes = 0;
-    for (auto _ : state) {
+    Cycle(state, [db](int i) {
         std::unique_ptr<rocksdb::Iterator> it(db->NewIterator(rocksdb::ReadOptions()));
-        bytes += ReadRow(it.get(), Fixture::Get().row(i).row_key);
-        i = (i + 1) % kRecords;
-    }
-    if (bytes == 0) Fail(state, "read nothing");
+        return ReadRow(it.get(), Fixture::Get().row(i).row_key);
+    });
 }
 
 void BM_StoreFindByIndex(benchmark::State& state) {
@@ -336,34 +310,27 @@ void BM_StoreFindByIndex(benchmark::State& state) {
     std::vector<BenchRecord> levels(kRecords);
     for (int i = 0; i < kRecords; ++i) levels[static_cast<size_t>(i)].set_level(i);
     std::vector<Record> found;
-    Status s;
-    int i = 0;
-    for (auto _ : state) {
+    Cycle(state, [&](int i) {
         found.clear();
-        s = Fixture::Get().table()->FindByIndex("by_level", levels[static_cast<size_t>(i)], &found);
-        if (!s.ok() || found.size() != 1) break;
-        i = (i + 1) % kRecords;
-    }
-    CheckStatus(state, s);
-    if (s.ok() && found.size() != 1) Fail(state, "FindByIndex did not find one record");
+        const Status s = Fixture::Get().table()->FindByIndex("by_level", levels[static_cast<size_t>(i)], &found);
+        return s.ok() && found.size() != 1 ? Status::Corruption("FindByIndex did not find one record") : s;
+    });
 }
 
 void BM_Baseline_RocksDBFindByIndex(benchmark::State& state) {
     if (!Ready(state)) return;
     rocksdb::DB* db = Fixture::Get().raw();
-    int i = 0;
-    size_t bytes = 0;
-    for (auto _ : state) {
+    Cycle(state, [db](int i) {
         const RawRow& row = Fixture::Get().row(i);
         std::unique_ptr<rocksdb::Iterator> it(db->NewIterator(rocksdb::ReadOptions()));
         std::vector<std::string> pks;
         for (it->Seek(row.index_prefix); it->Valid() && it->key().starts_with(row.index_prefix); it->Next()) {
             pks.push_back(it->key().ToString().substr(row.index_prefix.size()));
         }
-        for (size_t p = 0; p < pks.size(); ++p) bytes += ReadRow(it.get(), row.row_key);
-        i = (i + 1) % kRecords;
-    }
-    if (bytes == 0) Fail(state, "read nothing");
+        rocksdb::Status s = it->status();
+        if (s.ok() && pks.size() != 1) s = rocksdb::Status::Corruption("not one entry");
+        return s.ok() ? ReadRow(it.get(), row.row_key) : s;
+    });
 }
 
 }  // namespace

@@ -251,6 +251,7 @@ private:
     std::vector<const FieldDescriptor*> m_repeated_fields;  // top-level repeated fields and maps
     std::vector<Secondary> m_secondaries;                   // indexes by name, then the shard listing
     const Secondary* m_shard = nullptr;
+    std::vector<const Secondary*> m_all;   // every one of m_secondaries
     std::vector<int> m_secondary_numbers;  // every field number of m_secondaries
 };
 
@@ -304,6 +305,7 @@ Status Table::Impl::Load(const std::string& blob) {
         m_shard = &m_secondaries.back();
     }
     for (const Secondary& secondary : m_secondaries) {
+        m_all.push_back(&secondary);
         for (int number : secondary.fields) {
             if (m_desc->FindFieldByNumber(number) == nullptr) {
                 return Status::IncompatibleSchema(0, secondary.What(m_name) + ": field " + std::to_string(number) +
@@ -502,10 +504,8 @@ Status Table::Impl::Put(const Message& record) {
         key.resize(row_key.size());
         batch.Put(key.append(write.tag_path), rocksdb::Slice(write.bytes.data(), write.bytes.size()));
     }
-    std::vector<const Secondary*> all;
-    for (const Secondary& secondary : m_secondaries) all.push_back(&secondary);
-    std::unique_ptr<Message> old = row.exists && !all.empty() ? View(record, row.fields) : nullptr;
-    status = StageSecondaries(all, pk, old.get(), &record, scratch.operator->(), &batch);
+    std::unique_ptr<Message> old = row.exists && !m_all.empty() ? View(record, row.fields) : nullptr;
+    status = StageSecondaries(m_all, pk, old.get(), &record, scratch.operator->(), &batch);
     if (!status.ok()) return status;
     return Write(&batch, "writing a record");
 }
@@ -714,11 +714,9 @@ Status Table::Impl::Delete(const Message& key) {
         field_key.resize(row_key.size());
         batch.Delete(field_key.append(tag_path));
     }
-    std::vector<const Secondary*> all;
-    for (const Secondary& secondary : m_secondaries) all.push_back(&secondary);
-    if (!all.empty()) {
+    if (!m_all.empty()) {
         std::unique_ptr<Message> old = View(key, row.fields);
-        status = StageSecondaries(all, pk, old.get(), nullptr, scratch.operator->(), &batch);
+        status = StageSecondaries(m_all, pk, old.get(), nullptr, scratch.operator->(), &batch);
         if (!status.ok()) return status;
     }
     return Write(&batch, "deleting a record");

@@ -7,7 +7,6 @@
 // CORVIDA_STORE_STRESS_ITERATIONS sets the operations per thread (default
 // 600).
 #include <atomic>
-#include <cstdlib>
 #include <memory>
 #include <random>
 #include <string>
@@ -31,11 +30,6 @@ using corvida::test3::Player3;
 
 constexpr int kThreads = 8;
 constexpr int kRecords = 16;
-
-int Iterations() {
-    const char* text = std::getenv("CORVIDA_STORE_STRESS_ITERATIONS");
-    return text != nullptr && std::atoi(text) > 0 ? std::atoi(text) : 600;
-}
 
 // One random operation on one of the shared records. Returns false, with the
 // failure in *error, when the store refused an operation it must accept.
@@ -95,7 +89,7 @@ TEST(StoreConcurrencyTest, ConcurrentWritersKeepIndexesAndRecordsTogether) {
     std::unique_ptr<Table> table;
     ASSERT_TRUE(store->OpenTable(Player3::default_instance(), nullptr, &table).ok());
 
-    const int iterations = Iterations();
+    const int iterations = EnvInt("CORVIDA_STORE_STRESS_ITERATIONS", 600);
     std::atomic<int> failures(0);
     std::vector<std::string> errors(kThreads);
     std::vector<std::thread> threads;

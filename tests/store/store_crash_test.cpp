@@ -36,11 +36,6 @@ using corvida::store::Table;
 using corvida::store::TableStore;
 using corvida::test3::Player3;
 
-int EnvInt(const char* name, int fallback) {
-    const char* text = std::getenv(name);
-    return text != nullptr && std::atoi(text) > 0 ? std::atoi(text) : fallback;
-}
-
 // The records of the store as "ShortDebugString" lines by key, or the
 // failure.
 ::testing::AssertionResult StoredRecords(const std::string& dir, std::map<std::string, std::string>* records) {

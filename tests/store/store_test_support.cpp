@@ -59,6 +59,12 @@ TempDir::~TempDir() {
     std::filesystem::remove_all(m_path, ec);
 }
 
+int EnvInt(const char* name, int fallback) {
+    const char* text = std::getenv(name);
+    const int value = text != nullptr ? std::atoi(text) : 0;
+    return value > 0 ? value : fallback;
+}
+
 std::string SchemaBlob(const google::protobuf::Descriptor* desc) {
     google::protobuf::FileDescriptorSet set;
     std::set<std::string> added;

@@ -37,6 +37,9 @@ private:
     std::string m_path;
 };
 
+// The positive integer in environment variable name, else fallback.
+int EnvInt(const char* name, int fallback);
+
 // The schema blob of desc's file: the files it imports (recursively) first,
 // then the file itself.
 std::string SchemaBlob(const google::protobuf::Descriptor* desc);
