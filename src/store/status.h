@@ -11,6 +11,7 @@
 #define CORVIDA_STORE_STATUS_H_
 
 #include <string>
+#include <utility>
 
 namespace corvida {
 namespace store {
