@@ -210,6 +210,12 @@ private:
     // tag path, and the fields keep accepts.
     template <typename Keep>
     Status ReadRow(rocksdb::Iterator* it, const std::string& row_key, Keep keep, Row* row) const;
+    // What a whole-record write (Put, Delete) needs of the stored row: every
+    // tag path, and the fields of the indexes and the shard listing.
+    Status ReadOldRow(const std::string& row_key, Row* row) const {
+        std::unique_ptr<rocksdb::Iterator> it(m_core->db()->NewIterator(rocksdb::ReadOptions()));
+        return ReadRow(it.get(), row_key, [this](std::string_view tag) { return IsSecondaryField(tag); }, row);
+    }
     // The record of primary key pk read in full from it, key fields parsed
     // back from pk. kNotFound when the row is missing.
     Status ReadRecord(rocksdb::Iterator* it, std::string_view pk, Record* record) const;
@@ -485,9 +491,8 @@ Status Table::Impl::Put(const Message& record) {
 
     const std::string row_key = layout::RowKey(m_id, pk);
     std::lock_guard<std::mutex> lock(m_core->locks().For(m_id, pk));
-    std::unique_ptr<rocksdb::Iterator> it(m_core->db()->NewIterator(rocksdb::ReadOptions()));
     Row row(true);
-    status = ReadRow(it.get(), row_key, [this](std::string_view tag) { return IsSecondaryField(tag); }, &row);
+    status = ReadOldRow(row_key, &row);
     if (!status.ok()) return status;
 
     rocksdb::WriteBatch batch;
@@ -701,9 +706,8 @@ Status Table::Impl::Delete(const Message& key) {
 
     const std::string row_key = layout::RowKey(m_id, pk);
     std::lock_guard<std::mutex> lock(m_core->locks().For(m_id, pk));
-    std::unique_ptr<rocksdb::Iterator> it(m_core->db()->NewIterator(rocksdb::ReadOptions()));
     Row row(true);
-    status = ReadRow(it.get(), row_key, [this](std::string_view tag) { return IsSecondaryField(tag); }, &row);
+    status = ReadOldRow(row_key, &row);
     if (!status.ok()) return status;
     if (!row.exists) return Status::NotFound("table " + m_name + ": no record with that key");
 
