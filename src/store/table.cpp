@@ -274,6 +274,18 @@ Status Table::Impl::Load(const std::string& blob) {
                                                     " is incompatible with the stored schema (result " +
                                                     std::to_string(code) + "): " + compare.text());
     }
+    // A client whose cipher suite is missing or holds another key builds no
+    // key of the table, and could not decrypt the stored ones: the key
+    // encoder's own check (it comes before any field) refuses it now.
+    {
+        ScratchPool::Lease scratch = m_core->scratch().Acquire();
+        uint8_t buf[1024];
+        int32_t size = sizeof(buf);
+        m_prototype.ByteSizeLong();
+        const int ret =
+            ProtobufUtil::ExtractMsgKey(m_kv, m_prototype, buf, size, scratch->idl.get(), m_core->log(), false);
+        if (ret == -3 || ret == -4) return KeyError("table " + m_name + ": primary key", ret, m_desc);
+    }
     if (ProtobufUtil::GetMsgKeyNames(m_prototype, m_key_names) != 0) {
         return Status::InvalidArgument("table " + m_name + ": corvida_primary_key names a missing field");
     }

@@ -74,11 +74,10 @@ public:
     bool HasShardingKey() const;
 
     // Writes the whole record. kInvalidArgument when record is not of the
-    // table's type, its key cannot be built (a key field unset in proto2, a
-    // key over 1022 bytes, a cipher suite missing or whose key does not match
-    // the table: bridge_code() is ExtractMsgKey's result, -4 for a wrong
-    // cipher key), an index key is over 1022 bytes, or the record is larger
-    // than 8 MiB. Nothing is stored on any failure.
+    // table's type, its key cannot be built (bridge_code() is ExtractMsgKey's
+    // result: -9 for a key field unset in proto2, -10 for a key over 1022
+    // bytes), an index key is over 1022 bytes, or the record is larger than
+    // 8 MiB. Nothing is stored on any failure.
     Status Put(const google::protobuf::Message& record);
 
     // Writes the fields of record named by paths (dotted field names). Also

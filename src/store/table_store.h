@@ -115,7 +115,11 @@ public:
     // outlive the table. kv may be null for a table that encrypts nothing.
     //
     // kNotFound when the catalog has no such table; kCorruption when the
-    // stored blob no longer loads.
+    // stored blob no longer loads; kInvalidArgument, with ExtractMsgKey's
+    // result in bridge_code(), when the table names a cipher suite that kv
+    // lacks (-3) or holds with another key than the table records in
+    // corvida_cipher_md5 (-4): such a client could neither build keys nor
+    // decrypt the stored ones.
     Status OpenTable(const google::protobuf::Message& prototype, CORVIDA_KV::CorvidaKVApi* kv,
                      std::unique_ptr<Table>* table);
 
