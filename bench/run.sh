@@ -1,6 +1,7 @@
 #!/bin/sh
-# Runs corvida_bench and prints one table: each operation next to its
-# baseline, with the median CPU time per call of both and their ratio.
+# Runs corvida_bench (and corvida_store_bench, when the table store is built)
+# and prints one table: each operation next to its baseline, with the median
+# CPU time per call of both and their ratio.
 #
 #   bench/run.sh [BUILD_DIR] [extra corvida_bench flags...]
 #
@@ -26,12 +27,17 @@ case "$build_type" in
 esac
 
 json=$(mktemp)
-trap 'rm -f "$json"' EXIT INT TERM
+store_json=$(mktemp)
+trap 'rm -f "$json" "$store_json"' EXIT INT TERM
 
 status=0
-"$bench" --benchmark_repetitions="${REPETITIONS:-5}" --benchmark_min_time="${MIN_TIME:-0.05}" \
-    --benchmark_report_aggregates_only=true --benchmark_out="$json" --benchmark_out_format=json "$@" >&2 ||
-    status=$?
+for binary in "$bench" "$build_dir/bench/corvida_store_bench"; do
+    [ -x "$binary" ] || continue
+    "$binary" --benchmark_repetitions="${REPETITIONS:-5}" --benchmark_min_time="${MIN_TIME:-0.05}" \
+        --benchmark_report_aggregates_only=true --benchmark_out="$store_json" --benchmark_out_format=json "$@" >&2 ||
+        status=$?
+    cat "$store_json" >>"$json"
+done
 
 # The machine, as docs/performance.md records it.
 cpu=$(sed -n 's/^model name[[:space:]]*:[[:space:]]*//p' /proc/cpuinfo | head -n 1)
@@ -58,7 +64,11 @@ FillMessageGroup Baseline_BuildPool
 GetMetaAndCompare Baseline_BuildPool
 FieldValue2GenericValue Baseline_FieldGetter
 DisabledLogLine Baseline_CategoryTest
-ValueSetBufferReset -'
+ValueSetBufferReset -
+StorePut Baseline_RocksDBPut
+StoreUpdate2 Baseline_RocksDBUpdate2
+StoreGet Baseline_RocksDBGet
+StoreFindByIndex Baseline_RocksDBFindByIndex'
 
 # Benchmark's JSON writes one key per line. The median of the repetitions is
 # used (a single run's own figure without repetitions), CPU time in ns.

@@ -8,6 +8,7 @@
 // InputWriter builds such inputs, so each seed names a real scenario (a
 // table, a path, the field's bytes) instead of being random bytes.
 #include <google/protobuf/descriptor.pb.h>
+#include <google/protobuf/io/zero_copy_stream_impl_lite.h>
 #include <google/protobuf/wire_format.h>
 
 #include <algorithm>
@@ -253,6 +254,86 @@ bool AesSeeds(const std::string& dir) {
 
 }  // namespace
 
+// An input of store_read_fuzzer: the table, the primary key, then the tag
+// path and bytes of each stored field, each chunk after its two-byte length.
+class RowWriter {
+public:
+    explicit RowWriter(int table) : m_bytes(1, static_cast<char>(table)) {}
+    RowWriter& Chunk(const std::string& s) {
+        m_bytes.push_back(static_cast<char>(s.size() >> 8));
+        m_bytes.push_back(static_cast<char>(s.size() & 0xff));
+        m_bytes += s;
+        return *this;
+    }
+    // A stored field: field `number` of msg (a sub-message of the table's
+    // record) under tag path, as protobuf serializes it.
+    RowWriter& Field(const std::string& path, const google::protobuf::Message& msg, int number) {
+        std::string bytes;
+        {
+            google::protobuf::io::StringOutputStream stream(&bytes);
+            google::protobuf::io::CodedOutputStream out(&stream);
+            msg.ByteSizeLong();
+            google::protobuf::internal::WireFormat::SerializeFieldWithCachedSizes(
+                msg.GetDescriptor()->FindFieldByNumber(number), msg, &out);
+        }
+        return Chunk(path).Chunk(bytes);
+    }
+    const std::string& bytes() const { return m_bytes; }
+
+private:
+    std::string m_bytes;
+};
+
+// The primary key of msg, with the tests' "aes128" suite for encrypted fields.
+std::string PrimaryKey(const google::protobuf::Message& msg) {
+    CORVIDA_KV::CorvidaKVApi kv;
+    std::unique_ptr<AesSivCipherSuite> suite(new AesSivCipherSuite("aes128"));
+    suite->Init("000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f");
+    kv.AddCipherSuite(std::move(suite));
+    std::unique_ptr<tagtbl_idl> idl(new tagtbl_idl);
+    PLOGCATEGORYINST log;
+    plog_category_init(&log, "seeds", PLOG_PRIORITY_FATAL);
+    uint8_t key[1024];
+    int32_t size = sizeof(key);
+    msg.ByteSizeLong();
+    PROTOBUF_UTIL::ProtobufUtil::ExtractMsgKey(&kv, msg, key, size, idl.get(), &log, true);
+    return std::string(reinterpret_cast<const char*>(key), static_cast<size_t>(size));
+}
+
+bool StoreReadSeeds(const std::string& dir) {
+    const std::string t = "store_read_fuzzer";
+    // A Player3 row as a put and two updates leave it.
+    corvida::test3::Player3 player;
+    player.set_zone(3);
+    player.set_uid(1001);
+    player.set_name("alice");
+    player.mutable_stats()->set_hp(120);
+    player.mutable_stats()->mutable_deep()->set_v(7);
+    player.add_tags("a");
+    player.add_tags("b");
+    (*player.mutable_attrs())["str"] = 10;
+    player.add_scores(5);
+    player.add_scores(6);
+    RowWriter a(kPlayer3);
+    a.Chunk(PrimaryKey(player)).Field("3", player, 3).Field("5", player, 5).Field("5.1", player.stats(), 1);
+    a.Field("5.3.1", player.stats().deep(), 1).Field("7", player, 7).Field("9", player, 9).Field("12", player, 12);
+    // A Secret2 row: the encrypted token in the key, sealed stored in plain.
+    corvida::test::Secret2 secret;
+    secret.set_uid(9);
+    secret.set_token("tok-123");
+    secret.set_sealed("sealed");
+    secret.mutable_stats()->set_mp(4);
+    RowWriter b(kSecret2);
+    b.Chunk(PrimaryKey(secret)).Field("3", secret, 3).Field("6", secret, 6).Field("4", secret, 4);
+    // Damage: a key of an unknown field, bytes of another field, a path into
+    // a repeated field, a path that is no number.
+    RowWriter c(kPlayer2);
+    c.Chunk(std::string("ø", 3)).Chunk("4").Chunk("x").Chunk("8.1").Chunk(std::string("", 2));
+    c.Chunk("x.5").Chunk("");
+    return Write(dir, t, "player3_row", a.bytes()) && Write(dir, t, "secret2_row", b.bytes()) &&
+           Write(dir, t, "player2_damaged", c.bytes());
+}
+
 int main(int argc, char** argv) {
     if (argc != 2) {
         std::cerr << "usage: seed_generator <corpus dir>\n";
@@ -262,6 +343,6 @@ int main(int argc, char** argv) {
     std::unique_ptr<ProtobufValueSet_> set(new ProtobufValueSet_);
     set->construct();
     const bool ok = FillMsgFromFieldSeeds(dir) && TextPathSeeds(dir) && ValueSetSeeds(dir, *set) && SchemaSeeds(dir) &&
-                    AesSeeds(dir);
+                    AesSeeds(dir) && StoreReadSeeds(dir);
     return ok ? 0 : 1;
 }

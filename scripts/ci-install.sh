@@ -61,10 +61,12 @@ check_tree() {
     for header in protobuf_api/protobuf_util.h protobuf_api/aes_siv_cipher_suite.h protobuf_api/cipher_suite_base.h \
         protobuf_api/corvida_kv_api.h protobuf_api/corvida_protobuf_define.h common/pb_value_set_buffer.h \
         common/i_pb_value_set_buffer.h common/corvida_error_code.h common/corvida_service_field.h \
-        protocol/corvida_protocol_comm.h protocol/idl_tbl.h plog/plog.h corvidaservice.optionv1.pb.h; do
+        protocol/corvida_protocol_comm.h protocol/idl_tbl.h plog/plog.h corvidaservice.optionv1.pb.h \
+        store/status.h store/table.h store/table_store.h; do
         [ -f "$inc/$header" ] || fail "header $header is not installed"
     done
-    for private in protobuf_util_log.h protobuf_util_tokens.h pb_value_set_buffer_internal.h; do
+    for private in protobuf_util_log.h protobuf_util_tokens.h pb_value_set_buffer_internal.h key_layout.h \
+        record_codec.h store_core.h; do
         [ -z "$(find "$prefix" -name "$private")" ] || fail "private header $private is installed"
     done
     for header in $(cd "$inc" && find . -name '*.h' | sort); do
@@ -73,17 +75,21 @@ check_tree() {
             fail "installed header ${header#./} does not compile on its own"
     done
     case $2 in
-    static) library=libcorvida_protobuf_api.a ;;
-    *) library=libcorvida_protobuf_api.so.1 ;;
+    static) suffix=a ;;
+    *) suffix=so.1 ;;
     esac
-    [ -f "$prefix/lib/$library" ] || fail "$library is not installed"
+    for library in libcorvida_protobuf_api.$suffix libcorvida_table_store.$suffix; do
+        [ -f "$prefix/lib/$library" ] || fail "$library is not installed"
+    done
     cmp "$prefix/share/corvida_protobuf_api/proto/corvidaservice.optionv1.proto" \
         src/protocol/corvidaservice.optionv1.proto || fail "the option file is not installed as it is"
     for file in CorvidaProtobufApiConfig.cmake CorvidaProtobufApiConfigVersion.cmake \
         CorvidaProtobufApiTables.cmake CorvidaProtobufApiTargets.cmake; do
         [ -f "$prefix/lib/cmake/CorvidaProtobufApi/$file" ] || fail "package file $file is not installed"
     done
-    [ -f "$prefix/lib/pkgconfig/corvida_protobuf_api.pc" ] || fail "the pkg-config file is not installed"
+    for pc in corvida_protobuf_api.pc corvida_table_store.pc; do
+        [ -f "$prefix/lib/pkgconfig/$pc" ] || fail "the pkg-config file $pc is not installed"
+    done
     "$prefix/bin/corvida-pb" --help >/dev/null || fail "the installed corvida-pb --help failed"
 }
 

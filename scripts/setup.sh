@@ -10,6 +10,7 @@ PACKAGES="
   libgtest-dev libgmock-dev
   libbenchmark-dev
   clang libclang-rt-14-dev
+  librocksdb-dev
   libcli11-dev nlohmann-json3-dev
 "
 

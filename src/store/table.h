@@ -1,0 +1,129 @@
+// Table: the records of one table of a TableStore, read and written as one
+// client type (the prototype given to TableStore::OpenTable).
+//
+// The record model:
+//   - A record is addressed by its primary key, ExtractMsgKey of the message
+//     with the cipher suites of the table's CorvidaKVApi: encrypted key
+//     fields are stored as ciphertext only. Messages given to Get and Delete
+//     need their key fields set; other fields are ignored.
+//   - Put replaces the whole record: afterwards every field reads as the
+//     put's message holds it, absent fields included.
+//   - Update writes only the named dotted paths ("level", "profile.stats");
+//     nothing else of the record is rewritten. A path may name a sub-message
+//     whole, which replaces everything written under it before, or a field
+//     inside one. A top-level repeated field or map can be named only whole.
+//     Key fields cannot be named. Updating a record that does not exist
+//     creates it with just those fields (the rest read as absent).
+//   - Get returns the fields that the latest writes say, field by field. The
+//     tag paths of fields that did not merge (an encrypted string or bytes
+//     field, which the bridge never decrypts; damaged stored bytes) are
+//     returned in failed_paths, never dropped.
+//   - Each index "name(fields)" of the table maps ExtractFieldKey of its
+//     fields (in declared order) to the primary keys of the records that
+//     hold those values. A record whose index fields cannot form a key (an
+//     unset proto2 field) has no entry in that index. Writes move entries.
+//   - Records are grouped by their sharding-key fields (ExtractFieldKey of
+//     them): Scan with a shard lists the records of one shard.
+//   - A write of a record and of its index entries is one atomic RocksDB
+//     write. Writes of one record are serialized by a per-record lock.
+//
+// Records read by FindByIndex and Scan are created with prototype.New(), and
+// their key fields are parsed back from the stored primary key, encrypted
+// fields decrypted with the table's suite.
+//
+// Every method may be called from many threads at once. Messages passed in
+// are not changed, but their cached sizes are recomputed: do not pass one
+// message to two calls running at the same time.
+#ifndef CORVIDA_STORE_TABLE_H_
+#define CORVIDA_STORE_TABLE_H_
+
+#include <cstddef>
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <google/protobuf/message.h>
+
+#include "store/status.h"
+
+namespace corvida {
+namespace store {
+
+// One record read by FindByIndex or Scan.
+struct Record {
+    std::unique_ptr<google::protobuf::Message> message;  // of the table's client type
+    std::set<std::string> failed_paths;                  // tag paths that did not merge
+};
+
+class Table {
+public:
+    ~Table();
+
+    Table(const Table&) = delete;
+    Table& operator=(const Table&) = delete;
+
+    // The table's name (its type name without package) and client type.
+    const std::string& name() const;
+    const google::protobuf::Message& prototype() const;
+
+    // The index names of the table, in name order, and whether it has a
+    // sharding key.
+    std::vector<std::string> IndexNames() const;
+    bool HasShardingKey() const;
+
+    // Writes the whole record. kInvalidArgument when record is not of the
+    // table's type, its key cannot be built (bridge_code() is ExtractMsgKey's
+    // result: -9 for a key field unset in proto2, -10 for a key over 1022
+    // bytes), an index key is over 1022 bytes, or the record is larger than
+    // 8 MiB. Nothing is stored on any failure.
+    Status Put(const google::protobuf::Message& record);
+
+    // Writes the fields of record named by paths (dotted field names). Also
+    // kInvalidArgument for an empty list, an unknown name, a key field, a
+    // path into a repeated field, and paths that overlap ("a" and "a.b").
+    Status Update(const google::protobuf::Message& record, const std::vector<std::string>& paths);
+
+    // Reads the record whose key fields key holds into *out (of the table's
+    // type), which is cleared first and given key's key fields. paths empty:
+    // every field; else only the named fields. kNotFound when there is no
+    // such record. failed_paths (may be null) receives the tag paths of
+    // fields that did not merge; it is not cleared first.
+    Status Get(const google::protobuf::Message& key, const std::vector<std::string>& paths,
+               google::protobuf::Message* out, std::set<std::string>* failed_paths);
+
+    // Removes the record and its index entries. kNotFound when there is none.
+    Status Delete(const google::protobuf::Message& key);
+
+    // Appends to *records every record whose fields of index `index` equal
+    // those of index_fields (other fields ignored), in primary-key byte
+    // order; at most limit records when limit > 0. kInvalidArgument for an
+    // unknown index or index fields that cannot form a key.
+    Status FindByIndex(std::string_view index, const google::protobuf::Message& index_fields,
+                       std::vector<Record>* records, size_t limit = 0);
+
+    // Appends to *records the records of the shard whose sharding-key fields
+    // shard holds, or of the whole table when shard is null; at most limit
+    // records when limit > 0. Within a shard and in the whole table, records
+    // come in primary-key byte order. kInvalidArgument for a shard of a table
+    // without a sharding key.
+    Status Scan(const google::protobuf::Message* shard, size_t limit, std::vector<Record>* records);
+
+    // Checks that every record has its index and shard entries and every
+    // entry its record, reading the whole table. kCorruption, with the counts
+    // of what is missing or left over, when not.
+    Status Verify();
+
+    // Tables are made by TableStore::OpenTable; Impl is private to the store.
+    class Impl;
+    explicit Table(std::unique_ptr<Impl> impl);
+
+private:
+    std::unique_ptr<Impl> m_impl;
+};
+
+}  // namespace store
+}  // namespace corvida
+
+#endif  // CORVIDA_STORE_TABLE_H_

@@ -1,0 +1,140 @@
+// TableStore: an embedded, persistent store of corvida tables on RocksDB.
+//
+// A store is a directory. It holds a catalog of tables, each created from
+// its schema blob (the serialized FileDescriptorSet that FillMessageGroup
+// takes, playing the server's schema) and its type name, and the records of
+// every table, kept as the service's record model says: a primary key from
+// ExtractMsgKey, one stored field per tag path as FillValueSetWithMsg cuts it,
+// index entries keyed by ExtractFieldKey, records grouped by their sharding
+// key. Table (store/table.h) reads and writes the records of one table.
+//
+//   std::unique_ptr<TableStore> store;
+//   StoreOptions options;
+//   options.create_if_missing = true;
+//   Status s = TableStore::Open("/var/lib/game", options, &store);
+//   if (s.ok()) s = store->CreateTable(blob, "Player");   // once
+//   std::unique_ptr<Table> players;
+//   if (s.ok()) s = store->OpenTable(Player::default_instance(), &kv, &players);
+//
+// Every operation returns a Status (store/status.h) and throws nothing.
+//
+// Threads: a TableStore and the Tables opened from it may be used from any
+// number of threads at once without outside locking. Writes of one record
+// are serialized; a reader sees each write whole or not at all.
+//
+// Processes: one process at a time. A second process opening a store that
+// another holds gets kBusy at once (RocksDB's LOCK file), never a wait.
+//
+// Layout: the store records the version of its key layout; a store written
+// by a newer version of this library is refused with kNotSupported, never
+// read. docs/store.md describes the layout and what the store is and is not.
+#ifndef CORVIDA_STORE_TABLE_STORE_H_
+#define CORVIDA_STORE_TABLE_STORE_H_
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <google/protobuf/message.h>
+
+#include "plog/plog.h"
+#include "protobuf_api/corvida_kv_api.h"
+#include "store/status.h"
+#include "store/table.h"
+
+namespace corvida {
+namespace store {
+
+struct StoreOptions {
+    // Create the store when the directory does not exist or is empty.
+    // Otherwise a missing store is kNotFound.
+    bool create_if_missing = false;
+
+    // Flush the write-ahead log to the disk before a write returns, so that
+    // an acknowledged write survives a crash of the machine, not only of the
+    // process. Off: a write survives a crash of the process (the log is in
+    // the operating system's hands) and costs far less; docs/store.md has the
+    // figures.
+    bool sync = false;
+
+    // Where the bridge's own log lines go (priorities as the bridge logs
+    // them). Null: nowhere. The category must outlive the store and may be
+    // used from several threads at once (see plog/plog.h).
+    LPPLOGCATEGORYINST log = nullptr;
+};
+
+// One table of the catalog.
+struct TableInfo {
+    std::string name;         // the table's type name, as given to CreateTable
+    std::string schema_blob;  // the schema blob stored for it
+};
+
+class TableStore {
+public:
+    // Opens the store in directory dir. Results:
+    //   kNotFound         no store there (and create_if_missing is off)
+    //   kInvalidArgument  dir holds something that is not a table store: files
+    //                     without a RocksDB database, or a RocksDB database
+    //                     that is not a table store (nothing is written to it)
+    //   kNotSupported     a store of a newer key layout
+    //   kCorruption       the database files are damaged
+    //   kBusy             another process holds the store
+    //   kIOError          the file system refused
+    static Status Open(std::string_view dir, const StoreOptions& options, std::unique_ptr<TableStore>* store);
+
+    // Closes the store once every Table opened from it is gone too.
+    ~TableStore();
+
+    TableStore(const TableStore&) = delete;
+    TableStore& operator=(const TableStore&) = delete;
+
+    // Adds table type_name (the top-level message name without its package,
+    // as FillMessageGroup looks it up) with its schema blob to the catalog.
+    // The blob must load: it parses, holds the type, and the type names a
+    // primary key and only existing fields in its key, sharding-key and index
+    // options. kAlreadyExists when the catalog has the name; kInvalidArgument
+    // for a blob that does not load (the bridge's error lines in the message).
+    Status CreateTable(std::string_view schema_blob, std::string_view type_name);
+
+    // Every table of the catalog, ordered by name.
+    Status ListTables(std::vector<TableInfo>* tables) const;
+
+    // Opens the table of prototype's type (looked up by the type's name
+    // without package) for reading and writing, as a client whose type is
+    // prototype's and whose cipher suites are kv's. The client type is
+    // checked against the stored schema blob with GetMetaAndCompare; an
+    // incompatible one gets kIncompatibleSchema with the comparison's code
+    // (bridge_code()) and its explanation, and nothing is read or written.
+    // The blob is loaded once, with FillMessageGroup, for the table's key,
+    // sharding-key and index fields.
+    //
+    // prototype may be a generated type's default instance or a message of
+    // a type loaded at run time (a DynamicMessage): records read back are
+    // created with prototype.New(). prototype, its descriptor and kv must
+    // outlive the table. kv may be null for a table that encrypts nothing.
+    //
+    // kNotFound when the catalog has no such table; kCorruption when the
+    // stored blob no longer loads; kInvalidArgument, with ExtractMsgKey's
+    // result in bridge_code(), when the table names a cipher suite that kv
+    // lacks (-3) or holds with another key than the table records in
+    // corvida_cipher_md5 (-4): such a client could neither build keys nor
+    // decrypt the stored ones.
+    Status OpenTable(const google::protobuf::Message& prototype, CORVIDA_KV::CorvidaKVApi* kv,
+                     std::unique_ptr<Table>* table);
+
+    // The directory of the store.
+    const std::string& dir() const;
+
+    class Core;  // shared with Table; private to the store
+
+private:
+    explicit TableStore(std::shared_ptr<Core> core);
+
+    std::shared_ptr<Core> m_core;
+};
+
+}  // namespace store
+}  // namespace corvida
+
+#endif  // CORVIDA_STORE_TABLE_STORE_H_

@@ -1,0 +1,475 @@
+// The table store's record model: round trips on proto2 and proto3 tables,
+// whole and partial writes, writes under sub-messages, repeated fields and
+// maps, encrypted key fields, indexes, shards, reopening.
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <google/protobuf/text_format.h>
+#include <google/protobuf/util/message_differencer.h>
+#include <gtest/gtest.h>
+
+#include "store/table_store.h"
+#include "store_tables.pb.h"
+#include "store_test_support.h"
+#include "tables2.pb.h"
+#include "tables3.pb.h"
+
+namespace corvida_store_test {
+namespace {
+
+using corvida::store::Record;
+using corvida::store::Status;
+using corvida::store::Table;
+using corvida::store::TableInfo;
+using corvida::store::TableStore;
+using corvida::storetest::Account;
+using corvida::test::Player2;
+using corvida::test3::Player3;
+using google::protobuf::Message;
+using google::protobuf::util::MessageDifferencer;
+
+template <typename T>
+T Parse(const std::string& text) {
+    T msg;
+    EXPECT_TRUE(google::protobuf::TextFormat::ParseFromString(text, &msg)) << text;
+    return msg;
+}
+
+const char kPlayer[] = R"(
+    zone: 3 uid: 1001 name: "alice" level: 42
+    stats { hp: 120 mp: 30 deep { v: 7 raw: "\001\002" text: "deep" } history: [1, 2, 3] }
+    pos { x: 1 y: -2 label: "gate" }
+    tags: ["a", "b", "c"]
+    items { id: 1 name: "sword" count: 1 } items { id: 2 name: "shield" count: 2 }
+    attrs { key: "str" value: 10 } attrs { key: "dex" value: 12 }
+    avatar: "\377\000png" kind: KIND3_HERO scores: [5, 6, 7] rating: 4.5 flags: 99 delta: -3
+)";
+
+// A store with the tables Player2, Player3, Secret2 and Account, opened.
+class StoreTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(OpenStore(m_dir.path(), &m_store).ok());
+        ASSERT_TRUE(m_store->CreateTable(SchemaBlob(Player2::descriptor()), "Player2").ok());
+        ASSERT_TRUE(m_store->CreateTable(SchemaBlob(Player3::descriptor()), "Player3").ok());
+        ASSERT_TRUE(m_store->CreateTable(SchemaBlob(corvida::test::Secret2::descriptor()), "Secret2").ok());
+        ASSERT_TRUE(m_store->CreateTable(SchemaBlob(Account::descriptor()), "Account").ok());
+        Reopen();
+    }
+
+    void Reopen() {
+        m_players2.reset();
+        m_players3.reset();
+        m_accounts.reset();
+        m_store.reset();
+        ASSERT_TRUE(OpenStore(m_dir.path(), &m_store).ok());
+        ASSERT_TRUE(m_store->OpenTable(Player2::default_instance(), nullptr, &m_players2).ok());
+        ASSERT_TRUE(m_store->OpenTable(Player3::default_instance(), nullptr, &m_players3).ok());
+        ASSERT_TRUE(m_store->OpenTable(Account::default_instance(), m_kv.get(), &m_accounts).ok());
+    }
+
+    // The record of key's key fields, read whole; expects it to exist.
+    template <typename T>
+    T Read(Table* table, const T& key, std::set<std::string>* failed = nullptr) {
+        T out;
+        std::set<std::string> ignored;
+        const Status s = table->Get(key, {}, &out, failed != nullptr ? failed : &ignored);
+        EXPECT_TRUE(s.ok()) << s.ToString();
+        return out;
+    }
+
+    // The uids of records, in order.
+    static std::vector<uint64_t> Uids(const std::vector<Record>& records) {
+        std::vector<uint64_t> uids;
+        for (const Record& r : records) {
+            uids.push_back(r.message->GetReflection()->GetUInt64(*r.message,
+                                                                 r.message->GetDescriptor()->FindFieldByName("uid")));
+        }
+        return uids;
+    }
+
+    TempDir m_dir;
+    std::unique_ptr<CORVIDA_KV::CorvidaKVApi> m_kv = AesKv();
+    std::unique_ptr<TableStore> m_store;
+    std::unique_ptr<Table> m_players2;
+    std::unique_ptr<Table> m_players3;
+    std::unique_ptr<Table> m_accounts;
+};
+
+TEST_F(StoreTest, Proto3RecordRoundTripsWhole) {
+    const Player3 player = Parse<Player3>(kPlayer);
+    ASSERT_TRUE(m_players3->Put(player).ok());
+    Player3 key;
+    key.set_zone(3);
+    key.set_uid(1001);
+    std::set<std::string> failed;
+    const Player3 back = Read(m_players3.get(), key, &failed);
+    EXPECT_TRUE(MessageDifferencer::Equals(player, back)) << back.DebugString();
+    EXPECT_TRUE(failed.empty());
+}
+
+TEST_F(StoreTest, Proto2RecordRoundTripsWhole) {
+    const Player2 player = Parse<Player2>(R"(
+        zone: 1 uid: 7 name: "bob" level: 3
+        stats { hp: 1 deep { text: "x" } history: [9, 8] }
+        tags: ["t1", "t2"] items { id: 5 name: "ring" } attrs { key: "k" value: 1 }
+        scores: [1, 2] kind: KIND2_VILLAIN avatar: "" flags: 0
+    )");
+    ASSERT_TRUE(m_players2->Put(player).ok());
+    Player2 key;
+    key.set_zone(1);
+    key.set_uid(7);
+    const Player2 back = Read(m_players2.get(), key);
+    // Set-but-default proto2 fields (avatar "", flags 0) come back set.
+    EXPECT_TRUE(MessageDifferencer::Equals(player, back)) << back.DebugString();
+}
+
+TEST_F(StoreTest, NestedMapsAndRepeatedInsideSubMessagesRoundTrip) {
+    const Account account = Parse<Account>(R"(
+        region: 2 email: "ann@example.com" city: "Lyon" level: 5
+        profile { nickname: "ann" stats { hp: 3 history: [4, 5] } badges: ["x", "y"]
+                  counters { key: "a" value: 1 } counters { key: "b" value: 2 } }
+        scores: [10, -20]
+        friends { key: "bo" value { nickname: "bo" badges: "z" } }
+        tags: ["p", "q"]
+    )");
+    ASSERT_TRUE(m_accounts->Put(account).ok());
+    Account key;
+    key.set_region(2);
+    key.set_email("ann@example.com");
+    const Account back = Read(m_accounts.get(), key);
+    EXPECT_TRUE(MessageDifferencer::Equals(account, back)) << back.DebugString();
+}
+
+TEST_F(StoreTest, PutReplacesTheWholeRecord) {
+    ASSERT_TRUE(m_players3->Put(Parse<Player3>(kPlayer)).ok());
+    ASSERT_TRUE(m_players3->Update(Parse<Player3>("zone: 3 uid: 1001 stats { deep { v: 99 } }"), {"stats.deep.v"}).ok());
+    const Player3 second = Parse<Player3>(R"(zone: 3 uid: 1001 name: "alice2" tags: "only")");
+    ASSERT_TRUE(m_players3->Put(second).ok());
+    const Player3 back = Read(m_players3.get(), Parse<Player3>("zone: 3 uid: 1001"));
+    // Nothing of the first record, nor of the update under stats, is left.
+    EXPECT_TRUE(MessageDifferencer::Equals(second, back)) << back.DebugString();
+}
+
+TEST_F(StoreTest, UpdateWritesOnlyTheNamedFields) {
+    const Player3 player = Parse<Player3>(kPlayer);
+    ASSERT_TRUE(m_players3->Put(player).ok());
+    ASSERT_TRUE(m_players3->Update(Parse<Player3>(R"(zone: 3 uid: 1001 level: 43 name: "ignored" pos { x: 5 })"),
+                                   {"level", "pos.x"})
+                    .ok());
+    Player3 expected = player;
+    expected.set_level(43);
+    expected.mutable_pos()->set_x(5);
+    const Player3 back = Read(m_players3.get(), Parse<Player3>("zone: 3 uid: 1001"));
+    EXPECT_TRUE(MessageDifferencer::Equals(expected, back)) << back.DebugString();
+}
+
+TEST_F(StoreTest, WritingASubMessageReplacesWhatWasWrittenUnderIt) {
+    ASSERT_TRUE(m_players3->Put(Parse<Player3>("zone: 1 uid: 2 stats { hp: 1 mp: 2 }")).ok());
+    ASSERT_TRUE(m_players3->Update(Parse<Player3>("zone: 1 uid: 2 stats { deep { v: 5 text: \"t\" } }"),
+                                   {"stats.deep"})
+                    .ok());
+    ASSERT_TRUE(m_players3->Update(Parse<Player3>("zone: 1 uid: 2 stats { hp: 9 }"), {"stats.hp"}).ok());
+    EXPECT_EQ("zone: 1 uid: 2 stats { hp: 9 mp: 2 deep { v: 5 text: \"t\" } }",
+              Read(m_players3.get(), Parse<Player3>("zone: 1 uid: 2")).ShortDebugString());
+
+    // stats written whole: stats.deep and stats.hp written before are gone.
+    ASSERT_TRUE(m_players3->Update(Parse<Player3>("zone: 1 uid: 2 stats { mp: 4 }"), {"stats"}).ok());
+    EXPECT_EQ("zone: 1 uid: 2 stats { mp: 4 }",
+              Read(m_players3.get(), Parse<Player3>("zone: 1 uid: 2")).ShortDebugString());
+
+    // A later field under it applies on top of the whole sub-message.
+    ASSERT_TRUE(m_players3->Update(Parse<Player3>("zone: 1 uid: 2 stats { deep { v: 6 } }"), {"stats.deep.v"}).ok());
+    EXPECT_EQ("zone: 1 uid: 2 stats { mp: 4 deep { v: 6 } }",
+              Read(m_players3.get(), Parse<Player3>("zone: 1 uid: 2")).ShortDebugString());
+
+    // An unset sub-message written whole clears it.
+    ASSERT_TRUE(m_players3->Update(Parse<Player3>("zone: 1 uid: 2"), {"stats"}).ok());
+    EXPECT_EQ("zone: 1 uid: 2", Read(m_players3.get(), Parse<Player3>("zone: 1 uid: 2")).ShortDebugString());
+}
+
+TEST_F(StoreTest, UpdateDoesNotChangeTheMessageItCutsFrom) {
+    ASSERT_TRUE(m_players3->Put(Parse<Player3>("zone: 1 uid: 2 stats { hp: 1 }")).ok());
+    const Player3 update = Parse<Player3>("zone: 1 uid: 2");
+    ASSERT_TRUE(m_players3->Update(update, {"stats.deep.v"}).ok());
+    EXPECT_FALSE(update.has_stats());
+    // The unset field under the path reads as cleared; the parents exist.
+    EXPECT_EQ("zone: 1 uid: 2 stats { hp: 1 deep { } }",
+              Read(m_players3.get(), Parse<Player3>("zone: 1 uid: 2")).ShortDebugString());
+}
+
+TEST_F(StoreTest, RepeatedFieldsAndMapsAreUpdatedWhole) {
+    ASSERT_TRUE(m_players3->Put(Parse<Player3>(kPlayer)).ok());
+    ASSERT_TRUE(m_players3->Update(Parse<Player3>(R"(zone: 3 uid: 1001 tags: ["x", "y"] attrs { key: "z" value: 1 })"),
+                                   {"tags", "attrs", "items"})
+                    .ok());
+    const Player3 back = Read(m_players3.get(), Parse<Player3>("zone: 3 uid: 1001"));
+    EXPECT_EQ(2, back.tags_size());
+    EXPECT_EQ("y", back.tags(1));
+    EXPECT_EQ(1u, back.attrs().size());
+    EXPECT_EQ(0, back.items_size());
+    EXPECT_EQ(3, back.scores_size());
+
+    const Status element = m_players3->Update(Parse<Player3>("zone: 3 uid: 1001"), {"items.name"});
+    EXPECT_TRUE(element.IsInvalidArgument()) << element.ToString();
+    EXPECT_NE(std::string::npos, element.message().find("goes into repeated field items")) << element.message();
+}
+
+TEST_F(StoreTest, UpdateRefusesBadPathsAndWritesNothing) {
+    const Player3 player = Parse<Player3>(kPlayer);
+    ASSERT_TRUE(m_players3->Put(player).ok());
+    const Player3 update = Parse<Player3>("zone: 3 uid: 1001 level: 1 stats { hp: 1 }");
+    struct Case {
+        std::vector<std::string> paths;
+        std::string says;
+    };
+    const std::vector<Case> cases = {
+        {{}, "Update without paths"},
+        {{"nosuch"}, "names no field"},
+        {{"level", "uid"}, "is a key field"},
+        {{"stats", "stats.hp"}, "duplicated"},
+        {{"level.x"}, "names no field"},
+        {{""}, "empty path"},
+    };
+    for (const Case& c : cases) {
+        const Status s = m_players3->Update(update, c.paths);
+        EXPECT_TRUE(s.IsInvalidArgument()) << s.ToString();
+        EXPECT_NE(std::string::npos, s.message().find(c.says)) << s.message();
+    }
+    EXPECT_TRUE(MessageDifferencer::Equals(player, Read(m_players3.get(), Parse<Player3>("zone: 3 uid: 1001"))));
+}
+
+TEST_F(StoreTest, UpdateOfAMissingRecordCreatesIt) {
+    ASSERT_TRUE(m_players3->Update(Parse<Player3>("zone: 4 uid: 8 level: 6"), {"level"}).ok());
+    EXPECT_EQ("zone: 4 uid: 8 level: 6", Read(m_players3.get(), Parse<Player3>("zone: 4 uid: 8")).ShortDebugString());
+    // Its index entries exist, the unwritten name as its default.
+    std::vector<Record> found;
+    ASSERT_TRUE(m_players3->FindByIndex("by_name", Parse<Player3>("zone: 4"), &found).ok());
+    EXPECT_EQ(std::vector<uint64_t>({8}), Uids(found));
+    EXPECT_TRUE(m_players3->Verify().ok());
+}
+
+TEST_F(StoreTest, GetReturnsOnlyTheNamedFields) {
+    ASSERT_TRUE(m_players3->Put(Parse<Player3>(kPlayer)).ok());
+    ASSERT_TRUE(m_players3->Update(Parse<Player3>("zone: 3 uid: 1001 stats { deep { v: 8 } }"), {"stats.deep.v"}).ok());
+    Player3 out = Parse<Player3>("name: \"stale\"");
+    ASSERT_TRUE(m_players3->Get(Parse<Player3>("zone: 3 uid: 1001"), {"stats.deep", "tags", "zone"}, &out, nullptr).ok());
+    // stats was written whole by the put: only its deep field is returned.
+    EXPECT_EQ("zone: 3 uid: 1001 stats { deep { v: 8 raw: \"\\001\\002\" text: \"deep\" } } tags: \"a\" tags: \"b\" "
+              "tags: \"c\"",
+              out.ShortDebugString());
+    const Status bad = m_players3->Get(Parse<Player3>("zone: 3 uid: 1001"), {"items.id"}, &out, nullptr);
+    EXPECT_TRUE(bad.IsInvalidArgument()) << bad.ToString();
+}
+
+TEST_F(StoreTest, MissingRecordsAreNotFound) {
+    Player3 out;
+    EXPECT_TRUE(m_players3->Get(Parse<Player3>("zone: 1 uid: 1"), {}, &out, nullptr).IsNotFound());
+    EXPECT_TRUE(m_players3->Delete(Parse<Player3>("zone: 1 uid: 1")).IsNotFound());
+    ASSERT_TRUE(m_players3->Put(Parse<Player3>("zone: 1 uid: 1")).ok());
+    ASSERT_TRUE(m_players3->Delete(Parse<Player3>("zone: 1 uid: 1")).ok());
+    EXPECT_TRUE(m_players3->Get(Parse<Player3>("zone: 1 uid: 1"), {}, &out, nullptr).IsNotFound());
+}
+
+TEST_F(StoreTest, IndexesFollowPutUpdateAndDelete) {
+    ASSERT_TRUE(m_players3->Put(Parse<Player3>("zone: 1 uid: 10 name: \"a\" level: 5")).ok());
+    ASSERT_TRUE(m_players3->Put(Parse<Player3>("zone: 1 uid: 11 name: \"b\" level: 5")).ok());
+    ASSERT_TRUE(m_players3->Put(Parse<Player3>("zone: 2 uid: 12 name: \"a\" level: 6")).ok());
+    std::vector<Record> found;
+    ASSERT_TRUE(m_players3->FindByIndex("by_level", Parse<Player3>("level: 5"), &found).ok());
+    EXPECT_EQ(std::vector<uint64_t>({10, 11}), Uids(found));
+    EXPECT_EQ("b", static_cast<const Player3&>(*found[1].message).name());
+    found.clear();
+    ASSERT_TRUE(m_players3->FindByIndex("by_name", Parse<Player3>("zone: 1 name: \"a\""), &found).ok());
+    EXPECT_EQ(std::vector<uint64_t>({10}), Uids(found));
+
+    // An update of an indexed field moves the entry.
+    ASSERT_TRUE(m_players3->Update(Parse<Player3>("zone: 1 uid: 10 level: 6"), {"level"}).ok());
+    found.clear();
+    ASSERT_TRUE(m_players3->FindByIndex("by_level", Parse<Player3>("level: 5"), &found).ok());
+    EXPECT_EQ(std::vector<uint64_t>({11}), Uids(found));
+    found.clear();
+    ASSERT_TRUE(m_players3->FindByIndex("by_level", Parse<Player3>("level: 6"), &found).ok());
+    EXPECT_EQ(std::vector<uint64_t>({10, 12}), Uids(found));
+
+    // A put that changes it moves it too; a delete removes it.
+    ASSERT_TRUE(m_players3->Put(Parse<Player3>("zone: 1 uid: 11 name: \"c\" level: 7")).ok());
+    ASSERT_TRUE(m_players3->Delete(Parse<Player3>("zone: 2 uid: 12")).ok());
+    found.clear();
+    ASSERT_TRUE(m_players3->FindByIndex("by_level", Parse<Player3>("level: 6"), &found).ok());
+    EXPECT_EQ(std::vector<uint64_t>({10}), Uids(found));
+    found.clear();
+    ASSERT_TRUE(m_players3->FindByIndex("by_name", Parse<Player3>("zone: 1 name: \"c\""), &found).ok());
+    EXPECT_EQ(std::vector<uint64_t>({11}), Uids(found));
+    found.clear();
+    ASSERT_TRUE(m_players3->FindByIndex("by_level", Parse<Player3>("level: 6"), &found, 0).ok());
+    EXPECT_TRUE(m_players3->Verify().ok());
+
+    // A limit, and the names of unknown indexes.
+    found.clear();
+    ASSERT_TRUE(m_players3->Put(Parse<Player3>("zone: 1 uid: 13 level: 6")).ok());
+    ASSERT_TRUE(m_players3->FindByIndex("by_level", Parse<Player3>("level: 6"), &found, 1).ok());
+    EXPECT_EQ(std::vector<uint64_t>({10}), Uids(found));
+    const Status unknown = m_players3->FindByIndex("by_rank", Parse<Player3>("level: 6"), &found);
+    EXPECT_TRUE(unknown.IsInvalidArgument());
+    EXPECT_NE(std::string::npos, unknown.message().find("its indexes: by_level, by_name")) << unknown.message();
+    EXPECT_EQ(std::vector<std::string>({"by_level", "by_name"}), m_players3->IndexNames());
+}
+
+TEST_F(StoreTest, AnIndexFieldUnsetInProto2LeavesTheRecordOutOfThatIndex) {
+    ASSERT_TRUE(m_players2->Put(Parse<Player2>("zone: 1 uid: 1 level: 3")).ok());
+    std::vector<Record> found;
+    const Status unset = m_players2->FindByIndex("by_name", Parse<Player2>("zone: 1"), &found);
+    EXPECT_TRUE(unset.IsInvalidArgument()) << unset.ToString();
+    ASSERT_TRUE(m_players2->FindByIndex("by_level", Parse<Player2>("level: 3"), &found).ok());
+    EXPECT_EQ(1u, found.size());
+    // Setting the name adds the entry; unsetting it removes it again.
+    ASSERT_TRUE(m_players2->Update(Parse<Player2>("zone: 1 uid: 1 name: \"n\""), {"name"}).ok());
+    found.clear();
+    ASSERT_TRUE(m_players2->FindByIndex("by_name", Parse<Player2>("zone: 1 name: \"n\""), &found).ok());
+    EXPECT_EQ(1u, found.size());
+    ASSERT_TRUE(m_players2->Update(Parse<Player2>("zone: 1 uid: 1"), {"name"}).ok());
+    found.clear();
+    ASSERT_TRUE(m_players2->FindByIndex("by_name", Parse<Player2>("zone: 1 name: \"n\""), &found).ok());
+    EXPECT_TRUE(found.empty());
+    EXPECT_TRUE(m_players2->Verify().ok());
+}
+
+TEST_F(StoreTest, ScanListsAShardOrTheWholeTable) {
+    for (uint64_t uid : {5, 6, 7}) {
+        for (int zone : {2, 1}) {
+            Player3 p;
+            p.set_zone(zone);
+            p.set_uid(uid);
+            p.set_level(zone * 100 + static_cast<int>(uid));
+            ASSERT_TRUE(m_players3->Put(p).ok());
+        }
+    }
+    std::vector<Record> shard;
+    const Player3 uid6 = Parse<Player3>("uid: 6");
+    ASSERT_TRUE(m_players3->Scan(&uid6, 0, &shard).ok());
+    ASSERT_EQ(2u, shard.size());
+    EXPECT_EQ("zone: 1 uid: 6 level: 106", shard[0].message->ShortDebugString());
+    EXPECT_EQ("zone: 2 uid: 6 level: 206", shard[1].message->ShortDebugString());
+
+    std::vector<Record> all;
+    ASSERT_TRUE(m_players3->Scan(nullptr, 0, &all).ok());
+    EXPECT_EQ(6u, all.size());
+    std::vector<Record> some;
+    ASSERT_TRUE(m_players3->Scan(nullptr, 4, &some).ok());
+    EXPECT_EQ(4u, some.size());
+    EXPECT_TRUE(m_players3->HasShardingKey());
+
+    std::unique_ptr<Table> secrets;
+    ASSERT_TRUE(m_store->OpenTable(corvida::test::Secret2::default_instance(), m_kv.get(), &secrets).ok());
+    EXPECT_FALSE(secrets->HasShardingKey());
+    EXPECT_TRUE(secrets->Scan(&corvida::test::Secret2::default_instance(), 0, &some).IsInvalidArgument());
+}
+
+TEST_F(StoreTest, EncryptedKeyFieldsAreStoredAsCiphertextAndReadBackPlain) {
+    const Account account = Parse<Account>(R"(region: 9 email: "carol@example.com" city: "Oslo" level: 2)");
+    ASSERT_TRUE(m_accounts->Put(account).ok());
+    std::vector<Record> found;
+    ASSERT_TRUE(m_accounts->FindByIndex("by_level_city", Parse<Account>(R"(level: 2 city: "Oslo")"), &found).ok());
+    ASSERT_EQ(1u, found.size());
+    EXPECT_TRUE(MessageDifferencer::Equals(account, *found[0].message)) << found[0].message->DebugString();
+    std::vector<Record> shard;
+    const Account region9 = Parse<Account>("region: 9");
+    ASSERT_TRUE(m_accounts->Scan(&region9, 0, &shard).ok());
+    ASSERT_EQ(1u, shard.size());
+    EXPECT_EQ("carol@example.com", static_cast<const Account&>(*shard[0].message).email());
+
+    m_players2.reset();
+    m_players3.reset();
+    m_accounts.reset();
+    m_store.reset();
+    for (const auto& kv : RawContents(m_dir.path())) {
+        EXPECT_EQ(std::string::npos, kv.first.find("carol")) << "plain key field in a stored key";
+        EXPECT_EQ(std::string::npos, kv.second.find("carol")) << "plain key field in a stored value";
+    }
+}
+
+TEST_F(StoreTest, EncryptedFieldsOutsideTheKeyAreReportedInFailedPaths) {
+    ASSERT_TRUE(m_accounts->Put(Parse<Account>(R"(region: 1 email: "d@e.f" note: "sealed")")).ok());
+    std::set<std::string> failed;
+    const Account back = Read(m_accounts.get(), Parse<Account>(R"(region: 1 email: "d@e.f")"), &failed);
+    EXPECT_EQ(std::set<std::string>({"9"}), failed);
+    EXPECT_EQ("sealed", back.note());
+    std::vector<Record> found;
+    ASSERT_TRUE(m_accounts->Scan(nullptr, 0, &found).ok());
+    ASSERT_EQ(1u, found.size());
+    EXPECT_EQ(std::set<std::string>({"9"}), found[0].failed_paths);
+}
+
+TEST_F(StoreTest, AWrongCipherKeyIsRefusedAndStoresNothing) {
+    std::unique_ptr<CORVIDA_KV::CorvidaKVApi> wrong = AesKv(kOtherAesKeyHex);
+    std::unique_ptr<Table> accounts;
+    const Status s = m_store->OpenTable(Account::default_instance(), wrong.get(), &accounts);
+    EXPECT_TRUE(s.IsInvalidArgument());
+    EXPECT_EQ(-4, s.bridge_code());
+    EXPECT_NE(std::string::npos, s.message().find("does not match the table's corvida_cipher_md5")) << s.message();
+    EXPECT_EQ(std::string::npos, s.message().find(kOtherAesKeyHex));
+    EXPECT_EQ(nullptr, accounts);
+
+    const Status without = m_store->OpenTable(Account::default_instance(), nullptr, &accounts);
+    EXPECT_EQ(-3, without.bridge_code()) << without.ToString();
+    EXPECT_NE(std::string::npos, without.message().find("cipher suite 'aes128' is not configured")) << without.message();
+
+    // Tables that name no suite need no KV API at all.
+    EXPECT_TRUE(m_store->OpenTable(Player2::default_instance(), nullptr, &accounts).ok());
+    std::vector<Record> all;
+    ASSERT_TRUE(m_accounts->Scan(nullptr, 0, &all).ok());
+    EXPECT_TRUE(all.empty());
+}
+
+TEST_F(StoreTest, KeysThatCannotBeBuiltAreRefused) {
+    const Status unset = m_players2->Put(Parse<Player2>("zone: 1 name: \"no uid\""));
+    EXPECT_TRUE(unset.IsInvalidArgument());
+    EXPECT_EQ(-9, unset.bridge_code());
+    const Status other_type = m_players2->Put(Parse<Player3>("zone: 1 uid: 1"));
+    EXPECT_TRUE(other_type.IsInvalidArgument());
+    EXPECT_NE(std::string::npos, other_type.message().find("not a corvida.test.Player2")) << other_type.message();
+    Player2 big = Parse<Player2>("zone: 1 uid: 1");
+    big.set_avatar(std::string(9u << 20, 'x'));
+    EXPECT_TRUE(m_players2->Put(big).IsInvalidArgument());
+}
+
+TEST_F(StoreTest, ReopeningKeepsEverything) {
+    const Player3 player = Parse<Player3>(kPlayer);
+    ASSERT_TRUE(m_players3->Put(player).ok());
+    ASSERT_TRUE(m_players3->Update(Parse<Player3>("zone: 3 uid: 1001 level: 1"), {"level"}).ok());
+    Reopen();
+    Player3 expected = player;
+    expected.set_level(1);
+    EXPECT_TRUE(MessageDifferencer::Equals(expected, Read(m_players3.get(), Parse<Player3>("zone: 3 uid: 1001"))));
+    std::vector<Record> found;
+    ASSERT_TRUE(m_players3->FindByIndex("by_level", Parse<Player3>("level: 1"), &found).ok());
+    EXPECT_EQ(1u, found.size());
+    std::vector<TableInfo> tables;
+    ASSERT_TRUE(m_store->ListTables(&tables).ok());
+    ASSERT_EQ(4u, tables.size());
+    EXPECT_EQ("Account", tables[0].name);
+    EXPECT_EQ(SchemaBlob(Account::descriptor()), tables[0].schema_blob);
+    EXPECT_EQ("Secret2", tables[3].name);
+}
+
+TEST_F(StoreTest, TheCatalogRefusesDuplicatesAndBlobsThatDoNotLoad) {
+    EXPECT_TRUE(m_store->CreateTable(SchemaBlob(Player3::descriptor()), "Player3").IsAlreadyExists());
+    const Status garbage = m_store->CreateTable("\x0a\xff garbage", "Player3");
+    EXPECT_TRUE(garbage.IsInvalidArgument());
+    EXPECT_NE(std::string::npos, garbage.message().find("ParseFromArray")) << garbage.message();
+    const Status missing = m_store->CreateTable(SchemaBlob(Player3::descriptor()), "Nobody");
+    EXPECT_TRUE(missing.IsInvalidArgument());
+    EXPECT_NE(std::string::npos, missing.message().find("no top-level message Nobody")) << missing.message();
+    const Status no_key = m_store->CreateTable(SchemaBlob(corvida::test::NoKey2::descriptor()), "NoKey2");
+    EXPECT_TRUE(no_key.IsInvalidArgument());
+    EXPECT_NE(std::string::npos, no_key.message().find("primary key not set")) << no_key.message();
+    EXPECT_TRUE(m_store->CreateTable(SchemaBlob(Player3::descriptor()), "").IsInvalidArgument());
+    std::unique_ptr<Table> table;
+    EXPECT_TRUE(m_store->OpenTable(corvida::test::LongKey2::default_instance(), nullptr, &table).IsNotFound());
+}
+
+}  // namespace
+}  // namespace corvida_store_test
