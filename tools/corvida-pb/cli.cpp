@@ -1,9 +1,11 @@
 #include "corvida-pb/cli.h"
 
+#include <algorithm>
 #include <exception>
 #include <iostream>
 #include <map>
 #include <new>
+#include <set>
 
 #include "corvida-pb/cli_log.h"
 #include "corvida-pb/commands.h"
@@ -63,23 +65,27 @@ public:
         return out;
     }
 
+    // The options in the order they are declared: required ones spelled
+    // out, each one-of group as "(a | b)" where its first option stands.
     std::string make_usage(const CLI::App* app, std::string name) const override {
         std::string out = "Usage: " + name;
         if (!app->get_subcommands({}).empty()) out += " COMMAND";
         auto it = m_one_of.find(app);
+        const std::vector<std::vector<CLI::Option*>> no_groups;
+        const std::vector<std::vector<CLI::Option*>>& groups = it != m_one_of.end() ? *it->second : no_groups;
         std::set<const CLI::Option*> shown;
-        if (it != m_one_of.end()) {
-            for (const std::vector<CLI::Option*>& group : *it->second) {
+        for (const CLI::Option* option : app->get_options({})) {
+            if (shown.count(option) != 0) continue;
+            for (const std::vector<CLI::Option*>& group : groups) {
+                if (std::find(group.begin(), group.end(), option) == group.end()) continue;
                 std::string choice;
-                for (const CLI::Option* option : group) {
-                    choice += (choice.empty() ? "" : " | ") + OptionUsage(option);
-                    shown.insert(option);
+                for (const CLI::Option* member : group) {
+                    choice += (choice.empty() ? "" : " | ") + OptionUsage(member);
+                    shown.insert(member);
                 }
                 out += " (" + choice + ")";
             }
-        }
-        for (const CLI::Option* option : app->get_options({})) {
-            if (option->get_required() && shown.count(option) == 0) out += " " + OptionUsage(option);
+            if (option->get_required() && shown.insert(option).second) out += " " + OptionUsage(option);
         }
         out += " [OPTIONS]\n";
         return out;

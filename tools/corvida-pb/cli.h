@@ -57,6 +57,7 @@ protected:
     CLI::Option* proto_option() const { return m_proto_option; }
     CLI::Option* include_option() const { return m_include_option; }
     CLI::Option* descriptor_set_option() const { return m_descriptor_set_option; }
+    CLI::Option* text_option() const { return m_text_option; }
     CLI::Option* text_file_option() const { return m_text_file_option; }
     // --text TEXT or --text-file FILE.
     void AddTextOptions(const std::string& purpose);

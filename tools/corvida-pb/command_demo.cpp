@@ -1,4 +1,7 @@
 // corvida-pb demo: every step on the example tables compiled into the tool.
+#include <stdlib.h>
+
+#include <filesystem>
 #include <iostream>
 
 #include <google/protobuf/util/message_differencer.h>
@@ -12,6 +15,9 @@
 #include "corvida-pb/status.h"
 #include "game.pb.h"
 #include "protobuf_api/aes_siv_cipher_suite.h"
+#if CORVIDA_PB_WITH_STORE
+#include "store/table_store.h"
+#endif
 
 namespace corvida_pb {
 namespace {
@@ -153,6 +159,93 @@ void SchemaSteps(LPPLOGCATEGORYINST log) {
     PrintComparison(changed.SerializeAsString(), log);
 }
 
+#if CORVIDA_PB_WITH_STORE
+// A temporary directory, removed with everything in it when destroyed.
+class ScratchDirectory {
+public:
+    ScratchDirectory() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "corvida-pb-demo-XXXXXX").string();
+        if (::mkdtemp(&pattern[0]) == nullptr) throw Failure("cannot make a temporary directory for the demo store");
+        m_path = pattern;
+    }
+    ~ScratchDirectory() {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_path, ignored);
+    }
+    ScratchDirectory(const ScratchDirectory&) = delete;
+    ScratchDirectory& operator=(const ScratchDirectory&) = delete;
+
+    const std::string& path() const { return m_path; }
+
+private:
+    std::string m_path;
+};
+
+void CheckStore(const corvida::store::Status& status) {
+    if (!status.ok()) throw Failure("the demo store: " + status.ToString());
+}
+
+void PrintRecords(const std::vector<corvida::store::Record>& records) {
+    for (size_t i = 0; i < records.size(); ++i) {
+        std::cout << "# record " << i + 1 << "\n" << records[i].message->ShortDebugString() << "\n";
+    }
+}
+
+void StoreSteps(CORVIDA_KV::CorvidaKVApi* api, const Player& player, LPPLOGCATEGORYINST log) {
+    Section(9, "A local table store",
+            "The same steps on records kept in a table store (in a temporary directory):\n"
+            "the Player table created from its schema blob, two players put whole, one\n"
+            "updated in part, read back, found through the index by_level and listed by\n"
+            "shard, and deleted.\n");
+    const ScratchDirectory dir;
+    corvida::store::StoreOptions options;
+    options.create_if_missing = true;
+    options.log = log;
+    std::unique_ptr<corvida::store::TableStore> store;
+    CheckStore(corvida::store::TableStore::Open(dir.path(), options, &store));
+    CheckStore(store->CreateTable(SchemaBlobOf({Player::descriptor()->file()}).SerializeAsString(), "Player"));
+    std::unique_ptr<corvida::store::Table> players;
+    CheckStore(store->OpenTable(Player::default_instance(), api, &players));
+
+    Player bob;
+    ParseMessageText("zone: 3 uid: 1002 account: \"bob@example.com\" level: 40 items { id: 7 count: 2 }",
+                     "the demo's second Player", &bob);
+    CheckStore(players->Put(player));
+    CheckStore(players->Put(bob));
+    bob.set_level(42);
+    bob.mutable_profile()->set_nickname("Bob");
+    CheckStore(players->Update(bob, {"level", "profile.nickname"}));
+    std::cout << "put alice and bob; updated bob's level and profile.nickname\n";
+
+    Player key, read;
+    key.set_zone(3);
+    key.set_uid(1002);
+    key.set_account("bob@example.com");
+    std::set<std::string> failed;
+    CheckStore(players->Get(key, {}, &read, &failed));
+    std::cout << "get bob: " << read.ShortDebugString() << "\n";
+
+    Player level42;
+    level42.set_zone(3);
+    level42.set_level(42);
+    std::vector<corvida::store::Record> found;
+    CheckStore(players->FindByIndex("by_level", level42, &found));
+    std::cout << "find by_level (zone 3, level 42): " << found.size() << " records\n";
+    PrintRecords(found);
+
+    Player shard;
+    shard.set_uid(1001);
+    std::vector<corvida::store::Record> listed;
+    CheckStore(players->Scan(&shard, 0, &listed));
+    std::cout << "scan the shard uid 1001: " << listed.size() << " record\n";
+    PrintRecords(listed);
+
+    CheckStore(players->Delete(key));
+    const corvida::store::Status gone = players->Get(key, {}, &read, &failed);
+    std::cout << "delete bob, then get bob: " << gone.ToString() << "\n";
+}
+#endif
+
 class DemoCommand : public Command {
 public:
     explicit DemoCommand(CLI::App* parent)
@@ -173,6 +266,9 @@ public:
         KeySteps(&api, player, log.category());
         ValueSetSteps(player, log.category());
         SchemaSteps(log.category());
+#if CORVIDA_PB_WITH_STORE
+        StoreSteps(&api, player, log.category());
+#endif
         return kExitOk;
     }
 };

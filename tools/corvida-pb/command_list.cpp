@@ -12,6 +12,9 @@ std::vector<std::unique_ptr<Command>> MakeCommands(CLI::App* root) {
     commands.push_back(MakeCompareCommand(root));
     commands.push_back(MakeBlobCommand(root));
     for (std::unique_ptr<Command>& command : MakeCipherCommands(root)) commands.push_back(std::move(command));
+#if CORVIDA_PB_WITH_STORE
+    for (std::unique_ptr<Command>& command : MakeStoreCommands(root)) commands.push_back(std::move(command));
+#endif
     commands.push_back(MakeDemoCommand(root));
     return commands;
 }

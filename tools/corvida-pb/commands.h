@@ -24,6 +24,10 @@ std::unique_ptr<Command> MakeBlobCommand(CLI::App* parent);
 std::unique_ptr<Command> MakeDemoCommand(CLI::App* parent);
 // "cipher new" and "cipher md5", under the group app "cipher".
 std::vector<std::unique_ptr<Command>> MakeCipherCommands(CLI::App* parent);
+#if CORVIDA_PB_WITH_STORE
+// "store create", "store put", ... "store scan", under the group app "store".
+std::vector<std::unique_ptr<Command>> MakeStoreCommands(CLI::App* parent);
+#endif
 
 }  // namespace corvida_pb
 

@@ -1,0 +1,389 @@
+// corvida-pb store: a local table store (store/table_store.h) from the
+// command line: create a table, write and read its records, look them up by
+// index and list them by shard.
+#include <iostream>
+
+#include <google/protobuf/text_format.h>
+
+#include "corvida-pb/ciphers.h"
+#include "corvida-pb/cli_log.h"
+#include "corvida-pb/commands.h"
+#include "corvida-pb/explain.h"
+#include "corvida-pb/report.h"
+#include "corvida-pb/status.h"
+#include "store/table_store.h"
+
+namespace corvida_pb {
+namespace {
+
+using corvida::store::Record;
+using corvida::store::Status;
+using corvida::store::Table;
+using corvida::store::TableStore;
+using google::protobuf::Descriptor;
+using google::protobuf::Message;
+
+const char kStoreSummary[] = "a local table store: create a table, write, read, find and scan its records";
+
+// Throws Failure with what status says, unless it is ok.
+void Check(const Status& status) {
+    if (!status.ok()) throw Failure(status.message());
+}
+
+// The same, but "no such record" is a negative answer.
+void CheckRecord(const Status& status) {
+    if (status.IsNotFound()) throw NegativeAnswer("not found: " + status.message());
+    Check(status);
+}
+
+std::string TextOf(const Message& msg) {
+    std::string text;
+    google::protobuf::TextFormat::PrintToString(msg, &text);
+    return text;
+}
+
+std::vector<std::string> SplitPaths(const std::string& text) {
+    std::vector<std::string> paths;
+    PROTOBUF_UTIL::TokenSplit(text, ",", paths);
+    return paths;
+}
+
+// What every store subcommand shares: --db, the table's definitions, the
+// cipher keys, and the store and table it opens.
+class StoreCommand : public Command {
+protected:
+    StoreCommand(CLI::App* parent, const std::string& name, const std::string& summary,
+                 const std::string& description)
+        : Command(parent, name, summary, description) {
+        app()->add_option("--db", m_db, "the store's directory")->type_name("DIR")->required();
+        AddSchemaOptions("the table: its message type, by short, package-qualified or full name");
+        m_ciphers.Add(app());
+    }
+
+    // Adds --sync, for the subcommands that write.
+    void AddSyncOption() {
+        app()->add_flag("--sync", m_sync, "flush the write-ahead log to the disk before the write returns");
+    }
+
+    // Opens the store (creating it when create) and loads the table's
+    // definitions and the message of --text / --text-file.
+    void OpenStore(bool create) {
+        m_log.reset(new CliLog(log_priority()));
+        m_loaded = LoadTableMessage();
+        corvida::store::StoreOptions options;
+        options.create_if_missing = create;
+        options.sync = m_sync;
+        options.log = m_log->category();
+        Check(TableStore::Open(m_db, options, &m_store));
+    }
+
+    // Opens the table as the client type of --table. Returns false after
+    // printing the comparison's answer when the stored schema refuses it.
+    bool OpenTable() {
+        m_ciphers.Configure(&m_api);
+        const Status status = m_store->OpenTable(*m_loaded.msg, &m_api, &m_table);
+        if (status.IsInvalidArgument() && (status.bridge_code() == -3 || status.bridge_code() == -4)) {
+            // The cipher suite is missing or holds another key: say how to give it.
+            throw Failure(ExplainKeyResult(status.bridge_code(), *m_loaded.msg, nullptr, &m_api, 0) + " (result " +
+                          std::to_string(status.bridge_code()) + ")");
+        }
+        if (!status.IsIncompatibleSchema()) {
+            Check(status);
+            return true;
+        }
+        const int code = status.bridge_code();
+        if (json()) {
+            PrintJson(std::cout, {{"table", m_loaded.table->full_name()},
+                                  {"compatible", false},
+                                  {"code", code},
+                                  {"explanation", ExplainCompareResult(code)}});
+        } else {
+            std::cout << "incompatible (result " << code << "): " << ExplainCompareResult(code) << "\n";
+        }
+        return false;
+    }
+
+    // A new empty message of the table's type.
+    std::unique_ptr<Message> NewMessage() const { return m_loaded.schema->NewMessage(m_loaded.table); }
+
+    const Message& message() const { return *m_loaded.msg; }
+    const Descriptor* table_type() const { return m_loaded.table; }
+    Table& table() { return *m_table; }
+    const std::string& db() const { return m_db; }
+    TableStore& store() { return *m_store; }
+
+    // Prints a record: its text, or one line of JSON.
+    void PrintRecord(const Message& record) const {
+        if (json()) {
+            PrintJson(std::cout, MessageJson(record));
+        } else {
+            std::cout << TextOf(record);
+        }
+    }
+
+    // Warns about the fields of a record that did not merge.
+    void WarnFailedPaths(const std::set<std::string>& failed, const std::string& which) const {
+        if (failed.empty()) return;
+        std::vector<std::string> items;
+        for (const std::string& path : failed) items.push_back(path + " (" + NamePath(table_type(), path) + ")");
+        PrintWarning(app(), which + "fields that did not merge, shown as stored: " + JoinComma(items));
+    }
+
+    // The result of a write, as text or JSON.
+    void PrintWritten(const std::string& operation, const std::vector<std::string>& paths = {}) const {
+        if (json()) {
+            Json result = {{"table", table_type()->full_name()}, {"operation", operation}, {"records", 1}};
+            if (!paths.empty()) result["paths"] = paths;
+            PrintJson(std::cout, result);
+        } else {
+            std::cout << operation << ": 1 record of " << table_type()->full_name()
+                      << (paths.empty() ? "" : " (" + JoinComma(paths) + ")") << "\n";
+        }
+    }
+
+private:
+    std::string m_db;
+    bool m_sync = false;
+    CipherOptions m_ciphers;
+    // Destroyed in reverse order: the table before the store, both before
+    // the suites, the message and the schema they use.
+    std::unique_ptr<CliLog> m_log;
+    TableMessage m_loaded;
+    CORVIDA_KV::CorvidaKVApi m_api;
+    std::unique_ptr<TableStore> m_store;
+    std::unique_ptr<Table> m_table;
+};
+
+class CreateCommand : public StoreCommand {
+public:
+    explicit CreateCommand(CLI::App* parent)
+        : StoreCommand(parent, "create", "create the store if needed and add a table to it",
+                       "Creates the store in --db when it does not exist, and adds the table to its\n"
+                       "catalog with its schema blob: the table's file and every file it imports, as\n"
+                       "'blob --table' writes them. The blob plays the server's schema: every later\n"
+                       "subcommand checks its client type against it.\n") {
+        AddFormatOption();
+        AddLogLevelOption();
+    }
+
+    int Run() override {
+        OpenStore(true);
+        for (const std::string& warning : IgnoredIndexEntries(table_type())) PrintWarning(app(), warning);
+        const google::protobuf::FileDescriptorSet files = SchemaBlobOf({table_type()->file()});
+        const std::string blob = files.SerializeAsString();
+        Check(store().CreateTable(blob, table_type()->name()));
+        std::vector<std::string> names;
+        for (const auto& file : files.file()) names.push_back(file.name());
+        if (json()) {
+            PrintJson(std::cout, {{"table", table_type()->full_name()},
+                                  {"operation", "create"},
+                                  {"files", names},
+                                  {"bytes", blob.size()}});
+        } else {
+            std::cout << "created table " << table_type()->full_name() << " in " << db() << ": schema blob of "
+                      << names.size() << " files (" << JoinComma(names) << "), " << blob.size() << " bytes\n";
+        }
+        return kExitOk;
+    }
+};
+
+class PutCommand : public StoreCommand {
+public:
+    explicit PutCommand(CLI::App* parent)
+        : StoreCommand(parent, "put", "write a whole record",
+                       "Writes the record of --text or --text-file whole: afterwards every field reads\n"
+                       "as this message holds it, absent fields included.\n") {
+        AddTextOptions("the record");
+        RequireOneOf({text_option(), text_file_option()});
+        AddSyncOption();
+        AddFormatOption();
+        AddLogLevelOption();
+    }
+
+    int Run() override {
+        OpenStore(false);
+        if (!OpenTable()) return kExitNegative;
+        Check(table().Put(message()));
+        PrintWritten("put");
+        return kExitOk;
+    }
+};
+
+class UpdateCommand : public StoreCommand {
+public:
+    explicit UpdateCommand(CLI::App* parent)
+        : StoreCommand(parent, "update", "write some fields of a record",
+                       "Writes the fields at --paths of the record of --text or --text-file, whose key\n"
+                       "fields say which record; nothing else of the record is rewritten. A path may\n"
+                       "name a sub-message whole (replacing everything written under it before), a\n"
+                       "field inside one, or a top-level repeated field or map whole. A record that\n"
+                       "does not exist is created with just these fields.\n") {
+        app()->add_option("--paths", m_paths, "the fields to write, as dotted field names (a,b.c)")
+            ->type_name("PATH,PATH...")
+            ->required();
+        AddTextOptions("the record");
+        RequireOneOf({text_option(), text_file_option()});
+        AddSyncOption();
+        AddFormatOption();
+        AddLogLevelOption();
+    }
+
+    int Run() override {
+        OpenStore(false);
+        if (!OpenTable()) return kExitNegative;
+        const std::vector<std::string> paths = SplitPaths(m_paths);
+        Check(table().Update(message(), paths));
+        PrintWritten("update", paths);
+        return kExitOk;
+    }
+
+private:
+    std::string m_paths;
+};
+
+class GetCommand : public StoreCommand {
+public:
+    explicit GetCommand(CLI::App* parent)
+        : StoreCommand(parent, "get", "read a record by its key fields",
+                       "Reads the record whose key fields --text or --text-file give and prints it in\n"
+                       "protobuf text format (or, with --format json, in protobuf's JSON mapping).\n"
+                       "With --paths, only those fields. Exit status 3 when there is no such record.\n") {
+        AddTextOptions("the key fields");
+        RequireOneOf({text_option(), text_file_option()});
+        app()->add_option("--paths", m_paths, "read only these fields (dotted field names)")->type_name("PATH,...");
+        AddFormatOption();
+        AddLogLevelOption();
+    }
+
+    int Run() override {
+        OpenStore(false);
+        if (!OpenTable()) return kExitNegative;
+        std::unique_ptr<Message> record = NewMessage();
+        std::set<std::string> failed;
+        CheckRecord(table().Get(message(), SplitPaths(m_paths), record.get(), &failed));
+        WarnFailedPaths(failed, "");
+        PrintRecord(*record);
+        return kExitOk;
+    }
+
+private:
+    std::string m_paths;
+};
+
+class DeleteCommand : public StoreCommand {
+public:
+    explicit DeleteCommand(CLI::App* parent)
+        : StoreCommand(parent, "delete", "remove a record by its key fields",
+                       "Removes the record whose key fields --text or --text-file give, with its index\n"
+                       "entries. Exit status 3 when there is no such record.\n") {
+        AddTextOptions("the key fields");
+        RequireOneOf({text_option(), text_file_option()});
+        AddSyncOption();
+        AddFormatOption();
+        AddLogLevelOption();
+    }
+
+    int Run() override {
+        OpenStore(false);
+        if (!OpenTable()) return kExitNegative;
+        CheckRecord(table().Delete(message()));
+        PrintWritten("delete");
+        return kExitOk;
+    }
+};
+
+// find and scan: records one after another.
+class ListingCommand : public StoreCommand {
+protected:
+    using StoreCommand::StoreCommand;
+
+    void PrintRecords(const std::vector<Record>& records) const {
+        for (size_t i = 0; i < records.size(); ++i) {
+            WarnFailedPaths(records[i].failed_paths, "record " + std::to_string(i + 1) + ": ");
+            if (!json()) std::cout << "# record " << i + 1 << "\n";
+            PrintRecord(*records[i].message);
+        }
+    }
+};
+
+class FindCommand : public ListingCommand {
+public:
+    explicit FindCommand(CLI::App* parent)
+        : ListingCommand(parent, "find", "list the records whose index fields equal the given ones",
+                         "Lists every record whose fields of the index --index equal those of --text or\n"
+                         "--text-file, each after a line '# record N' (or, with --format json, one\n"
+                         "JSON object per line).\n") {
+        app()->add_option("--index", m_index, "the index, by the name of its corvida_index entry")
+            ->type_name("NAME")
+            ->required();
+        AddTextOptions("the index fields");
+        RequireOneOf({text_option(), text_file_option()});
+        AddFormatOption();
+        AddLogLevelOption();
+    }
+
+    int Run() override {
+        OpenStore(false);
+        if (!OpenTable()) return kExitNegative;
+        std::vector<Record> records;
+        Check(table().FindByIndex(m_index, message(), &records));
+        PrintRecords(records);
+        return kExitOk;
+    }
+
+private:
+    std::string m_index;
+};
+
+class ScanCommand : public ListingCommand {
+public:
+    explicit ScanCommand(CLI::App* parent)
+        : ListingCommand(parent, "scan", "list the records of a shard, or of the whole table",
+                         "Lists the records of the shard whose sharding-key fields --shard-text gives,\n"
+                         "or of the whole table, in primary-key order, each after a line '# record N'\n"
+                         "(or, with --format json, one JSON object per line).\n") {
+        m_shard_option =
+            app()->add_option("--shard-text", m_shard_text, "the sharding-key fields in protobuf text format")
+                ->type_name("TEXT");
+        app()->add_option("--limit", m_limit, "list at most N records (0: all)")->type_name("N");
+        AddFormatOption();
+        AddLogLevelOption();
+    }
+
+    int Run() override {
+        OpenStore(false);
+        if (!OpenTable()) return kExitNegative;
+        std::unique_ptr<Message> shard;
+        if (Given(m_shard_option)) {
+            shard = NewMessage();
+            ParseMessageText(m_shard_text, "--shard-text", shard.get());
+        }
+        std::vector<Record> records;
+        Check(table().Scan(shard.get(), m_limit, &records));
+        PrintRecords(records);
+        return kExitOk;
+    }
+
+private:
+    std::string m_shard_text;
+    size_t m_limit = 0;
+    CLI::Option* m_shard_option = nullptr;
+};
+
+}  // namespace
+
+std::vector<std::unique_ptr<Command>> MakeStoreCommands(CLI::App* parent) {
+    CLI::App* group = parent->add_subcommand("store", kStoreSummary);
+    group->set_help_flag("-h,--help", "show this help and exit");
+    std::vector<std::unique_ptr<Command>> commands;
+    commands.push_back(std::make_unique<CreateCommand>(group));
+    commands.push_back(std::make_unique<PutCommand>(group));
+    commands.push_back(std::make_unique<UpdateCommand>(group));
+    commands.push_back(std::make_unique<GetCommand>(group));
+    commands.push_back(std::make_unique<DeleteCommand>(group));
+    commands.push_back(std::make_unique<FindCommand>(group));
+    commands.push_back(std::make_unique<ScanCommand>(group));
+    return commands;
+}
+
+}  // namespace corvida_pb
