@@ -48,21 +48,36 @@ std::vector<std::string> SplitPaths(const std::string& text) {
     return paths;
 }
 
+// What a store subcommand is: its name and help, what its --text or
+// --text-file holds (null: the subcommand takes no message), and whether it
+// writes (and so takes --sync).
+struct StoreCommandSpec {
+    const char* name;
+    const char* summary;
+    const char* description;
+    const char* message;
+    bool writes;
+};
+
 // What every store subcommand shares: --db, the table's definitions, the
-// cipher keys, and the store and table it opens.
+// cipher keys, the message, the output options, and the store and table it
+// opens.
 class StoreCommand : public Command {
 protected:
-    StoreCommand(CLI::App* parent, const std::string& name, const std::string& summary,
-                 const std::string& description)
-        : Command(parent, name, summary, description) {
+    StoreCommand(CLI::App* parent, const StoreCommandSpec& spec)
+        : Command(parent, spec.name, spec.summary, spec.description) {
         app()->add_option("--db", m_db, "the store's directory")->type_name("DIR")->required();
         AddSchemaOptions("the table: its message type, by short, package-qualified or full name");
         m_ciphers.Add(app());
-    }
-
-    // Adds --sync, for the subcommands that write.
-    void AddSyncOption() {
-        app()->add_flag("--sync", m_sync, "flush the write-ahead log to the disk before the write returns");
+        if (spec.message != nullptr) {
+            AddTextOptions(spec.message);
+            RequireOneOf({text_option(), text_file_option()});
+        }
+        if (spec.writes) {
+            app()->add_flag("--sync", m_sync, "flush the write-ahead log to the disk before the write returns");
+        }
+        AddFormatOption();
+        AddLogLevelOption();
     }
 
     // Opens the store (creating it when create) and loads the table's
@@ -75,6 +90,53 @@ protected:
         options.sync = m_sync;
         options.log = m_log->category();
         Check(TableStore::Open(m_db, options, &m_store));
+    }
+
+    // A new empty message of the table's type.
+    std::unique_ptr<Message> NewMessage() const { return m_loaded.schema->NewMessage(m_loaded.table); }
+
+    const Message& message() const { return *m_loaded.msg; }
+    const Descriptor* table_type() const { return m_loaded.table; }
+    Table& table() { return *m_table; }
+    const std::string& db() const { return m_db; }
+    TableStore& store() { return *m_store; }
+
+    // Prints a record: its text, or one line of JSON.
+    void PrintRecord(const Message& record) const {
+        if (json()) {
+            PrintJson(std::cout, MessageJson(record));
+        } else {
+            std::cout << TextOf(record);
+        }
+    }
+
+    // Prints records one after another, each after "# record N".
+    void PrintRecords(const std::vector<Record>& records) const {
+        for (size_t i = 0; i < records.size(); ++i) {
+            WarnFailedPaths(records[i].failed_paths, "record " + std::to_string(i + 1) + ": ");
+            if (!json()) std::cout << "# record " << i + 1 << "\n";
+            PrintRecord(*records[i].message);
+        }
+    }
+
+    // Warns about the fields of a record that did not merge.
+    void WarnFailedPaths(const std::set<std::string>& failed, const std::string& which) const {
+        if (failed.empty()) return;
+        std::vector<std::string> items;
+        for (const std::string& path : failed) items.push_back(path + " (" + NamePath(table_type(), path) + ")");
+        PrintWarning(app(), which + "fields that did not merge, shown as stored: " + JoinComma(items));
+    }
+
+    // The result of a write, as text or JSON.
+    void PrintWritten(const std::string& operation, const std::vector<std::string>& paths = {}) const {
+        if (json()) {
+            Json result = {{"table", table_type()->full_name()}, {"operation", operation}, {"records", 1}};
+            if (!paths.empty()) result["paths"] = paths;
+            PrintJson(std::cout, result);
+        } else {
+            std::cout << operation << ": 1 record of " << table_type()->full_name()
+                      << (paths.empty() ? "" : " (" + JoinComma(paths) + ")") << "\n";
+        }
     }
 
     // Opens the table as the client type of --table. Returns false after
@@ -103,44 +165,6 @@ protected:
         return false;
     }
 
-    // A new empty message of the table's type.
-    std::unique_ptr<Message> NewMessage() const { return m_loaded.schema->NewMessage(m_loaded.table); }
-
-    const Message& message() const { return *m_loaded.msg; }
-    const Descriptor* table_type() const { return m_loaded.table; }
-    Table& table() { return *m_table; }
-    const std::string& db() const { return m_db; }
-    TableStore& store() { return *m_store; }
-
-    // Prints a record: its text, or one line of JSON.
-    void PrintRecord(const Message& record) const {
-        if (json()) {
-            PrintJson(std::cout, MessageJson(record));
-        } else {
-            std::cout << TextOf(record);
-        }
-    }
-
-    // Warns about the fields of a record that did not merge.
-    void WarnFailedPaths(const std::set<std::string>& failed, const std::string& which) const {
-        if (failed.empty()) return;
-        std::vector<std::string> items;
-        for (const std::string& path : failed) items.push_back(path + " (" + NamePath(table_type(), path) + ")");
-        PrintWarning(app(), which + "fields that did not merge, shown as stored: " + JoinComma(items));
-    }
-
-    // The result of a write, as text or JSON.
-    void PrintWritten(const std::string& operation, const std::vector<std::string>& paths = {}) const {
-        if (json()) {
-            Json result = {{"table", table_type()->full_name()}, {"operation", operation}, {"records", 1}};
-            if (!paths.empty()) result["paths"] = paths;
-            PrintJson(std::cout, result);
-        } else {
-            std::cout << operation << ": 1 record of " << table_type()->full_name()
-                      << (paths.empty() ? "" : " (" + JoinComma(paths) + ")") << "\n";
-        }
-    }
-
 private:
     std::string m_db;
     bool m_sync = false;
@@ -154,17 +178,35 @@ private:
     std::unique_ptr<Table> m_table;
 };
 
+// The subcommands that work on the records of an open table: Run() opens
+// the store and the table and hands over to RunOnTable().
+class TableCommand : public StoreCommand {
+public:
+    int Run() final {
+        OpenStore(false);
+        if (!OpenTable()) return kExitNegative;
+        RunOnTable();
+        return kExitOk;
+    }
+
+protected:
+    using StoreCommand::StoreCommand;
+
+    // The work on the open table; throws as Run() does.
+    virtual void RunOnTable() = 0;
+};
+
+const StoreCommandSpec kCreate = {
+    "create", "create the store if needed and add a table to it",
+    "Creates the store in --db when it does not exist, and adds the table to its\n"
+    "catalog with its schema blob: the table's file and every file it imports, as\n"
+    "'blob --table' writes them. The blob plays the server's schema: every later\n"
+    "subcommand checks its client type against it.\n",
+    nullptr, false};
+
 class CreateCommand : public StoreCommand {
 public:
-    explicit CreateCommand(CLI::App* parent)
-        : StoreCommand(parent, "create", "create the store if needed and add a table to it",
-                       "Creates the store in --db when it does not exist, and adds the table to its\n"
-                       "catalog with its schema blob: the table's file and every file it imports, as\n"
-                       "'blob --table' writes them. The blob plays the server's schema: every later\n"
-                       "subcommand checks its client type against it.\n") {
-        AddFormatOption();
-        AddLogLevelOption();
-    }
+    explicit CreateCommand(CLI::App* parent) : StoreCommand(parent, kCreate) {}
 
     int Run() override {
         OpenStore(true);
@@ -187,172 +229,135 @@ public:
     }
 };
 
-class PutCommand : public StoreCommand {
-public:
-    explicit PutCommand(CLI::App* parent)
-        : StoreCommand(parent, "put", "write a whole record",
-                       "Writes the record of --text or --text-file whole: afterwards every field reads\n"
-                       "as this message holds it, absent fields included.\n") {
-        AddTextOptions("the record");
-        RequireOneOf({text_option(), text_file_option()});
-        AddSyncOption();
-        AddFormatOption();
-        AddLogLevelOption();
-    }
+const StoreCommandSpec kPut = {
+    "put", "write a whole record",
+    "Writes the record of --text or --text-file whole: afterwards every field reads\n"
+    "as this message holds it, absent fields included.\n",
+    "the record", true};
 
-    int Run() override {
-        OpenStore(false);
-        if (!OpenTable()) return kExitNegative;
+class PutCommand : public TableCommand {
+public:
+    explicit PutCommand(CLI::App* parent) : TableCommand(parent, kPut) {}
+
+private:
+    void RunOnTable() override {
         Check(table().Put(message()));
         PrintWritten("put");
-        return kExitOk;
     }
 };
 
-class UpdateCommand : public StoreCommand {
+const StoreCommandSpec kUpdate = {
+    "update", "write some fields of a record",
+    "Writes the fields at --paths of the record of --text or --text-file, whose key\n"
+    "fields say which record; nothing else of the record is rewritten. A path may\n"
+    "name a sub-message whole (replacing everything written under it before), a\n"
+    "field inside one, or a top-level repeated field or map whole. A record that\n"
+    "does not exist is created with just these fields.\n",
+    "the record", true};
+
+class UpdateCommand : public TableCommand {
 public:
-    explicit UpdateCommand(CLI::App* parent)
-        : StoreCommand(parent, "update", "write some fields of a record",
-                       "Writes the fields at --paths of the record of --text or --text-file, whose key\n"
-                       "fields say which record; nothing else of the record is rewritten. A path may\n"
-                       "name a sub-message whole (replacing everything written under it before), a\n"
-                       "field inside one, or a top-level repeated field or map whole. A record that\n"
-                       "does not exist is created with just these fields.\n") {
+    explicit UpdateCommand(CLI::App* parent) : TableCommand(parent, kUpdate) {
         app()->add_option("--paths", m_paths, "the fields to write, as dotted field names (a,b.c)")
             ->type_name("PATH,PATH...")
             ->required();
-        AddTextOptions("the record");
-        RequireOneOf({text_option(), text_file_option()});
-        AddSyncOption();
-        AddFormatOption();
-        AddLogLevelOption();
-    }
-
-    int Run() override {
-        OpenStore(false);
-        if (!OpenTable()) return kExitNegative;
-        const std::vector<std::string> paths = SplitPaths(m_paths);
-        Check(table().Update(message(), paths));
-        PrintWritten("update", paths);
-        return kExitOk;
     }
 
 private:
+    void RunOnTable() override {
+        const std::vector<std::string> paths = SplitPaths(m_paths);
+        Check(table().Update(message(), paths));
+        PrintWritten("update", paths);
+    }
+
     std::string m_paths;
 };
 
-class GetCommand : public StoreCommand {
+const StoreCommandSpec kGet = {
+    "get", "read a record by its key fields",
+    "Reads the record whose key fields --text or --text-file give and prints it in\n"
+    "protobuf text format (or, with --format json, in protobuf's JSON mapping).\n"
+    "With --paths, only those fields. Exit status 3 when there is no such record.\n",
+    "the key fields", false};
+
+class GetCommand : public TableCommand {
 public:
-    explicit GetCommand(CLI::App* parent)
-        : StoreCommand(parent, "get", "read a record by its key fields",
-                       "Reads the record whose key fields --text or --text-file give and prints it in\n"
-                       "protobuf text format (or, with --format json, in protobuf's JSON mapping).\n"
-                       "With --paths, only those fields. Exit status 3 when there is no such record.\n") {
-        AddTextOptions("the key fields");
-        RequireOneOf({text_option(), text_file_option()});
+    explicit GetCommand(CLI::App* parent) : TableCommand(parent, kGet) {
         app()->add_option("--paths", m_paths, "read only these fields (dotted field names)")->type_name("PATH,...");
-        AddFormatOption();
-        AddLogLevelOption();
     }
 
-    int Run() override {
-        OpenStore(false);
-        if (!OpenTable()) return kExitNegative;
+private:
+    void RunOnTable() override {
         std::unique_ptr<Message> record = NewMessage();
         std::set<std::string> failed;
         CheckRecord(table().Get(message(), SplitPaths(m_paths), record.get(), &failed));
         WarnFailedPaths(failed, "");
         PrintRecord(*record);
-        return kExitOk;
     }
 
-private:
     std::string m_paths;
 };
 
-class DeleteCommand : public StoreCommand {
-public:
-    explicit DeleteCommand(CLI::App* parent)
-        : StoreCommand(parent, "delete", "remove a record by its key fields",
-                       "Removes the record whose key fields --text or --text-file give, with its index\n"
-                       "entries. Exit status 3 when there is no such record.\n") {
-        AddTextOptions("the key fields");
-        RequireOneOf({text_option(), text_file_option()});
-        AddSyncOption();
-        AddFormatOption();
-        AddLogLevelOption();
-    }
+const StoreCommandSpec kDelete = {
+    "delete", "remove a record by its key fields",
+    "Removes the record whose key fields --text or --text-file give, with its index\n"
+    "entries. Exit status 3 when there is no such record.\n",
+    "the key fields", true};
 
-    int Run() override {
-        OpenStore(false);
-        if (!OpenTable()) return kExitNegative;
+class DeleteCommand : public TableCommand {
+public:
+    explicit DeleteCommand(CLI::App* parent) : TableCommand(parent, kDelete) {}
+
+private:
+    void RunOnTable() override {
         CheckRecord(table().Delete(message()));
         PrintWritten("delete");
-        return kExitOk;
     }
 };
 
-// find and scan: records one after another.
-class ListingCommand : public StoreCommand {
-protected:
-    using StoreCommand::StoreCommand;
+const StoreCommandSpec kFind = {
+    "find", "list the records whose index fields equal the given ones",
+    "Lists every record whose fields of the index --index equal those of --text or\n"
+    "--text-file, each after a line '# record N' (or, with --format json, one\n"
+    "JSON object per line).\n",
+    "the index fields", false};
 
-    void PrintRecords(const std::vector<Record>& records) const {
-        for (size_t i = 0; i < records.size(); ++i) {
-            WarnFailedPaths(records[i].failed_paths, "record " + std::to_string(i + 1) + ": ");
-            if (!json()) std::cout << "# record " << i + 1 << "\n";
-            PrintRecord(*records[i].message);
-        }
-    }
-};
-
-class FindCommand : public ListingCommand {
+class FindCommand : public TableCommand {
 public:
-    explicit FindCommand(CLI::App* parent)
-        : ListingCommand(parent, "find", "list the records whose index fields equal the given ones",
-                         "Lists every record whose fields of the index --index equal those of --text or\n"
-                         "--text-file, each after a line '# record N' (or, with --format json, one\n"
-                         "JSON object per line).\n") {
+    explicit FindCommand(CLI::App* parent) : TableCommand(parent, kFind) {
         app()->add_option("--index", m_index, "the index, by the name of its corvida_index entry")
             ->type_name("NAME")
             ->required();
-        AddTextOptions("the index fields");
-        RequireOneOf({text_option(), text_file_option()});
-        AddFormatOption();
-        AddLogLevelOption();
-    }
-
-    int Run() override {
-        OpenStore(false);
-        if (!OpenTable()) return kExitNegative;
-        std::vector<Record> records;
-        Check(table().FindByIndex(m_index, message(), &records));
-        PrintRecords(records);
-        return kExitOk;
     }
 
 private:
+    void RunOnTable() override {
+        std::vector<Record> records;
+        Check(table().FindByIndex(m_index, message(), &records));
+        PrintRecords(records);
+    }
+
     std::string m_index;
 };
 
-class ScanCommand : public ListingCommand {
+const StoreCommandSpec kScan = {
+    "scan", "list the records of a shard, or of the whole table",
+    "Lists the records of the shard whose sharding-key fields --shard-text gives,\n"
+    "or of the whole table, in primary-key order, each after a line '# record N'\n"
+    "(or, with --format json, one JSON object per line).\n",
+    nullptr, false};
+
+class ScanCommand : public TableCommand {
 public:
-    explicit ScanCommand(CLI::App* parent)
-        : ListingCommand(parent, "scan", "list the records of a shard, or of the whole table",
-                         "Lists the records of the shard whose sharding-key fields --shard-text gives,\n"
-                         "or of the whole table, in primary-key order, each after a line '# record N'\n"
-                         "(or, with --format json, one JSON object per line).\n") {
+    explicit ScanCommand(CLI::App* parent) : TableCommand(parent, kScan) {
         m_shard_option =
             app()->add_option("--shard-text", m_shard_text, "the sharding-key fields in protobuf text format")
                 ->type_name("TEXT");
         app()->add_option("--limit", m_limit, "list at most N records (0: all)")->type_name("N");
-        AddFormatOption();
-        AddLogLevelOption();
     }
 
-    int Run() override {
-        OpenStore(false);
-        if (!OpenTable()) return kExitNegative;
+private:
+    void RunOnTable() override {
         std::unique_ptr<Message> shard;
         if (Given(m_shard_option)) {
             shard = NewMessage();
@@ -361,10 +366,8 @@ public:
         std::vector<Record> records;
         Check(table().Scan(shard.get(), m_limit, &records));
         PrintRecords(records);
-        return kExitOk;
     }
 
-private:
     std::string m_shard_text;
     size_t m_limit = 0;
     CLI::Option* m_shard_option = nullptr;
