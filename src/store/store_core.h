@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,6 +24,22 @@
 
 namespace corvida {
 namespace store {
+
+// Runs body, which returns a Status, and returns what it returns. An
+// exception thrown inside (an allocation that failed, or one of the
+// libraries below) becomes an error Status instead: nothing thrown leaves the
+// store's API. The messages of the fallbacks fit a string without an
+// allocation.
+template <typename Body>
+Status NoThrow(Body&& body) noexcept {
+    try {
+        return body();
+    } catch (const std::bad_alloc&) {
+        return Status::IOError("out of memory");
+    } catch (...) {
+        return Status::IOError("unexpected");
+    }
+}
 
 // The large records one call of the bridge needs: a value set (about 44 MB)
 // and the key encoders' scratch record (about 10 MB). Allocated once, never

@@ -884,29 +884,35 @@ const Message& Table::prototype() const { return m_impl->prototype(); }
 std::vector<std::string> Table::IndexNames() const { return m_impl->IndexNames(); }
 bool Table::HasShardingKey() const { return m_impl->HasShardingKey(); }
 
-Status Table::Put(const Message& record) { return m_impl->Put(record); }
+Status Table::Put(const Message& record) {
+    return NoThrow([&] { return m_impl->Put(record); });
+}
 
 Status Table::Update(const Message& record, const std::vector<std::string>& paths) {
-    return m_impl->Update(record, paths);
+    return NoThrow([&] { return m_impl->Update(record, paths); });
 }
 
 Status Table::Get(const Message& key, const std::vector<std::string>& paths, Message* out,
                   std::set<std::string>* failed_paths) {
-    return m_impl->Get(key, paths, out, failed_paths);
+    return NoThrow([&] { return m_impl->Get(key, paths, out, failed_paths); });
 }
 
-Status Table::Delete(const Message& key) { return m_impl->Delete(key); }
+Status Table::Delete(const Message& key) {
+    return NoThrow([&] { return m_impl->Delete(key); });
+}
 
 Status Table::FindByIndex(std::string_view index, const Message& index_fields, std::vector<Record>* records,
                           size_t limit) {
-    return m_impl->FindByIndex(index, index_fields, records, limit);
+    return NoThrow([&] { return m_impl->FindByIndex(index, index_fields, records, limit); });
 }
 
 Status Table::Scan(const Message* shard, size_t limit, std::vector<Record>* records) {
-    return m_impl->Scan(shard, limit, records);
+    return NoThrow([&] { return m_impl->Scan(shard, limit, records); });
 }
 
-Status Table::Verify() { return m_impl->Verify(); }
+Status Table::Verify() {
+    return NoThrow([&] { return m_impl->Verify(); });
+}
 
 }  // namespace store
 }  // namespace corvida

@@ -178,89 +178,97 @@ TableStore::~TableStore() = default;
 const std::string& TableStore::dir() const { return m_core->dir(); }
 
 Status TableStore::Open(std::string_view dir, const StoreOptions& options, std::unique_ptr<TableStore>* store) {
-    if (store == nullptr) return Status::InvalidArgument("TableStore::Open: null output");
-    store->reset();
-    const std::string path(dir);
-    if (path.empty()) return Status::InvalidArgument("TableStore::Open: empty directory name");
+    return NoThrow([&] {
+        if (store == nullptr) return Status::InvalidArgument("TableStore::Open: null output");
+        store->reset();
+        const std::string path(dir);
+        if (path.empty()) return Status::InvalidArgument("TableStore::Open: empty directory name");
 
-    DirState state;
-    Status status = InspectDir(path, &state);
-    if (!status.ok()) return status;
-    bool fresh = false;
-    switch (state) {
-        case DirState::kNotADirectory: return Status::InvalidArgument(path + " is not a directory");
-        case DirState::kOtherFiles:
-            return Status::InvalidArgument(path + " holds files but no table store; give an empty or new directory");
-        case DirState::kMissingOrEmpty:
-            if (!options.create_if_missing) return Status::NotFound("no table store in " + path);
-            fresh = true;
-            break;
-        case DirState::kDatabase:
-            status = CheckLayout(path, &fresh);
-            if (!status.ok()) return status;
-            if (fresh && !options.create_if_missing) return Status::NotFound("no table store in " + path);
-            break;
-    }
+        DirState state;
+        Status status = InspectDir(path, &state);
+        if (!status.ok()) return status;
+        bool fresh = false;
+        switch (state) {
+            case DirState::kNotADirectory: return Status::InvalidArgument(path + " is not a directory");
+            case DirState::kOtherFiles:
+                return Status::InvalidArgument(path + " holds files but no table store; give an empty or new directory");
+            case DirState::kMissingOrEmpty:
+                if (!options.create_if_missing) return Status::NotFound("no table store in " + path);
+                fresh = true;
+                break;
+            case DirState::kDatabase:
+                status = CheckLayout(path, &fresh);
+                if (!status.ok()) return status;
+                if (fresh && !options.create_if_missing) return Status::NotFound("no table store in " + path);
+                break;
+        }
 
-    rocksdb::DB* raw = nullptr;
-    rocksdb::Status s = rocksdb::DB::Open(DatabaseOptions(fresh), path, &raw);
-    if (!s.ok()) return FromRocks(s, "opening " + path);
-    std::unique_ptr<rocksdb::DB> db(raw);
-    if (fresh) {
-        rocksdb::WriteOptions durable;
-        durable.sync = true;
-        s = db->Put(durable, layout::kLayoutKey, std::to_string(layout::kVersion));
-        if (!s.ok()) return FromRocks(s, "creating the store in " + path);
-    }
-    uint32_t next_table_id = 0;
-    status = NextTableId(db.get(), &next_table_id);
-    if (!status.ok()) return status;
-    store->reset(new TableStore(std::make_shared<Core>(path, std::move(db), options, next_table_id)));
-    return Status::OK();
+        rocksdb::DB* raw = nullptr;
+        rocksdb::Status s = rocksdb::DB::Open(DatabaseOptions(fresh), path, &raw);
+        if (!s.ok()) return FromRocks(s, "opening " + path);
+        std::unique_ptr<rocksdb::DB> db(raw);
+        if (fresh) {
+            rocksdb::WriteOptions durable;
+            durable.sync = true;
+            s = db->Put(durable, layout::kLayoutKey, std::to_string(layout::kVersion));
+            if (!s.ok()) return FromRocks(s, "creating the store in " + path);
+        }
+        uint32_t next_table_id = 0;
+        status = NextTableId(db.get(), &next_table_id);
+        if (!status.ok()) return status;
+        store->reset(new TableStore(std::make_shared<Core>(path, std::move(db), options, next_table_id)));
+        return Status::OK();
+    });
 }
 
 Status TableStore::CreateTable(std::string_view schema_blob, std::string_view type_name) {
-    if (type_name.empty()) return Status::InvalidArgument("CreateTable: empty table name");
-    const std::string name(type_name);
-    // The blob must load now, as every OpenTable will load it.
-    ErrorLines errors;
-    PROTOBUF_UTIL::MsgDescGroup group;
-    if (PROTOBUF_UTIL::FillMessageGroup(name, std::string(schema_blob), &group, errors.category()) == nullptr) {
-        std::string why = errors.text().empty() ? "the blob has no top-level message " + name : errors.text();
-        return Status::InvalidArgument("table " + name + ": the schema blob does not load: " + why);
-    }
-    for (const auto& index : group.m_mapIndex) {
-        if (index.first.size() > layout::kMaxIndexNameBytes) {
-            return Status::InvalidArgument("table " + name + ": an index name is longer than 255 bytes");
+    return NoThrow([&] {
+        if (type_name.empty()) return Status::InvalidArgument("CreateTable: empty table name");
+        const std::string name(type_name);
+        // The blob must load now, as every OpenTable will load it.
+        ErrorLines errors;
+        PROTOBUF_UTIL::MsgDescGroup group;
+        if (PROTOBUF_UTIL::FillMessageGroup(name, std::string(schema_blob), &group, errors.category()) == nullptr) {
+            std::string why = errors.text().empty() ? "the blob has no top-level message " + name : errors.text();
+            return Status::InvalidArgument("table " + name + ": the schema blob does not load: " + why);
         }
-    }
-    return m_core->AddTable(type_name, schema_blob);
+        for (const auto& index : group.m_mapIndex) {
+            if (index.first.size() > layout::kMaxIndexNameBytes) {
+                return Status::InvalidArgument("table " + name + ": an index name is longer than 255 bytes");
+            }
+        }
+        return m_core->AddTable(type_name, schema_blob);
+    });
 }
 
 Status TableStore::ListTables(std::vector<TableInfo>* tables) const {
-    if (tables == nullptr) return Status::InvalidArgument("ListTables: null output");
-    std::unique_ptr<rocksdb::Iterator> it(m_core->db()->NewIterator(rocksdb::ReadOptions()));
-    const std::string start(1, layout::kCatalog);
-    for (it->Seek(start); it->Valid() && it->key().starts_with(start); it->Next()) {
-        const std::string name = it->key().ToString().substr(1);
-        if (it->value().size() < 4) return Status::Corruption("the catalog entry of table " + name + " is cut short");
-        tables->push_back(TableInfo{name, it->value().ToString().substr(4)});
-    }
-    return FromRocks(it->status(), "reading the catalog");
+    return NoThrow([&] {
+        if (tables == nullptr) return Status::InvalidArgument("ListTables: null output");
+        std::unique_ptr<rocksdb::Iterator> it(m_core->db()->NewIterator(rocksdb::ReadOptions()));
+        const std::string start(1, layout::kCatalog);
+        for (it->Seek(start); it->Valid() && it->key().starts_with(start); it->Next()) {
+            const std::string name = it->key().ToString().substr(1);
+            if (it->value().size() < 4) return Status::Corruption("the catalog entry of table " + name + " is cut short");
+            tables->push_back(TableInfo{name, it->value().ToString().substr(4)});
+        }
+        return FromRocks(it->status(), "reading the catalog");
+    });
 }
 
 Status TableStore::OpenTable(const google::protobuf::Message& prototype, CORVIDA_KV::CorvidaKVApi* kv,
                              std::unique_ptr<Table>* table) {
-    if (table == nullptr) return Status::InvalidArgument("OpenTable: null output");
-    table->reset();
-    const std::string& name = prototype.GetDescriptor()->name();
-    std::string value;
-    rocksdb::Status s = m_core->db()->Get(rocksdb::ReadOptions(), layout::CatalogKey(name), &value);
-    if (s.IsNotFound()) return Status::NotFound("no table " + name + " in the store");
-    if (!s.ok()) return FromRocks(s, "reading the catalog");
-    if (value.size() < 4) return Status::Corruption("the catalog entry of table " + name + " is cut short");
-    const uint32_t id = layout::ReadU32(value);
-    return LoadTable(m_core, name, id, value.substr(4), prototype, kv, table);
+    return NoThrow([&] {
+        if (table == nullptr) return Status::InvalidArgument("OpenTable: null output");
+        table->reset();
+        const std::string& name = prototype.GetDescriptor()->name();
+        std::string value;
+        rocksdb::Status s = m_core->db()->Get(rocksdb::ReadOptions(), layout::CatalogKey(name), &value);
+        if (s.IsNotFound()) return Status::NotFound("no table " + name + " in the store");
+        if (!s.ok()) return FromRocks(s, "reading the catalog");
+        if (value.size() < 4) return Status::Corruption("the catalog entry of table " + name + " is cut short");
+        const uint32_t id = layout::ReadU32(value);
+        return LoadTable(m_core, name, id, value.substr(4), prototype, kv, table);
+    });
 }
 
 }  // namespace store

@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <stdexcept>
 #include <string>
 
 #include <google/protobuf/descriptor.pb.h>
@@ -17,6 +18,7 @@
 #include <rocksdb/db.h>
 
 #include "store/key_layout.h"
+#include "store/store_core.h"
 #include "store/table_store.h"
 #include "store_test_support.h"
 #include "tables3.pb.h"
@@ -348,6 +350,20 @@ TEST_F(DamagedStoreTest, ADynamicClientReadsAndWritesLikeAGeneratedOne) {
                                      found[0].message->GetDescriptor()));
     EXPECT_EQ("zone: 1 uid: 2 name: \"stored\" level: 3", found[0].message->ShortDebugString());
     EXPECT_TRUE(google::protobuf::util::MessageDifferencer::Equals(*record, *found[1].message));
+}
+
+// Every public operation runs under NoThrow: an allocation that fails deep
+// inside becomes a Status, never an exception out of the store.
+TEST(NoThrowTest, ExceptionsBecomeStatuses) {
+    using corvida::store::NoThrow;
+    const Status out_of_memory = NoThrow([]() -> Status { throw std::bad_alloc(); });
+    EXPECT_TRUE(out_of_memory.IsIOError());
+    EXPECT_EQ("out of memory", out_of_memory.message());
+    const Status other = NoThrow([]() -> Status { throw std::runtime_error("a library threw"); });
+    EXPECT_TRUE(other.IsIOError());
+    const Status passed = NoThrow([] { return Status::NotFound("as returned"); });
+    EXPECT_TRUE(passed.IsNotFound());
+    EXPECT_EQ("as returned", passed.message());
 }
 
 }  // namespace
