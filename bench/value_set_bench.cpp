@@ -189,20 +189,14 @@ void PathCounts(benchmark::internal::Benchmark* b) { b->Arg(1)->Arg(8)->Arg(32);
 }  // namespace
 
 void RegisterValueSetBenchmarks() {
-    benchmark::RegisterBenchmark("BM_FillValueSetWithMsg/proto3", BM_FillValueSetWithMsg<b3::BenchRecord>)
-        ->Apply(PathCounts);
-    benchmark::RegisterBenchmark("BM_FillValueSetWithMsg/proto2", BM_FillValueSetWithMsg<b2::BenchRecord>)
-        ->Apply(PathCounts);
-    benchmark::RegisterBenchmark("BM_Baseline_SerializeFields/proto3", BM_Baseline_SerializeFields<b3::BenchRecord>)
-        ->Apply(PathCounts);
-    benchmark::RegisterBenchmark("BM_Baseline_SerializeFields/proto2", BM_Baseline_SerializeFields<b2::BenchRecord>)
-        ->Apply(PathCounts);
-    benchmark::RegisterBenchmark("BM_FillMsgFromField/proto3", BM_FillMsgFromField<b3::BenchRecord>)->Apply(PathCounts);
-    benchmark::RegisterBenchmark("BM_FillMsgFromField/proto2", BM_FillMsgFromField<b2::BenchRecord>)->Apply(PathCounts);
-    benchmark::RegisterBenchmark("BM_Baseline_ParseFromArray/proto3", BM_Baseline_ParseFromArray<b3::BenchRecord>)
-        ->Apply(PathCounts);
-    benchmark::RegisterBenchmark("BM_Baseline_ParseFromArray/proto2", BM_Baseline_ParseFromArray<b2::BenchRecord>)
-        ->Apply(PathCounts);
+    Register("BM_FillValueSetWithMsg/proto3", BM_FillValueSetWithMsg<b3::BenchRecord>)->Apply(PathCounts);
+    Register("BM_FillValueSetWithMsg/proto2", BM_FillValueSetWithMsg<b2::BenchRecord>)->Apply(PathCounts);
+    Register("BM_Baseline_SerializeFields/proto3", BM_Baseline_SerializeFields<b3::BenchRecord>)->Apply(PathCounts);
+    Register("BM_Baseline_SerializeFields/proto2", BM_Baseline_SerializeFields<b2::BenchRecord>)->Apply(PathCounts);
+    Register("BM_FillMsgFromField/proto3", BM_FillMsgFromField<b3::BenchRecord>)->Apply(PathCounts);
+    Register("BM_FillMsgFromField/proto2", BM_FillMsgFromField<b2::BenchRecord>)->Apply(PathCounts);
+    Register("BM_Baseline_ParseFromArray/proto3", BM_Baseline_ParseFromArray<b3::BenchRecord>)->Apply(PathCounts);
+    Register("BM_Baseline_ParseFromArray/proto2", BM_Baseline_ParseFromArray<b2::BenchRecord>)->Apply(PathCounts);
 }
 
 }  // namespace corvida_bench

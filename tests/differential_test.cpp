@@ -19,9 +19,9 @@
 // seeds.
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <cstdio>
 #include <functional>
 #include <map>
 #include <memory>
@@ -212,8 +212,8 @@ public:
     }
     void SameLog(const Log& reference, const Log& fast) {
         if (!SameLines(reference.lines(), fast.lines())) {
-            m_text += "log differs:\n--- reference\n" + Describe(reference.lines()) + "--- fast\n" +
-                      Describe(fast.lines());
+            m_text +=
+                "log differs:\n--- reference\n" + Describe(reference.lines()) + "--- fast\n" + Describe(fast.lines());
         }
     }
     void Note(const std::string& text) { m_text += text + "\n"; }
@@ -240,7 +240,8 @@ public:
     // the counts.
     void ExpectSeen(const std::string& what, std::initializer_list<int> expected) const {
         std::string counts;
-        for (const auto& entry : m_counts) counts += " " + std::to_string(entry.first) + ":" + std::to_string(entry.second);
+        for (const auto& entry : m_counts)
+            counts += " " + std::to_string(entry.first) + ":" + std::to_string(entry.second);
         std::printf("%s results:%s\n", what.c_str(), counts.c_str());
         for (int result : expected) EXPECT_GT(m_counts.count(result), 0u) << what << " never gave " << result;
     }
@@ -343,7 +344,8 @@ public:
             return m_separate.Prototype(types[Pick(rng, types.size())]);
         }
         const Descriptor* type = m_generated[Pick(rng, m_generated.size())];
-        if (m_kind == Kind::kGenerated) return google::protobuf::MessageFactory::generated_factory()->GetPrototype(type);
+        if (m_kind == Kind::kGenerated)
+            return google::protobuf::MessageFactory::generated_factory()->GetPrototype(type);
         return m_dynamic.GetPrototype(type);
     }
 
@@ -611,12 +613,10 @@ protected:
         std::optional<ProtobufLog> reference_pb(std::in_place);
         const KeyRun reference = RunKey(capacity, m_reference_idl.get(), [&](uint8_t* buf, int32_t& size) {
             tagtbl_idl* idl = null_idl ? nullptr : m_reference_idl.get();
-            return field_key ? corvida_reference::ProtobufUtil::ExtractFieldKey(m_reference_apis.Get(api), msg,
-                                                                                numbers, buf, size, idl,
-                                                                                reference_log.category())
-                             : corvida_reference::ProtobufUtil::ExtractMsgKey(m_reference_apis.Get(api), msg, buf,
-                                                                              size, idl, reference_log.category(),
-                                                                              check);
+            return field_key ? corvida_reference::ProtobufUtil::ExtractFieldKey(
+                                   m_reference_apis.Get(api), msg, numbers, buf, size, idl, reference_log.category())
+                             : corvida_reference::ProtobufUtil::ExtractMsgKey(m_reference_apis.Get(api), msg, buf, size,
+                                                                              idl, reference_log.category(), check);
         });
         const std::vector<std::string> reference_pb_lines = reference_pb->lines();
         reference_pb.reset();
@@ -636,8 +636,7 @@ protected:
         Diff diff(std::string("key case ") + std::to_string(n) + " (" + KindName(GetParam()) + "): " +
                   (field_key ? "ExtractFieldKey" : "ExtractMsgKey") + " of " + msg.GetDescriptor()->full_name() +
                   ", api " + std::to_string(api) + ", capacity " + std::to_string(capacity) + ", bCheck " +
-                  std::to_string(check) + ", threshold " + std::to_string(setup.threshold) + "\n" +
-                  msg.DebugString());
+                  std::to_string(check) + ", threshold " + std::to_string(setup.threshold) + "\n" + msg.DebugString());
         m_tally.Add(reference.ret);
         diff.Same("result", reference.ret, fast.ret);
         diff.Same("size", reference.size, fast.size);
@@ -665,10 +664,11 @@ TEST_P(KeyDifferential, RandomMessagesOfEveryTable) {
 TEST_P(KeyDifferential, KeyTables) {
     Rng rng(Seed(2));
     Types types(GetParam());
-    const char* const kNames[] = {"corvida.test.LongKey2",    "corvida.test.Secret2",     "corvida.test3.Secret3",
-                                  "corvida.test.ManyKeys2",   "corvida.test.MixedKeys2",  "corvida.test3.MixedKeys3",
-                                  "corvida.test.IntKeys2",    "corvida.test.FloatKeys2",  "corvida.test.CompositeKey2",
-                                  "corvida.test.CryptoRepeated2", "corvida.test.SpacedKeys2", "corvida.test3.Player3"};
+    const char* const kNames[] = {
+        "corvida.test.LongKey2",        "corvida.test.Secret2",     "corvida.test3.Secret3",
+        "corvida.test.ManyKeys2",       "corvida.test.MixedKeys2",  "corvida.test3.MixedKeys3",
+        "corvida.test.IntKeys2",        "corvida.test.FloatKeys2",  "corvida.test.CompositeKey2",
+        "corvida.test.CryptoRepeated2", "corvida.test.SpacedKeys2", "corvida.test3.Player3"};
     const int cases = 3000 * Rounds();
     for (int n = 0; n < cases; ++n) {
         const Message* prototype = types.Named(kNames[Pick(rng, sizeof(kNames) / sizeof(kNames[0]))]);
@@ -831,14 +831,14 @@ protected:
         int fast_ret = 0;
         {
             ProtobufLog pb;
-            reference_ret = corvida_reference::FillValueSetWithMsg(reference_msg.get(), keys, paths,
-                                                                   m_sets.reference(), reference_log.category());
+            reference_ret = corvida_reference::FillValueSetWithMsg(reference_msg.get(), keys, paths, m_sets.reference(),
+                                                                   reference_log.category());
             reference_pb_lines = pb.lines();
         }
         {
             ProtobufLog pb;
-            fast_ret = PROTOBUF_UTIL::FillValueSetWithMsg(fast_msg.get(), keys, paths, m_sets.fast(),
-                                                          fast_log.category());
+            fast_ret =
+                PROTOBUF_UTIL::FillValueSetWithMsg(fast_msg.get(), keys, paths, m_sets.fast(), fast_log.category());
             fast_pb_lines = pb.lines();
         }
 
@@ -994,11 +994,12 @@ std::string RecordBytes(const Message& top, const FieldDescriptor* field, Rng& r
     std::string bytes = FieldBytes(*source, field);
     const uint32_t key = WireFormat::MakeTag(field);
     switch (Pick(rng, 30)) {
-        case 0: return bytes.substr(0, Pick(rng, bytes.size() + 1));                   // truncated
-        case 1: return bytes + bytes;                                                  // twice
-        case 2: return bytes + std::string(1 + Pick(rng, 4), static_cast<char>(rng()));  // trailing junk
+        case 0: return bytes.substr(0, Pick(rng, bytes.size() + 1));                       // truncated
+        case 1: return bytes + bytes;                                                      // twice
+        case 2: return bytes + std::string(1 + Pick(rng, 4), static_cast<char>(rng()));    // trailing junk
         case 3: return Varint(key ^ 1) + bytes.substr(std::min<size_t>(bytes.size(), 1));  // another wire type
-        case 4: return Varint(((field->number() + 1) << 3) | (key & 7)) + bytes.substr(std::min<size_t>(bytes.size(), 1));
+        case 4:
+            return Varint(((field->number() + 1) << 3) | (key & 7)) + bytes.substr(std::min<size_t>(bytes.size(), 1));
         case 5: return std::string(1, '\0') + bytes;  // a key of 0 before the value
         case 6: {
             std::string random(Pick(rng, 12), '\0');
@@ -1014,7 +1015,7 @@ std::string RecordBytes(const Message& top, const FieldDescriptor* field, Rng& r
         case 8:
             if (field->type() == FieldDescriptor::TYPE_ENUM) return Varint(key) + Varint(12345 + Pick(rng, 3));
             return bytes;
-        case 9: return Varint(key) + std::string(11, '\xff');                     // overlong varint
+        case 9: return Varint(key) + std::string(11, '\xff');                         // overlong varint
         case 10: return Varint((field->number() << 3) | 2) + "\xff\xff\xff\xff\x0f";  // length beyond the bytes
         case 11: return std::string();
         case 12: return Varint(key) + Varint(uint64_t{1} << (7 * Pick(rng, 10)));  // wide varints
@@ -1049,10 +1050,10 @@ protected:
         std::vector<PbValueSetBuffer::Field> fields;
         for (size_t i = 0; i < records.size(); ++i) {
             const Record& record = records[i];
-            fields.push_back(PbValueSetBuffer::Field{
-                static_cast<int>(i), record.null_path ? nullptr : record.path.c_str(),
-                record.null_buf ? nullptr : record.bytes.data(),
-                static_cast<int>(record.bytes.size()) + record.length_delta, -1});
+            fields.push_back(PbValueSetBuffer::Field{static_cast<int>(i),
+                                                     record.null_path ? nullptr : record.path.c_str(),
+                                                     record.null_buf ? nullptr : record.bytes.data(),
+                                                     static_cast<int>(record.bytes.size()) + record.length_delta, -1});
         }
         Paths initial;
         if (Chance(m_rng, 20)) initial.insert(records.empty() ? "0" : records[0].path);
@@ -1167,8 +1168,8 @@ TEST_P(MergeDifferential, RandomRecordsIntoEveryTable) {
     const int cases = 4000 * Rounds();
     for (int n = 0; n < cases; ++n) {
         const Message& prototype = *types.Random(m_rng);
-        std::unique_ptr<Message> target = Chance(m_rng, 50) ? RandomMessage(prototype, m_rng)
-                                                            : std::unique_ptr<Message>(prototype.New());
+        std::unique_ptr<Message> target =
+            Chance(m_rng, 50) ? RandomMessage(prototype, m_rng) : std::unique_ptr<Message>(prototype.New());
         std::vector<Record> records;
         if (Chance(m_rng, 35)) {
             std::unique_ptr<Message> source = RandomMessage(prototype, m_rng);

@@ -29,12 +29,12 @@ using PROTOBUF_UTIL::isWhitespace;
 
 class ProtobufUtil {
 public:
-    static int ExtractMsgKey(CorvidaKVApi* pKVApi, const google::protobuf::Message& msg, uint8_t* buf,
-                             int32_t& size, tagtbl_idl* idl, LPPLOGCATEGORYINST log, bool bCheck);
+    static int ExtractMsgKey(CorvidaKVApi* pKVApi, const google::protobuf::Message& msg, uint8_t* buf, int32_t& size,
+                             tagtbl_idl* idl, LPPLOGCATEGORYINST log, bool bCheck);
 
     static int ExtractFieldKey(CorvidaKVApi* pKVApi, const google::protobuf::Message& msg,
-                               const std::vector<int>& vecFields, uint8_t* buf, int32_t& size,
-                               tagtbl_idl* idl, LPPLOGCATEGORYINST log);
+                               const std::vector<int>& vecFields, uint8_t* buf, int32_t& size, tagtbl_idl* idl,
+                               LPPLOGCATEGORYINST log);
 
     static void SerializeFieldWithCachedSizesEx(const google::protobuf::FieldDescriptor* field,
                                                 const google::protobuf::Message& message,
@@ -44,8 +44,7 @@ public:
 int VerifyTagPath(const std::string& path, const std::set<std::string>& setPaths, LPPLOGCATEGORYINST log);
 
 int FillValueSetWithMsg(google::protobuf::Message* msg, const std::set<std::string>& setKeyNames,
-                        const std::set<std::string>& dottedpaths, ProtobufValueSet_& values,
-                        LPPLOGCATEGORYINST log);
+                        const std::set<std::string>& dottedpaths, ProtobufValueSet_& values, LPPLOGCATEGORYINST log);
 
 int FillMsgFromField(std::vector<CorvidaCommon::PbValueSetBuffer::Field>& fields, std::set<std::string>& failedpaths,
                      google::protobuf::Message* msg, unsigned char* data, int datasize, LPPLOGCATEGORYINST log);
