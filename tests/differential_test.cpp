@@ -23,6 +23,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
@@ -529,6 +530,33 @@ size_t RandomApi(Rng& rng) {
     return 0;
 }
 
+// Sets a singular field to boundary value `which` of its type (zero,
+// negative zero, NaN, extremes, empty and invalid strings).
+void SetEdgeValue(Message* msg, const FieldDescriptor* field, int which) {
+    const Reflection* r = msg->GetReflection();
+    const double kReals[] = {
+        0.0, -0.0, 1.5, -1e300, std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity()};
+    const int64_t kInts[] = {0, -1, 1, 127, 128, INT64_MIN, INT64_MAX};
+    const uint64_t kUints[] = {0, 1, 127, 128, UINT64_MAX};
+    const std::string kStrings[] = {"", "a", std::string(200, 'x'), "ok\xc3", std::string("\0\0", 2)};
+    switch (field->cpp_type()) {
+        case FieldDescriptor::CPPTYPE_INT32: r->SetInt32(msg, field, static_cast<int32_t>(kInts[which % 7])); break;
+        case FieldDescriptor::CPPTYPE_INT64: r->SetInt64(msg, field, kInts[which % 7]); break;
+        case FieldDescriptor::CPPTYPE_UINT32: r->SetUInt32(msg, field, static_cast<uint32_t>(kUints[which % 5])); break;
+        case FieldDescriptor::CPPTYPE_UINT64: r->SetUInt64(msg, field, kUints[which % 5]); break;
+        case FieldDescriptor::CPPTYPE_FLOAT: r->SetFloat(msg, field, static_cast<float>(kReals[which % 6])); break;
+        case FieldDescriptor::CPPTYPE_DOUBLE: r->SetDouble(msg, field, kReals[which % 6]); break;
+        case FieldDescriptor::CPPTYPE_BOOL: r->SetBool(msg, field, which % 2 == 1); break;
+        case FieldDescriptor::CPPTYPE_ENUM: r->SetEnumValue(msg, field, which % 2 == 0 ? 0 : 1); break;
+        case FieldDescriptor::CPPTYPE_STRING: r->SetString(msg, field, kStrings[which % 5]); break;
+        case FieldDescriptor::CPPTYPE_MESSAGE: r->MutableMessage(msg, field); break;
+    }
+}
+
+// The tables whose every singular field the edge-value cases try.
+const char* const kEdgeTables[] = {"corvida.test.AllTypes2", "corvida.test.AllTypes3", "corvida.test3.Player3"};
+constexpr int kEdgeValues = 7;
+
 // ---------------------------------------------------------------------------
 // Record keys.
 // ---------------------------------------------------------------------------
@@ -648,6 +676,40 @@ protected:
         return diff.Check();
     }
 
+    // ExtractFieldKey of numbers of msg into a roomy buffer, every line taken.
+    bool FieldKeyCase(const Message& msg, const std::vector<int>& numbers, int n) {
+        Log reference_log(LogSetup{});
+        Log fast_log(LogSetup{});
+        std::vector<std::string> reference_pb;
+        std::vector<std::string> fast_pb;
+        KeyRun reference;
+        KeyRun fast;
+        {
+            ProtobufLog pb;
+            reference = RunKey(1024, m_reference_idl.get(), [&](uint8_t* buf, int32_t& size) {
+                return corvida_reference::ProtobufUtil::ExtractFieldKey(
+                    nullptr, msg, numbers, buf, size, m_reference_idl.get(), reference_log.category());
+            });
+            reference_pb = pb.lines();
+        }
+        {
+            ProtobufLog pb;
+            fast = RunKey(1024, m_fast_idl.get(), [&](uint8_t* buf, int32_t& size) {
+                return PROTOBUF_UTIL::ProtobufUtil::ExtractFieldKey(nullptr, msg, numbers, buf, size, m_fast_idl.get(),
+                                                                    fast_log.category());
+            });
+            fast_pb = pb.lines();
+        }
+        Diff diff("edge key case " + std::to_string(n) + " (" + KindName(GetParam()) + ") of " +
+                  msg.GetDescriptor()->full_name() + "\n" + msg.DebugString());
+        diff.Same("result", reference.ret, fast.ret);
+        diff.Same("size", reference.size, fast.size);
+        diff.SameBytes("key buffer", reference.buffer, fast.buffer);
+        diff.SameLog(reference_log, fast_log);
+        if (reference_pb != fast_pb) diff.Note(ProtobufLogDiff(reference_pb, fast_pb));
+        return diff.Check();
+    }
+
     Tally m_tally;
     Apis m_reference_apis{true};
     Apis m_fast_apis{false};
@@ -682,6 +744,29 @@ TEST_P(KeyDifferential, KeyTables) {
         if (!Case(*msg, Chance(rng, 30), rng, n)) return;
     }
     m_tally.ExpectSeen("keys of the key tables", {0, -7, -9, -10});
+}
+
+// Every singular field of the all-types tables as a key field, set to each
+// boundary value of its type in turn and left unset.
+TEST_P(KeyDifferential, EdgeValuesOfEverySingularField) {
+    Rng rng(Seed(7));
+    Types types(GetParam());
+    int n = 0;
+    for (const char* name : kEdgeTables) {
+        const Message* prototype = types.Named(name);
+        ASSERT_NE(prototype, nullptr);
+        const Descriptor* desc = prototype->GetDescriptor();
+        for (int i = 0; i < desc->field_count(); ++i) {
+            const FieldDescriptor* field = desc->field(i);
+            if (field->is_repeated()) continue;
+            for (int which = -1; which < kEdgeValues; ++which) {
+                std::unique_ptr<Message> msg(prototype->New());
+                if (which >= 0) SetEdgeValue(msg.get(), field, which);
+                msg->ByteSizeLong();
+                if (!FieldKeyCase(*msg, {field->number()}, n++)) return;
+            }
+        }
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, KeyDifferential,
@@ -927,6 +1012,27 @@ TEST_P(CutDifferential, FieldsAtTheEndOfTheValueBuffer) {
         if (!Case(*msg, {}, paths, RandomLogSetup(rng), n, CORVIDA_PROTOBUF_MAX_VALUE_BUF)) return;
     }
     m_tally.ExpectSeen("cuts at the end of the buffer", {0, CorvErrCode::GEN_ERR_ERR});
+}
+
+// Every singular field of the all-types tables, set to each boundary value
+// of its type in turn and left unset: presence and encoding of each value.
+TEST_P(CutDifferential, EdgeValuesOfEverySingularField) {
+    Types types(GetParam());
+    int n = 0;
+    for (const char* name : kEdgeTables) {
+        const Message* prototype = types.Named(name);
+        ASSERT_NE(prototype, nullptr);
+        const Descriptor* desc = prototype->GetDescriptor();
+        for (int i = 0; i < desc->field_count(); ++i) {
+            const FieldDescriptor* field = desc->field(i);
+            if (field->is_repeated()) continue;
+            for (int which = -1; which < kEdgeValues; ++which) {
+                std::unique_ptr<Message> msg(prototype->New());
+                if (which >= 0) SetEdgeValue(msg.get(), field, which);
+                if (!Case(*msg, {}, {field->name()}, LogSetup{}, n++)) return;
+            }
+        }
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, CutDifferential,
@@ -1184,6 +1290,33 @@ TEST_P(MergeDifferential, RandomRecordsIntoEveryTable) {
     }
     m_tally.ExpectSeen("merges", {0, CorvErrCode::GEN_ERR_INVALID_ARGUMENTS});
     m_failed.ExpectSeen("failed paths per merge", {0, 1, 2, 3});
+}
+
+// The encoding of every singular field of the all-types tables, holding each
+// boundary value of its type in turn, merged into an empty and into a full
+// message.
+TEST_P(MergeDifferential, EdgeValuesOfEverySingularField) {
+    Types types(GetParam());
+    int n = 0;
+    for (const char* name : kEdgeTables) {
+        const Message* prototype = types.Named(name);
+        ASSERT_NE(prototype, nullptr);
+        const Descriptor* desc = prototype->GetDescriptor();
+        std::unique_ptr<Message> full = RandomMessage(*prototype, m_rng);
+        for (int i = 0; i < desc->field_count(); ++i) {
+            const FieldDescriptor* field = desc->field(i);
+            if (field->is_repeated()) continue;
+            for (int which = -1; which < kEdgeValues; ++which) {
+                std::unique_ptr<Message> source(prototype->New());
+                if (which >= 0) SetEdgeValue(source.get(), field, which);
+                source->ByteSizeLong();
+                std::vector<Record> records = {Record{std::to_string(field->number()), FieldBytes(*source, field)}};
+                std::unique_ptr<Message> empty(prototype->New());
+                if (!Case(*empty, records, LogSetup{}, n++, false)) return;
+                if (!Case(*full, records, LogSetup{}, n++, false)) return;
+            }
+        }
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, MergeDifferential,

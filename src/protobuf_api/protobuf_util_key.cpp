@@ -25,12 +25,12 @@
 
 #include <google/protobuf/descriptor.pb.h>
 #include <google/protobuf/io/zero_copy_stream_impl_lite.h>
-#include <google/protobuf/stubs/common.h>
 #include <google/protobuf/wire_format.h>
 #include <google/protobuf/wire_format_lite.h>
 
 #include "corvidaservice.optionv1.pb.h"
 #include "protobuf_api/protobuf_util.h"
+#include "protobuf_api/protobuf_util_fields.h"
 #include "protobuf_api/protobuf_util_log.h"
 #include "protobuf_api/protobuf_util_plans.h"
 #include "protobuf_api/protobuf_util_tokens.h"
@@ -80,15 +80,11 @@ enum class KeyWrite : uint8_t {
     kGeneric,    // anything else: the serializers
 };
 
-// One key field and how it is written. A plain field carries its encoded
-// tag.
+// One key field and how it is written.
 struct KeyField {
     const FieldDescriptor* field = nullptr;
     KeyWrite how = KeyWrite::kGeneric;
-    bool proto3 = false;
-    FieldDescriptor::Type type = FieldDescriptor::TYPE_INT32;
-    uint8_t tag_size = 0;
-    uint8_t tag[5] = {};
+    internal::PlainField plain;  // for kPlain
 };
 
 // A mark corvida_crypto on a field that is not a string or bytes field is
@@ -99,125 +95,19 @@ KeyField PlanKeyField(const FieldDescriptor* field) {
     if (field->cpp_type() == FieldDescriptor::CPPTYPE_STRING &&
         field->options().GetExtension(corvidaservice::corvida_crypto)) {
         key.how = KeyWrite::kEncrypted;
-        return key;
+    } else if (internal::IsPlain(field)) {
+        key.how = KeyWrite::kPlain;
+        key.plain = internal::PlanPlainField(field);
     }
-    if (field->is_repeated() || field->cpp_type() == FieldDescriptor::CPPTYPE_MESSAGE) return key;
-    key.how = KeyWrite::kPlain;
-    key.proto3 = field->file()->syntax() == FileDescriptor::SYNTAX_PROTO3;
-    key.type = field->type();
-    key.tag_size =
-        static_cast<uint8_t>(CodedOutputStream::WriteVarint32ToArray(WireFormat::MakeTag(field), key.tag) - key.tag);
     return key;
 }
 
-// Copies n bytes (n at most 16) without a call into the C library: key
-// fields are a few bytes each.
-inline void CopySmall(uint8_t* to, const uint8_t* from, int n) {
-    if (n >= 8) {
-        std::memcpy(to, from, 8);
-        std::memcpy(to + n - 8, from + n - 8, 8);
-    } else if (n >= 4) {
-        std::memcpy(to, from, 4);
-        std::memcpy(to + n - 4, from + n - 4, 4);
-    } else if (n >= 2) {
-        std::memcpy(to, from, 2);
-        std::memcpy(to + n - 2, from + n - 2, 2);
-    } else if (n == 1) {
-        *to = *from;
-    }
-}
-
-// Where WritePlain puts a field's bytes: straight into the key buffer.
-class InPlace {
-public:
-    explicit InPlace(uint8_t* to) : m_to(to) {}
-    void Put(const uint8_t* bytes, int n) {
-        CopySmall(m_to, bytes, n);
-        m_to += n;
-    }
-    void PutValue(const std::string& value) {
-        std::memcpy(m_to, value.data(), value.size());
-        m_to += value.size();
-    }
-    uint8_t* end() const { return m_to; }
-
-private:
-    uint8_t* m_to;
-};
-
-// Where WritePlain puts a field's bytes: into a coded stream.
-class IntoStream {
-public:
-    explicit IntoStream(CodedOutputStream* output) : m_output(output) {}
-    void Put(const uint8_t* bytes, int n) { m_output->WriteRaw(bytes, n); }
-    void PutValue(const std::string& value) { m_output->WriteRaw(value.data(), static_cast<int>(value.size())); }
-
-private:
-    CodedOutputStream* m_output;
-};
-
-enum class Plain {
-    kWritten,  // the field's bytes are written (nothing for an unset proto2 field, as both serializers)
-    kNoRoom,   // nothing written: the field takes more than the room given
-    kGeneric,  // nothing written: only protobuf's serializer writes it as protobuf does
-};
-
-// Writes a plain key field exactly as SerializeFieldWithCachedSizesEx and
-// protobuf's serializer both do (a proto3 field always, its default
-// included; a proto2 field when set) into `out`, when it takes at most `room`
-// bytes. A proto3 string that is not valid UTF-8 is reported through
-// protobuf's log as protobuf's writers report it, and written all the same;
-// a proto2 one is left to protobuf's serializer, which reports it or not
-// depending on how protobuf was built.
+// Writes a plain key field as SerializeFieldWithCachedSizesEx and protobuf's
+// serializer both write it (a proto3 field always, its default included; a
+// proto2 field when set) into `out` when it takes at most `room` bytes.
 template <typename Sink>
-Plain WritePlain(const KeyField& key, const KeySource& source, int64_t room, Sink& out) {
-    const Reflection* r = source.reflection;
-    const Message& m = *source.msg;
-    const FieldDescriptor* f = key.field;
-    if (!key.proto3 && !r->HasField(m, f)) return Plain::kWritten;
-    uint8_t head[16];
-    std::memcpy(head, key.tag, sizeof(key.tag));
-    uint8_t* p = head + key.tag_size;
-    switch (key.type) {
-        case FieldDescriptor::TYPE_INT32: p = WireFormatLite::WriteInt32NoTagToArray(r->GetInt32(m, f), p); break;
-        case FieldDescriptor::TYPE_INT64: p = WireFormatLite::WriteInt64NoTagToArray(r->GetInt64(m, f), p); break;
-        case FieldDescriptor::TYPE_UINT32: p = WireFormatLite::WriteUInt32NoTagToArray(r->GetUInt32(m, f), p); break;
-        case FieldDescriptor::TYPE_UINT64: p = WireFormatLite::WriteUInt64NoTagToArray(r->GetUInt64(m, f), p); break;
-        case FieldDescriptor::TYPE_SINT32: p = WireFormatLite::WriteSInt32NoTagToArray(r->GetInt32(m, f), p); break;
-        case FieldDescriptor::TYPE_SINT64: p = WireFormatLite::WriteSInt64NoTagToArray(r->GetInt64(m, f), p); break;
-        case FieldDescriptor::TYPE_FIXED32: p = WireFormatLite::WriteFixed32NoTagToArray(r->GetUInt32(m, f), p); break;
-        case FieldDescriptor::TYPE_FIXED64: p = WireFormatLite::WriteFixed64NoTagToArray(r->GetUInt64(m, f), p); break;
-        case FieldDescriptor::TYPE_SFIXED32: p = WireFormatLite::WriteSFixed32NoTagToArray(r->GetInt32(m, f), p); break;
-        case FieldDescriptor::TYPE_SFIXED64: p = WireFormatLite::WriteSFixed64NoTagToArray(r->GetInt64(m, f), p); break;
-        case FieldDescriptor::TYPE_FLOAT: p = WireFormatLite::WriteFloatNoTagToArray(r->GetFloat(m, f), p); break;
-        case FieldDescriptor::TYPE_DOUBLE: p = WireFormatLite::WriteDoubleNoTagToArray(r->GetDouble(m, f), p); break;
-        case FieldDescriptor::TYPE_BOOL: p = WireFormatLite::WriteBoolNoTagToArray(r->GetBool(m, f), p); break;
-        case FieldDescriptor::TYPE_ENUM: p = WireFormatLite::WriteEnumNoTagToArray(r->GetEnumValue(m, f), p); break;
-        case FieldDescriptor::TYPE_STRING:
-        case FieldDescriptor::TYPE_BYTES: {
-            std::string scratch;
-            const std::string& value = r->GetStringReference(m, f, &scratch);
-            // A length beyond the writers' varint is left to them.
-            if (value.size() > static_cast<size_t>(INT_MAX)) return Plain::kGeneric;
-            const int size = static_cast<int>(value.size());
-            p = CodedOutputStream::WriteVarint32ToArray(static_cast<uint32_t>(size), p);
-            const int head_size = static_cast<int>(p - head);
-            if (head_size + int64_t{size} > room) return Plain::kNoRoom;
-            if (key.type == FieldDescriptor::TYPE_STRING &&
-                !google::protobuf::internal::IsStructurallyValidUTF8(value.data(), size)) {
-                if (!key.proto3) return Plain::kGeneric;
-                WireFormatLite::VerifyUtf8String(value.data(), size, WireFormatLite::SERIALIZE, f->full_name().c_str());
-            }
-            out.Put(head, head_size);
-            out.PutValue(value);
-            return Plain::kWritten;
-        }
-        default: return Plain::kGeneric;  // messages and groups are never plain
-    }
-    const int head_size = static_cast<int>(p - head);
-    if (head_size > room) return Plain::kNoRoom;
-    out.Put(head, head_size);
-    return Plain::kWritten;
+internal::Plain WritePlainKeyField(const KeyField& key, const KeySource& source, int64_t room, Sink& out) {
+    return internal::WritePlain(key.plain, source.reflection, *source.msg, key.plain.proto3, room, out);
 }
 
 // Encrypts a string or bytes field into idl->szValue. Returns 0 with the
@@ -277,9 +167,9 @@ int WriteKeyField(const KeyField& key, const KeySource& source, tagtbl_idl* idl,
             // leaves the stream as it is; CodedOutputStream::HadError would
             // flush it.
             if (output->EpsCopy()->HadError()) break;
-            IntoStream sink(output);
-            if (WritePlain(key, source, capacity - output->ByteCount() - EpsCopyOutputStream::kSlopBytes, sink) ==
-                Plain::kWritten) {
+            internal::IntoStream sink(output);
+            if (WritePlainKeyField(key, source, capacity - output->ByteCount() - EpsCopyOutputStream::kSlopBytes,
+                                   sink) == internal::Plain::kWritten) {
                 return 0;
             }
             break;
@@ -381,8 +271,8 @@ private:
     bool WriteInPlace(const KeyField& key, const KeySource& source, tagtbl_idl* idl, int* ret) {
         m_ciphertext = -1;
         if (key.how == KeyWrite::kPlain) {
-            InPlace sink(m_buf + m_base);
-            if (WritePlain(key, source, Room(), sink) != Plain::kWritten) return false;
+            internal::InPlace sink(m_buf + m_base);
+            if (WritePlainKeyField(key, source, Room(), sink) != internal::Plain::kWritten) return false;
             m_base = static_cast<int>(sink.end() - m_buf);
         } else if (key.how == KeyWrite::kEncrypted) {
             int outlen = 0;
@@ -468,7 +358,7 @@ private:
 // reflection, its cipher suite's name, its primary-key fields in ascending
 // number and, for types planned once, how each of its fields is written.
 struct KeyPlan {
-    const std::type_info* type = nullptr;  // the generated class planned for; null: planned for one call
+    const void* key = nullptr;  // the generated class (std::type_info) planned for; null: planned for one call
     const Descriptor* desc = nullptr;
     const Reflection* reflection = nullptr;
     const std::string* suite_name = nullptr;  // corvida_field_cipher_suite of desc
@@ -516,7 +406,7 @@ const KeyPlan* PlanNow(const Message& msg, bool primary, std::optional<KeyPlan>*
     if (internal::IsGeneratedClass(msg, plan.desc)) {
         std::unique_ptr<KeyPlan> kept(new (std::nothrow) KeyPlan);
         if (kept != nullptr) {
-            kept->type = &typeid(msg);
+            kept->key = &typeid(msg);
             kept->desc = plan.desc;
             kept->reflection = plan.reflection;
             PlanOptions(kept.get(), true);
@@ -649,7 +539,7 @@ int WriteFieldKey(const KeyPlan& plan, CorvidaKVApi* pKVApi, const Message& msg,
 
 int ProtobufUtil::ExtractMsgKey(CorvidaKVApi* pKVApi, const Message& msg, uint8_t* buf, int32_t& size, tagtbl_idl* idl,
                                 LPPLOGCATEGORYINST log, bool bCheck) {
-    if (const KeyPlan* kept = KeyPlans::Find(typeid(msg))) {
+    if (const KeyPlan* kept = KeyPlans::Find(&typeid(msg))) {
         return WritePrimaryKey(*kept, pKVApi, msg, buf, size, idl, log, bCheck);
     }
     std::optional<KeyPlan> local;
@@ -670,7 +560,7 @@ int ProtobufUtil::GetMsgKeyNames(const Message& msg, std::set<std::string>& setK
 
 int ProtobufUtil::ExtractFieldKey(CorvidaKVApi* pKVApi, const Message& msg, const std::vector<int>& vecFields,
                                   uint8_t* buf, int32_t& size, tagtbl_idl* idl, LPPLOGCATEGORYINST log) {
-    if (const KeyPlan* kept = KeyPlans::Find(typeid(msg))) {
+    if (const KeyPlan* kept = KeyPlans::Find(&typeid(msg))) {
         return WriteFieldKey(*kept, pKVApi, msg, vecFields, buf, size, idl, log);
     }
     std::optional<KeyPlan> local;
