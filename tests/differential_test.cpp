@@ -136,6 +136,10 @@ struct LogSetup {
     int low = -1;   // -1: unset
     int high = -1;  // -1: unset
     bool null = false;
+    // When not 0: after every flip_every-th line it receives, the sink turns
+    // the category's threshold from debug and trace lines to errors only, or
+    // back, as a sink may.
+    int flip_every = 0;
 };
 
 LogSetup RandomLogSetup(Rng& rng) {
@@ -147,6 +151,7 @@ LogSetup RandomLogSetup(Rng& rng) {
         case 3: setup.low = PLOG_PRIORITY_ERROR; break;
         case 4: setup.high = PLOG_PRIORITY_TRACE; break;
         case 5: setup.null = Chance(rng, 50); break;
+        case 6: setup.flip_every = 1 + static_cast<int>(Pick(rng, 3)); break;
         default: break;
     }
     return setup;
@@ -156,15 +161,34 @@ LogSetup RandomLogSetup(Rng& rng) {
 class Log {
 public:
     explicit Log(const LogSetup& setup) : m_capture(setup.threshold), m_setup(setup) {
-        if (setup.low != -1) m_capture.category()->piPriorityLow = &m_setup.low;
-        if (setup.high != -1) m_capture.category()->piPriorityHigh = &m_setup.high;
+        LPPLOGCATEGORYINST category = m_capture.category();
+        if (setup.low != -1) category->piPriorityLow = &m_setup.low;
+        if (setup.high != -1) category->piPriorityHigh = &m_setup.high;
+        m_capture_sink = category->pfnWrite;
+        m_capture_ctx = category->pvWriteCtx;
+        category->pfnWrite = &Log::Sink;
+        category->pvWriteCtx = this;
     }
+    Log(const Log&) = delete;
+    Log& operator=(const Log&) = delete;
+
     LPPLOGCATEGORYINST category() { return m_setup.null ? nullptr : m_capture.category(); }
     const std::vector<CapturedLine>& lines() const { return m_capture.lines(); }
 
 private:
+    static void Sink(void* ctx, const PLOGEVENT* event, const char* msg, size_t len) {
+        Log* self = static_cast<Log*>(ctx);
+        self->m_capture_sink(self->m_capture_ctx, event, msg, len);
+        if (self->m_setup.flip_every != 0 && self->lines().size() % self->m_setup.flip_every == 0) {
+            int& threshold = self->m_capture.category()->iPriority;
+            threshold = threshold == PLOG_PRIORITY_ERROR ? PLOG_PRIORITY_TRACE : PLOG_PRIORITY_ERROR;
+        }
+    }
+
     LogCapture m_capture;
     LogSetup m_setup;
+    PLOGWRITEFN m_capture_sink;
+    void* m_capture_ctx;
 };
 
 std::string Describe(const std::vector<CapturedLine>& lines) {
@@ -1082,7 +1106,7 @@ std::string FieldBytes(const Message& msg, const FieldDescriptor* field) {
 
 // Bytes for `field`: protobuf's encoding of a random value, or one of the ways
 // such bytes go wrong.
-std::string RecordBytes(const Message& top, const FieldDescriptor* field, Rng& rng) {
+std::string RecordBytes(const Message& top, const FieldDescriptor* field, Rng& rng, bool hostile = true) {
     const Descriptor* holder = field->containing_type();
     std::unique_ptr<Message> source;
     if (holder == top.GetDescriptor()) {
@@ -1099,7 +1123,7 @@ std::string RecordBytes(const Message& top, const FieldDescriptor* field, Rng& r
     source->ByteSizeLong();
     std::string bytes = FieldBytes(*source, field);
     const uint32_t key = WireFormat::MakeTag(field);
-    switch (Pick(rng, 30)) {
+    switch (hostile ? Pick(rng, 30) : 30) {
         case 0: return bytes.substr(0, Pick(rng, bytes.size() + 1));                       // truncated
         case 1: return bytes + bytes;                                                      // twice
         case 2: return bytes + std::string(1 + Pick(rng, 4), static_cast<char>(rng()));    // trailing junk
@@ -1316,6 +1340,40 @@ TEST_P(MergeDifferential, EdgeValuesOfEverySingularField) {
                 if (!Case(*full, records, LogSetup{}, n++, false)) return;
             }
         }
+    }
+}
+
+// Long runs of records over nested messages and oneofs, mostly well formed:
+// fields of one sub-message after another, whole sub-messages and fields
+// inside them in either order, members of one oneof replacing each other,
+// empty records, the same path again, and more records than are kept
+// waiting at once.
+TEST_P(MergeDifferential, RunsOverNestedMessagesAndOneofs) {
+    Types types(GetParam());
+    const char* const kTables[] = {"corvida.test.AllTypes2", "corvida.test.AllTypes3", "corvida.test.Player2",
+                                   "corvida.test3.Player3",  "corvida.test.TreeNode2", "corvida.test.Secret2",
+                                   "corvida.test.Choice2",   "corvida.test.Choice3"};
+    const int cases = 400 * Rounds();
+    for (int n = 0; n < cases; ++n) {
+        const Message* prototype = types.Named(kTables[Pick(m_rng, sizeof(kTables) / sizeof(kTables[0]))]);
+        ASSERT_NE(prototype, nullptr);
+        std::vector<std::pair<std::string, const FieldDescriptor*>> tags;
+        CollectTagPaths(prototype->GetDescriptor(), "", 3, tags);
+        // A few paths of the table, used again and again.
+        std::vector<std::pair<std::string, const FieldDescriptor*>> used;
+        for (size_t k = 1 + Pick(m_rng, 12); k > 0; --k) used.push_back(tags[Pick(m_rng, tags.size())]);
+        std::vector<Record> records;
+        const size_t count = Chance(m_rng, 20) ? 60 + Pick(m_rng, 80) : Pick(m_rng, 24);
+        for (size_t k = 0; k < count; ++k) {
+            const auto& tag = used[Pick(m_rng, used.size())];
+            Record record;
+            record.path = tag.first;
+            if (!Chance(m_rng, 8)) record.bytes = RecordBytes(*prototype, tag.second, m_rng, Chance(m_rng, 5));
+            records.push_back(std::move(record));
+        }
+        std::unique_ptr<Message> target =
+            Chance(m_rng, 50) ? RandomMessage(*prototype, m_rng) : std::unique_ptr<Message>(prototype->New());
+        if (!Case(*target, records, RandomLogSetup(m_rng), n, false)) return;
     }
 }
 
