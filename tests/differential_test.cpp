@@ -349,6 +349,15 @@ const char* KindName(Kind kind) {
     return "";
 }
 
+std::string KindTestName(const ::testing::TestParamInfo<Kind>& info) {
+    switch (info.param) {
+        case Kind::kGenerated: return "Generated";
+        case Kind::kDynamic: return "Dynamic";
+        case Kind::kSeparatePool: return "SeparatePool";
+    }
+    return "";
+}
+
 // Hands out prototypes of every top-level type of the test files in one kind.
 class Types {
 public:
@@ -581,6 +590,30 @@ void SetEdgeValue(Message* msg, const FieldDescriptor* field, int which) {
 const char* const kEdgeTables[] = {"corvida.test.AllTypes2", "corvida.test.AllTypes3", "corvida.test3.Player3"};
 constexpr int kEdgeValues = 7;
 
+// Calls test(msg, field, n) with a message of each edge table (of the kind
+// types hands out) holding each boundary value of one singular field in
+// turn, and with that field unset; its sizes are cached. Stops at the first
+// case for which test returns false.
+template <typename Test>
+void ForEachEdgeValue(Types& types, Test test) {
+    int n = 0;
+    for (const char* name : kEdgeTables) {
+        const Message* prototype = types.Named(name);
+        ASSERT_NE(prototype, nullptr);
+        const Descriptor* desc = prototype->GetDescriptor();
+        for (int i = 0; i < desc->field_count(); ++i) {
+            const FieldDescriptor* field = desc->field(i);
+            if (field->is_repeated()) continue;
+            for (int which = -1; which < kEdgeValues; ++which) {
+                std::unique_ptr<Message> msg(prototype->New());
+                if (which >= 0) SetEdgeValue(msg.get(), field, which);
+                msg->ByteSizeLong();
+                if (!test(*msg, field, n++)) return;
+            }
+        }
+    }
+}
+
 // ---------------------------------------------------------------------------
 // Record keys.
 // ---------------------------------------------------------------------------
@@ -773,36 +806,14 @@ TEST_P(KeyDifferential, KeyTables) {
 // Every singular field of the all-types tables as a key field, set to each
 // boundary value of its type in turn and left unset.
 TEST_P(KeyDifferential, EdgeValuesOfEverySingularField) {
-    Rng rng(Seed(7));
     Types types(GetParam());
-    int n = 0;
-    for (const char* name : kEdgeTables) {
-        const Message* prototype = types.Named(name);
-        ASSERT_NE(prototype, nullptr);
-        const Descriptor* desc = prototype->GetDescriptor();
-        for (int i = 0; i < desc->field_count(); ++i) {
-            const FieldDescriptor* field = desc->field(i);
-            if (field->is_repeated()) continue;
-            for (int which = -1; which < kEdgeValues; ++which) {
-                std::unique_ptr<Message> msg(prototype->New());
-                if (which >= 0) SetEdgeValue(msg.get(), field, which);
-                msg->ByteSizeLong();
-                if (!FieldKeyCase(*msg, {field->number()}, n++)) return;
-            }
-        }
-    }
+    ForEachEdgeValue(types, [this](const Message& msg, const FieldDescriptor* field, int n) {
+        return FieldKeyCase(msg, {field->number()}, n);
+    });
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, KeyDifferential,
-                         ::testing::Values(Kind::kGenerated, Kind::kDynamic, Kind::kSeparatePool),
-                         [](const ::testing::TestParamInfo<Kind>& info) {
-                             switch (info.param) {
-                                 case Kind::kGenerated: return std::string("Generated");
-                                 case Kind::kDynamic: return std::string("Dynamic");
-                                 case Kind::kSeparatePool: return std::string("SeparatePool");
-                             }
-                             return std::string();
-                         });
+                         ::testing::Values(Kind::kGenerated, Kind::kDynamic, Kind::kSeparatePool), KindTestName);
 
 // ---------------------------------------------------------------------------
 // Paths.
@@ -1042,33 +1053,13 @@ TEST_P(CutDifferential, FieldsAtTheEndOfTheValueBuffer) {
 // of its type in turn and left unset: presence and encoding of each value.
 TEST_P(CutDifferential, EdgeValuesOfEverySingularField) {
     Types types(GetParam());
-    int n = 0;
-    for (const char* name : kEdgeTables) {
-        const Message* prototype = types.Named(name);
-        ASSERT_NE(prototype, nullptr);
-        const Descriptor* desc = prototype->GetDescriptor();
-        for (int i = 0; i < desc->field_count(); ++i) {
-            const FieldDescriptor* field = desc->field(i);
-            if (field->is_repeated()) continue;
-            for (int which = -1; which < kEdgeValues; ++which) {
-                std::unique_ptr<Message> msg(prototype->New());
-                if (which >= 0) SetEdgeValue(msg.get(), field, which);
-                if (!Case(*msg, {}, {field->name()}, LogSetup{}, n++)) return;
-            }
-        }
-    }
+    ForEachEdgeValue(types, [this](const Message& msg, const FieldDescriptor* field, int n) {
+        return Case(msg, {}, {field->name()}, LogSetup{}, n);
+    });
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, CutDifferential,
-                         ::testing::Values(Kind::kGenerated, Kind::kDynamic, Kind::kSeparatePool),
-                         [](const ::testing::TestParamInfo<Kind>& info) {
-                             switch (info.param) {
-                                 case Kind::kGenerated: return std::string("Generated");
-                                 case Kind::kDynamic: return std::string("Dynamic");
-                                 case Kind::kSeparatePool: return std::string("SeparatePool");
-                             }
-                             return std::string();
-                         });
+                         ::testing::Values(Kind::kGenerated, Kind::kDynamic, Kind::kSeparatePool), KindTestName);
 
 // ---------------------------------------------------------------------------
 // FillMsgFromField.
@@ -1321,26 +1312,13 @@ TEST_P(MergeDifferential, RandomRecordsIntoEveryTable) {
 // message.
 TEST_P(MergeDifferential, EdgeValuesOfEverySingularField) {
     Types types(GetParam());
-    int n = 0;
-    for (const char* name : kEdgeTables) {
-        const Message* prototype = types.Named(name);
-        ASSERT_NE(prototype, nullptr);
-        const Descriptor* desc = prototype->GetDescriptor();
-        std::unique_ptr<Message> full = RandomMessage(*prototype, m_rng);
-        for (int i = 0; i < desc->field_count(); ++i) {
-            const FieldDescriptor* field = desc->field(i);
-            if (field->is_repeated()) continue;
-            for (int which = -1; which < kEdgeValues; ++which) {
-                std::unique_ptr<Message> source(prototype->New());
-                if (which >= 0) SetEdgeValue(source.get(), field, which);
-                source->ByteSizeLong();
-                std::vector<Record> records = {Record{std::to_string(field->number()), FieldBytes(*source, field)}};
-                std::unique_ptr<Message> empty(prototype->New());
-                if (!Case(*empty, records, LogSetup{}, n++, false)) return;
-                if (!Case(*full, records, LogSetup{}, n++, false)) return;
-            }
-        }
-    }
+    std::unique_ptr<Message> full;
+    ForEachEdgeValue(types, [&](const Message& source, const FieldDescriptor* field, int n) {
+        if (full == nullptr || full->GetDescriptor() != source.GetDescriptor()) full = RandomMessage(source, m_rng);
+        std::vector<Record> records = {Record{std::to_string(field->number()), FieldBytes(source, field)}};
+        std::unique_ptr<Message> empty(source.New());
+        return Case(*empty, records, LogSetup{}, 2 * n, false) && Case(*full, records, LogSetup{}, 2 * n + 1, false);
+    });
 }
 
 // Long runs of records over nested messages and oneofs, mostly well formed:
@@ -1378,15 +1356,7 @@ TEST_P(MergeDifferential, RunsOverNestedMessagesAndOneofs) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, MergeDifferential,
-                         ::testing::Values(Kind::kGenerated, Kind::kDynamic, Kind::kSeparatePool),
-                         [](const ::testing::TestParamInfo<Kind>& info) {
-                             switch (info.param) {
-                                 case Kind::kGenerated: return std::string("Generated");
-                                 case Kind::kDynamic: return std::string("Dynamic");
-                                 case Kind::kSeparatePool: return std::string("SeparatePool");
-                             }
-                             return std::string();
-                         });
+                         ::testing::Values(Kind::kGenerated, Kind::kDynamic, Kind::kSeparatePool), KindTestName);
 
 // ---------------------------------------------------------------------------
 // The AES-SIV suite.

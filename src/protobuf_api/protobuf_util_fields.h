@@ -24,6 +24,26 @@
 namespace PROTOBUF_UTIL {
 namespace internal {
 
+// Calls X(TYPE, GETTER, WRITER) for every scalar field type: its
+// FieldDescriptor::Type, the suffix of its Reflection getters (GetInt32,
+// GetRepeatedInt32) and of its WireFormatLite writers (WriteSInt32,
+// WriteSInt32NoTag).
+#define CORVIDA_FOR_EACH_SCALAR_TYPE(X) \
+    X(TYPE_INT32, Int32, Int32)         \
+    X(TYPE_INT64, Int64, Int64)         \
+    X(TYPE_UINT32, UInt32, UInt32)      \
+    X(TYPE_UINT64, UInt64, UInt64)      \
+    X(TYPE_SINT32, Int32, SInt32)       \
+    X(TYPE_SINT64, Int64, SInt64)       \
+    X(TYPE_FIXED32, UInt32, Fixed32)    \
+    X(TYPE_FIXED64, UInt64, Fixed64)    \
+    X(TYPE_SFIXED32, Int32, SFixed32)   \
+    X(TYPE_SFIXED64, Int64, SFixed64)   \
+    X(TYPE_FLOAT, Float, Float)         \
+    X(TYPE_DOUBLE, Double, Double)      \
+    X(TYPE_BOOL, Bool, Bool)            \
+    X(TYPE_ENUM, EnumValue, Enum)
+
 // How a plain field is encoded: a singular field that is not a message (nor
 // a group), with its tag encoded beforehand.
 struct PlainField {
@@ -158,20 +178,7 @@ Plain WritePlain(const PlainField& plain, const google::protobuf::Reflection* r,
         p = WireFormatLite::Write##WRITER##NoTagToArray(value, p); \
         break;                                                     \
     }
-        CORVIDA_PLAIN_CASE(TYPE_INT32, Int32, Int32)
-        CORVIDA_PLAIN_CASE(TYPE_INT64, Int64, Int64)
-        CORVIDA_PLAIN_CASE(TYPE_UINT32, UInt32, UInt32)
-        CORVIDA_PLAIN_CASE(TYPE_UINT64, UInt64, UInt64)
-        CORVIDA_PLAIN_CASE(TYPE_SINT32, Int32, SInt32)
-        CORVIDA_PLAIN_CASE(TYPE_SINT64, Int64, SInt64)
-        CORVIDA_PLAIN_CASE(TYPE_FIXED32, UInt32, Fixed32)
-        CORVIDA_PLAIN_CASE(TYPE_FIXED64, UInt64, Fixed64)
-        CORVIDA_PLAIN_CASE(TYPE_SFIXED32, Int32, SFixed32)
-        CORVIDA_PLAIN_CASE(TYPE_SFIXED64, Int64, SFixed64)
-        CORVIDA_PLAIN_CASE(TYPE_FLOAT, Float, Float)
-        CORVIDA_PLAIN_CASE(TYPE_DOUBLE, Double, Double)
-        CORVIDA_PLAIN_CASE(TYPE_BOOL, Bool, Bool)
-        CORVIDA_PLAIN_CASE(TYPE_ENUM, EnumValue, Enum)
+        CORVIDA_FOR_EACH_SCALAR_TYPE(CORVIDA_PLAIN_CASE)
 #undef CORVIDA_PLAIN_CASE
         case FieldDescriptor::TYPE_STRING:
         case FieldDescriptor::TYPE_BYTES: {
