@@ -219,6 +219,8 @@ bool SameLines(const std::vector<CapturedLine>& a, const std::vector<CapturedLin
     return true;
 }
 
+class Side;
+
 // Collects the differences of one case; the loop stops at the first case
 // that has any, and the test fails with its description.
 class Diff {
@@ -241,6 +243,8 @@ public:
                 "log differs:\n--- reference\n" + Describe(reference.lines()) + "--- fast\n" + Describe(fast.lines());
         }
     }
+    // The lines of both categories and of protobuf.
+    void SameLogs(const Side& reference, const Side& fast);
     void Note(const std::string& text) { m_text += text + "\n"; }
 
     // True when the case passed; otherwise records a test failure.
@@ -254,6 +258,35 @@ private:
     std::string m_context;
     std::string m_text;
 };
+
+// One implementation's run of a case: its result, the lines its category
+// took and the lines protobuf itself logged meanwhile.
+class Side {
+public:
+    explicit Side(const LogSetup& setup) : m_log(setup) {}
+
+    // Runs call(category), which returns the result.
+    template <typename Call>
+    void Run(Call call) {
+        ProtobufLog protobuf;
+        m_ret = call(m_log.category());
+        m_protobuf = protobuf.lines();
+    }
+
+    int ret() const { return m_ret; }
+    const Log& log() const { return m_log; }
+    const std::vector<std::string>& protobuf() const { return m_protobuf; }
+
+private:
+    Log m_log;
+    int m_ret = 0;
+    std::vector<std::string> m_protobuf;
+};
+
+void Diff::SameLogs(const Side& reference, const Side& fast) {
+    SameLog(reference.log(), fast.log());
+    if (reference.protobuf() != fast.protobuf()) Note(ProtobufLogDiff(reference.protobuf(), fast.protobuf()));
+}
 
 // How often each result came up, so that a run shows (and the test
 // requires) that the random inputs reach the failure paths too.
@@ -694,29 +727,29 @@ protected:
         m_reference_apis.ClearCalls();
         m_fast_apis.ClearCalls();
 
-        Log reference_log(setup);
-        std::optional<ProtobufLog> reference_pb(std::in_place);
-        const KeyRun reference = RunKey(capacity, m_reference_idl.get(), [&](uint8_t* buf, int32_t& size) {
-            tagtbl_idl* idl = null_idl ? nullptr : m_reference_idl.get();
-            return field_key ? corvida_reference::ProtobufUtil::ExtractFieldKey(
-                                   m_reference_apis.Get(api), msg, numbers, buf, size, idl, reference_log.category())
-                             : corvida_reference::ProtobufUtil::ExtractMsgKey(m_reference_apis.Get(api), msg, buf, size,
-                                                                              idl, reference_log.category(), check);
+        KeyRun reference;
+        Side reference_side(setup);
+        reference_side.Run([&](LPPLOGCATEGORYINST log) {
+            reference = RunKey(capacity, m_reference_idl.get(), [&](uint8_t* buf, int32_t& size) {
+                tagtbl_idl* idl = null_idl ? nullptr : m_reference_idl.get();
+                CorvidaKVApi* kv = m_reference_apis.Get(api);
+                return field_key
+                           ? corvida_reference::ProtobufUtil::ExtractFieldKey(kv, msg, numbers, buf, size, idl, log)
+                           : corvida_reference::ProtobufUtil::ExtractMsgKey(kv, msg, buf, size, idl, log, check);
+            });
+            return reference.ret;
         });
-        const std::vector<std::string> reference_pb_lines = reference_pb->lines();
-        reference_pb.reset();
-
-        Log fast_log(setup);
-        std::optional<ProtobufLog> fast_pb(std::in_place);
-        const KeyRun fast = RunKey(capacity, m_fast_idl.get(), [&](uint8_t* buf, int32_t& size) {
-            tagtbl_idl* idl = null_idl ? nullptr : m_fast_idl.get();
-            return field_key ? PROTOBUF_UTIL::ProtobufUtil::ExtractFieldKey(m_fast_apis.Get(api), msg, numbers, buf,
-                                                                            size, idl, fast_log.category())
-                             : PROTOBUF_UTIL::ProtobufUtil::ExtractMsgKey(m_fast_apis.Get(api), msg, buf, size, idl,
-                                                                          fast_log.category(), check);
+        KeyRun fast;
+        Side fast_side(setup);
+        fast_side.Run([&](LPPLOGCATEGORYINST log) {
+            fast = RunKey(capacity, m_fast_idl.get(), [&](uint8_t* buf, int32_t& size) {
+                tagtbl_idl* idl = null_idl ? nullptr : m_fast_idl.get();
+                CorvidaKVApi* kv = m_fast_apis.Get(api);
+                return field_key ? PROTOBUF_UTIL::ProtobufUtil::ExtractFieldKey(kv, msg, numbers, buf, size, idl, log)
+                                 : PROTOBUF_UTIL::ProtobufUtil::ExtractMsgKey(kv, msg, buf, size, idl, log, check);
+            });
+            return fast.ret;
         });
-        const std::vector<std::string> fast_pb_lines = fast_pb->lines();
-        fast_pb.reset();
 
         Diff diff(std::string("key case ") + std::to_string(n) + " (" + KindName(GetParam()) + "): " +
                   (field_key ? "ExtractFieldKey" : "ExtractMsgKey") + " of " + msg.GetDescriptor()->full_name() +
@@ -727,43 +760,37 @@ protected:
         diff.Same("size", reference.size, fast.size);
         diff.SameBytes("key buffer", reference.buffer, fast.buffer);
         diff.SameBytes("cipher scratch", reference.idl, fast.idl);
-        diff.SameLog(reference_log, fast_log);
-        if (reference_pb_lines != fast_pb_lines) diff.Note(ProtobufLogDiff(reference_pb_lines, fast_pb_lines));
+        diff.SameLogs(reference_side, fast_side);
         diff.Same("suite calls", m_reference_apis.Calls(api), m_fast_apis.Calls(api));
         return diff.Check();
     }
 
     // ExtractFieldKey of numbers of msg into a roomy buffer, every line taken.
     bool FieldKeyCase(const Message& msg, const std::vector<int>& numbers, int n) {
-        Log reference_log(LogSetup{});
-        Log fast_log(LogSetup{});
-        std::vector<std::string> reference_pb;
-        std::vector<std::string> fast_pb;
         KeyRun reference;
-        KeyRun fast;
-        {
-            ProtobufLog pb;
+        Side reference_side(LogSetup{});
+        reference_side.Run([&](LPPLOGCATEGORYINST log) {
             reference = RunKey(1024, m_reference_idl.get(), [&](uint8_t* buf, int32_t& size) {
-                return corvida_reference::ProtobufUtil::ExtractFieldKey(
-                    nullptr, msg, numbers, buf, size, m_reference_idl.get(), reference_log.category());
+                return corvida_reference::ProtobufUtil::ExtractFieldKey(nullptr, msg, numbers, buf, size,
+                                                                        m_reference_idl.get(), log);
             });
-            reference_pb = pb.lines();
-        }
-        {
-            ProtobufLog pb;
+            return reference.ret;
+        });
+        KeyRun fast;
+        Side fast_side(LogSetup{});
+        fast_side.Run([&](LPPLOGCATEGORYINST log) {
             fast = RunKey(1024, m_fast_idl.get(), [&](uint8_t* buf, int32_t& size) {
                 return PROTOBUF_UTIL::ProtobufUtil::ExtractFieldKey(nullptr, msg, numbers, buf, size, m_fast_idl.get(),
-                                                                    fast_log.category());
+                                                                    log);
             });
-            fast_pb = pb.lines();
-        }
+            return fast.ret;
+        });
         Diff diff("edge key case " + std::to_string(n) + " (" + KindName(GetParam()) + ") of " +
                   msg.GetDescriptor()->full_name() + "\n" + msg.DebugString());
         diff.Same("result", reference.ret, fast.ret);
         diff.Same("size", reference.size, fast.size);
         diff.SameBytes("key buffer", reference.buffer, fast.buffer);
-        diff.SameLog(reference_log, fast_log);
-        if (reference_pb != fast_pb) diff.Note(ProtobufLogDiff(reference_pb, fast_pb));
+        diff.SameLogs(reference_side, fast_side);
         return diff.Check();
     }
 
@@ -943,24 +970,14 @@ protected:
         }
         m_sets.Scribble(scribbled);
 
-        Log reference_log(setup);
-        Log fast_log(setup);
-        std::vector<std::string> reference_pb_lines;
-        std::vector<std::string> fast_pb_lines;
-        int reference_ret = 0;
-        int fast_ret = 0;
-        {
-            ProtobufLog pb;
-            reference_ret = corvida_reference::FillValueSetWithMsg(reference_msg.get(), keys, paths, m_sets.reference(),
-                                                                   reference_log.category());
-            reference_pb_lines = pb.lines();
-        }
-        {
-            ProtobufLog pb;
-            fast_ret =
-                PROTOBUF_UTIL::FillValueSetWithMsg(fast_msg.get(), keys, paths, m_sets.fast(), fast_log.category());
-            fast_pb_lines = pb.lines();
-        }
+        Side reference(setup);
+        reference.Run([&](LPPLOGCATEGORYINST log) {
+            return corvida_reference::FillValueSetWithMsg(reference_msg.get(), keys, paths, m_sets.reference(), log);
+        });
+        Side fast(setup);
+        fast.Run([&](LPPLOGCATEGORYINST log) {
+            return PROTOBUF_UTIL::FillValueSetWithMsg(fast_msg.get(), keys, paths, m_sets.fast(), log);
+        });
 
         std::string context = "cut case " + std::to_string(n) + " (" + KindName(GetParam()) + ") of " +
                               msg.GetDescriptor()->full_name() + ", threshold " + std::to_string(setup.threshold) +
@@ -969,12 +986,11 @@ protected:
         context += "; keys:";
         for (const std::string& k : keys) context += " [" + k + "]";
         Diff diff(context);
-        m_tally.Add(reference_ret);
-        diff.Same("result", reference_ret, fast_ret);
+        m_tally.Add(reference.ret());
+        diff.Same("result", reference.ret(), fast.ret());
         diff.SameBytes("value set", ValueSets::Contents(m_sets.reference()), ValueSets::Contents(m_sets.fast()));
         if (!SameMessage(*reference_msg, *fast_msg)) diff.Note("message after the cut differs");
-        diff.SameLog(reference_log, fast_log);
-        if (reference_pb_lines != fast_pb_lines) diff.Note(ProtobufLogDiff(reference_pb_lines, fast_pb_lines));
+        diff.SameLogs(reference, fast);
         return diff.Check();
     }
 
@@ -1186,25 +1202,16 @@ protected:
         std::vector<PbValueSetBuffer::Field> fast_fields = fields;
         unsigned char data[16];
 
-        Log reference_log(setup);
-        Log fast_log(setup);
-        std::vector<std::string> reference_pb_lines;
-        std::vector<std::string> fast_pb_lines;
-        int reference_ret = 0;
-        int fast_ret = 0;
-        {
-            ProtobufLog pb;
-            reference_ret = corvida_reference::FillMsgFromField(reference_fields, reference_failed,
-                                                                null_msg ? nullptr : reference_msg.get(), data,
-                                                                sizeof(data), reference_log.category());
-            reference_pb_lines = pb.lines();
-        }
-        {
-            ProtobufLog pb;
-            fast_ret = PROTOBUF_UTIL::FillMsgFromField(fast_fields, fast_failed, null_msg ? nullptr : fast_msg.get(),
-                                                       data, sizeof(data), fast_log.category());
-            fast_pb_lines = pb.lines();
-        }
+        Side reference(setup);
+        reference.Run([&](LPPLOGCATEGORYINST log) {
+            return corvida_reference::FillMsgFromField(
+                reference_fields, reference_failed, null_msg ? nullptr : reference_msg.get(), data, sizeof(data), log);
+        });
+        Side fast(setup);
+        fast.Run([&](LPPLOGCATEGORYINST log) {
+            return PROTOBUF_UTIL::FillMsgFromField(fast_fields, fast_failed, null_msg ? nullptr : fast_msg.get(), data,
+                                                   sizeof(data), log);
+        });
 
         std::string context = "merge case " + std::to_string(n) + " (" + KindName(GetParam()) + ") into " +
                               target.GetDescriptor()->full_name() + ", threshold " + std::to_string(setup.threshold) +
@@ -1215,16 +1222,15 @@ protected:
                        std::to_string(record.length_delta);
         }
         Diff diff(context);
-        m_tally.Add(reference_ret);
+        m_tally.Add(reference.ret());
         m_failed.Add(static_cast<int>(std::min<size_t>(reference_failed.size() - initial.size(), 3)));
-        diff.Same("result", reference_ret, fast_ret);
+        diff.Same("result", reference.ret(), fast.ret());
         diff.Same("failed paths", reference_failed, fast_failed);
         if (!SameMessage(*reference_msg, *fast_msg)) {
             diff.Note("merged message differs:\n--- reference\n" + reference_msg->DebugString() + "--- fast\n" +
                       fast_msg->DebugString());
         }
-        diff.SameLog(reference_log, fast_log);
-        if (reference_pb_lines != fast_pb_lines) diff.Note(ProtobufLogDiff(reference_pb_lines, fast_pb_lines));
+        diff.SameLogs(reference, fast);
         // The fields are the caller's: neither side may change them.
         for (size_t i = 0; i < fields.size(); ++i) {
             const auto& a = reference_fields[i];
