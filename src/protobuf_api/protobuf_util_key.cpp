@@ -462,16 +462,19 @@ int OpenCipherSuite(const char* func, CorvidaKVApi* pKVApi, const std::string& s
 // Publishes the key once every field is written: size (the capacity of buf
 // until now) becomes the key length; -10 beyond kMaxKeyBytes, else 0 with the
 // key logged at trace priority in the name of `func`, the calling operation.
-int FinishKey(const char* func, KeyOutput* output, const uint8_t* buf, int32_t& size, LPPLOGCATEGORYINST log) {
+int FinishKey(const char* func, KeyOutput* output, const uint8_t* buf, int32_t& size, CallLog& trace) {
     const int32_t capacity = size;
     size = output->Finish();
     if (size > kMaxKeyBytes) {
-        PBU_LOG_IN(func, log, PLOG_PRIORITY_ERROR, "key byte count:%d exceed max:%d", size, kMaxKeyBytes);
+        PBU_LOG_IN(func, trace.get(), PLOG_PRIORITY_ERROR, "key byte count:%d exceed max:%d", size, kMaxKeyBytes);
         return -10;
     }
-    PBU_LOG_IN(func, log, PLOG_PRIORITY_TRACE, "msg key len(%d)", size);
+    PBU_FREQUENT_LINE(func, trace, PLOG_PRIORITY_TRACE, "msg key len(%d)", size);
     // A key longer than a short buf is cut at its end: dump only bytes of buf.
-    PBU_LOG_HEX_IN(func, log, PLOG_PRIORITY_TRACE, buf, static_cast<size_t>(std::max(0, std::min(size, capacity))));
+    if (trace.open()) {
+        PBU_LOG_HEX_IN(func, trace.get(), PLOG_PRIORITY_TRACE, buf,
+                       static_cast<size_t>(std::max(0, std::min(size, capacity))));
+    }
     return 0;
 }
 
@@ -485,22 +488,25 @@ int WritePrimaryKey(const KeyPlan& plan, CorvidaKVApi* pKVApi, const Message& ms
     if (ret != 0) return ret;
     if (plan.primary_result != 0) return plan.primary_result;
 
+    CallLog trace(log, PLOG_PRIORITY_TRACE);
     KeyOutput output(buf, size);
     for (const KeyField& key : plan.primary) {
         const FieldDescriptor* field = key.field;
         const int before = output.ByteCount();
         ret = output.Write(key, source, idl);
         if (ret != 0) return ret;
+        // The suite, called to encrypt, might have changed the category.
+        if (key.how == KeyWrite::kEncrypted) trace.Wrote();
         const int after = output.ByteCount();
-        PBU_LOG_IN(kMsgKey, log, PLOG_PRIORITY_TRACE, "field:%s bCheck:%d byte count before:%d, after:%d",
-                   field->name().c_str(), static_cast<int>(bCheck), before, after);
+        PBU_FREQUENT_LINE(kMsgKey, trace, PLOG_PRIORITY_TRACE, "field:%s bCheck:%d byte count before:%d, after:%d",
+                          field->name().c_str(), static_cast<int>(bCheck), before, after);
         if (bCheck && before >= after) {
             PBU_LOG_IN(kMsgKey, log, PLOG_PRIORITY_ERROR, "key %s serialize bCheck:%d count:%d <= before:%d",
                        field->name().c_str(), 1, after, before);
             return -9;
         }
     }
-    return FinishKey(kMsgKey, &output, buf, size, log);
+    return FinishKey(kMsgKey, &output, buf, size, trace);
 }
 
 // The key of the fields numbered in vecFields of msg under plan (see
@@ -513,26 +519,31 @@ int WriteFieldKey(const KeyPlan& plan, CorvidaKVApi* pKVApi, const Message& msg,
     ret = OpenCipherSuite(kFieldKey, pKVApi, *plan.suite_name, log, &source);
     if (ret != 0) return ret;
 
+    CallLog trace(log, PLOG_PRIORITY_TRACE);
     KeyOutput output(buf, size);
     for (const int number : vecFields) {
         const FieldDescriptor* field = source.desc->FindFieldByNumber(number);
         if (field == nullptr) {
             PBU_LOG_IN(kFieldKey, log, PLOG_PRIORITY_ERROR, "field num:%u not found.", static_cast<unsigned>(number));
+            trace.Wrote();
             continue;
         }
+        const KeyField& key = plan.by_index.empty() ? PlanKeyField(field) : plan.by_index[field->index()];
         const int before = output.ByteCount();
-        ret = output.Write(plan.by_index.empty() ? PlanKeyField(field) : plan.by_index[field->index()], source, idl);
+        ret = output.Write(key, source, idl);
         if (ret != 0) return ret;
+        // The suite, called to encrypt, might have changed the category.
+        if (key.how == KeyWrite::kEncrypted) trace.Wrote();
         const int after = output.ByteCount();
-        PBU_LOG_IN(kFieldKey, log, PLOG_PRIORITY_TRACE, "field:%s byte count before:%d, after:%d",
-                   field->name().c_str(), before, after);
+        PBU_FREQUENT_LINE(kFieldKey, trace, PLOG_PRIORITY_TRACE, "field:%s byte count before:%d, after:%d",
+                          field->name().c_str(), before, after);
         if (before >= after) {
             PBU_LOG_IN(kFieldKey, log, PLOG_PRIORITY_ERROR, "key %s serialize count:%d <= before:%d",
                        field->name().c_str(), after, before);
             return -9;
         }
     }
-    return FinishKey(kFieldKey, &output, buf, size, log);
+    return FinishKey(kFieldKey, &output, buf, size, trace);
 }
 
 }  // namespace

@@ -58,35 +58,6 @@ constexpr int kValueSetVersion = 1;
 constexpr char kFill[] = "FillValueSetWithMsg";
 constexpr char kMerge[] = "FillMsgFromField";
 
-// The log category of one call. The debug lines name paths and fields one
-// by one; whether the category takes them is asked once, and again after
-// every line that may have been written (its sink may change the category),
-// instead of before every line: between lines nothing else changes it.
-class CallLog {
-public:
-    explicit CallLog(LPPLOGCATEGORYINST log) : m_log(log) { Wrote(); }
-
-    LPPLOGCATEGORYINST get() const { return m_log; }
-    bool debug() const { return m_debug; }
-
-    // To be called after a line may have been written.
-    void Wrote() { m_debug = plog_category_accepts(m_log, PLOG_PRIORITY_DEBUG) != 0; }
-
-private:
-    LPPLOGCATEGORYINST m_log;
-    bool m_debug;
-};
-
-// A debug line of an operation, when the call's category takes debug lines
-// (which PBU_LOG_IN asks again, as for every line).
-#define PBU_DEBUG_LINE(func, call_log, ...)                                         \
-    do {                                                                            \
-        if ((call_log).debug()) {                                                   \
-            PBU_LOG_IN((func), (call_log).get(), PLOG_PRIORITY_DEBUG, __VA_ARGS__); \
-            (call_log).Wrote();                                                     \
-        }                                                                           \
-    } while (0)
-
 // ---------------------------------------------------------------------------
 // The fields of a message type as the value-set operations use them.
 // ---------------------------------------------------------------------------
@@ -459,7 +430,8 @@ int CutField(PbValueSetBuffer& vsb, const CutTarget& target, const char* tagpath
         PBU_LOG_IN(kFill, log.get(), PLOG_PRIORITY_ERROR, "vsb.FinishCutField() failed, ret=%d, path=%s", ret, tagpath);
         return GEN_ERR_ERR;
     }
-    PBU_DEBUG_LINE(kFill, log, "field #%u, tagpath:%s.", static_cast<unsigned>(vsb.GetFieldNum()), tagpath);
+    PBU_FREQUENT_LINE(kFill, log, PLOG_PRIORITY_DEBUG, "field #%u, tagpath:%s.",
+                      static_cast<unsigned>(vsb.GetFieldNum()), tagpath);
     return 0;
 }
 
@@ -704,7 +676,8 @@ int WalkTagPath(size_t i, const char* dotpath, const WalkRoot& root, WalkMemo* m
     for (size_t j = 0; j < count; ++j) {
         tagpath.Next(&component, &target->lastnumber);
         const int length = static_cast<int>(component.size());
-        PBU_DEBUG_LINE(kMerge, log, "dotpath[%d]:%.*s", static_cast<int>(i), length, component.data());
+        PBU_FREQUENT_LINE(kMerge, log, PLOG_PRIORITY_DEBUG, "dotpath[%d]:%.*s", static_cast<int>(i), length,
+                          component.data());
         const FieldEntry* entry = target->lastnumber <= INT_MAX
                                       ? FieldByNumber(fields, lastDesc, static_cast<int>(target->lastnumber), scratch)
                                       : nullptr;
@@ -815,7 +788,7 @@ int ReadShortNumber(const char** at, int* number) {
 // the path names (which the straightforward way does first too).
 bool MergeCommon(const PbValueSetBuffer::Field& field, std::set<std::string>& failedpaths, const WalkRoot& root,
                  WalkMemo* memo, PendingMerges* pending, CallLog& log) {
-    if (log.debug() || root.fields == nullptr || root.reflection == nullptr || field.path == nullptr ||
+    if (log.open() || root.fields == nullptr || root.reflection == nullptr || field.path == nullptr ||
         field.buf == nullptr || field.buf_len <= 0) {
         return false;
     }
@@ -866,7 +839,7 @@ bool MergeCommon(const PbValueSetBuffer::Field& field, std::set<std::string>& fa
 int FillOneField(size_t i, const PbValueSetBuffer::Field& field, std::set<std::string>& failedpaths,
                  const WalkRoot& root, WalkMemo* memo, PendingMerges* pending, FieldEntry* scratch, CallLog& log) {
     const char* dotpath = field.path != nullptr ? field.path : "";
-    PBU_DEBUG_LINE(kMerge, log, "dotpath:%s", dotpath);
+    PBU_FREQUENT_LINE(kMerge, log, PLOG_PRIORITY_DEBUG, "dotpath:%s", dotpath);
 
     TagPathTarget target;
     int ret = WalkTagPath(i, dotpath, root, memo, pending, &target, scratch, log);
@@ -903,8 +876,8 @@ int FillOneField(size_t i, const PbValueSetBuffer::Field& field, std::set<std::s
     // No cipher suite is at hand here: an encrypted string or bytes field
     // keeps the ciphertext merged, and its path is reported so that the
     // caller knows the value is not plain text.
-    PBU_DEBUG_LINE(kMerge, log, "tag:%d field name:%s corvida_crypto:%d", static_cast<int>(target.lastnumber),
-                   fieldDesc->name().c_str(), static_cast<int>(entry.crypto));
+    PBU_FREQUENT_LINE(kMerge, log, PLOG_PRIORITY_DEBUG, "tag:%d field name:%s corvida_crypto:%d",
+                      static_cast<int>(target.lastnumber), fieldDesc->name().c_str(), static_cast<int>(entry.crypto));
     if (entry.crypto && fieldDesc->cpp_type() == FieldDescriptor::CPPTYPE_STRING) {
         failedpaths.insert(dotpath);
         PBU_LOG_IN(kMerge, log.get(), PLOG_PRIORITY_ERROR, "suite name not valid");
@@ -933,7 +906,7 @@ int FillValueSetWithMsg(Message* msg, const std::set<std::string>& setKeyNames,
 
     const WalkRoot root{msg, type.desc, type.reflection, KeptFields(type.desc)};
     KeyNames keys(setKeyNames);
-    CallLog call_log(log);
+    CallLog call_log(log, PLOG_PRIORITY_DEBUG);
     WalkMemo memo;
     FieldEntry entry;
     // At most 32 numbers of at most 10 digits, with the dots between them,
@@ -949,8 +922,9 @@ int FillValueSetWithMsg(Message* msg, const std::set<std::string>& setKeyNames,
         // does anything under them.
         const std::string_view first = names.name(0);
         if (keys.Holds(first)) {
-            PBU_DEBUG_LINE(kFill, call_log, "dottedpath:%s , %.*s is a key field, that's not allowed.", p.c_str(),
-                           static_cast<int>(first.size()), first.data());
+            PBU_FREQUENT_LINE(kFill, call_log, PLOG_PRIORITY_DEBUG,
+                              "dottedpath:%s , %.*s is a key field, that's not allowed.", p.c_str(),
+                              static_cast<int>(first.size()), first.data());
             continue;
         }
         CutTarget target;
@@ -976,7 +950,7 @@ int FillMsgFromField(std::vector<PbValueSetBuffer::Field>& fields, std::set<std:
     const WalkRoot root{msg, type.desc, type.desc != nullptr ? type.reflection : nullptr,
                         type.desc != nullptr ? KeptFields(type.desc) : nullptr};
     WalkMemo memo;
-    CallLog call_log(log);
+    CallLog call_log(log, PLOG_PRIORITY_DEBUG);
     FieldEntry scratch;
     // Merges what is still pending on every return.
     PendingMerges pending;
