@@ -773,9 +773,11 @@ bool ParseFieldBytes(size_t i, const PbValueSetBuffer::Field& field, const char*
 int ReadShortNumber(const char** at, int* number) {
     const char* p = *at;
     int value = 0;
-    for (; static_cast<unsigned>(*p - '0') <= 9u; ++p) value = value * 10 + (*p - '0');
-    const ptrdiff_t digits = p - *at;
-    if (digits == 0 || digits > 9) return -1;
+    for (; static_cast<unsigned>(*p - '0') <= 9u; ++p) {
+        if (p - *at == 9) return -1;  // a tenth digit
+        value = value * 10 + (*p - '0');
+    }
+    if (p == *at) return -1;
     *number = value;
     *at = p + 1;
     return *p;
