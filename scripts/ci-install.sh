@@ -64,7 +64,8 @@ check_tree() {
         protocol/corvida_protocol_comm.h protocol/idl_tbl.h plog/plog.h corvidaservice.optionv1.pb.h; do
         [ -f "$inc/$header" ] || fail "header $header is not installed"
     done
-    for private in protobuf_util_log.h protobuf_util_tokens.h pb_value_set_buffer_internal.h; do
+    for private in protobuf_util_log.h protobuf_util_tokens.h protobuf_util_plans.h protobuf_util_fields.h \
+        pb_value_set_buffer_internal.h; do
         [ -z "$(find "$prefix" -name "$private")" ] || fail "private header $private is installed"
     done
     for header in $(cd "$inc" && find . -name '*.h' | sort); do
