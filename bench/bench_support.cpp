@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <vector>
 
 #include <google/protobuf/descriptor.h>
@@ -70,6 +71,12 @@ QuietLog::QuietLog() {
 
 void QuietLog::Sink(void* ctx, const PLOGEVENT* /*event*/, const char* /*msg*/, size_t /*len*/) {
     ++static_cast<QuietLog*>(ctx)->m_lines;
+}
+
+benchmark::internal::Benchmark* FixIterations(benchmark::internal::Benchmark* b) {
+    const char* text = std::getenv("CORVIDA_BENCH_ITERATIONS");
+    const long iterations = text != nullptr ? std::atol(text) : 0;
+    return iterations > 0 ? b->Iterations(iterations) : b;
 }
 
 long Allocations() { return corvida_test::AllocationCount(); }

@@ -12,6 +12,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 
 #include <benchmark/benchmark.h>
 #include <google/protobuf/descriptor.h>
@@ -87,6 +88,18 @@ void CopyField(const google::protobuf::Message& from, const google::protobuf::Fi
 // (sub-messages on the way created), copied from msg.
 std::unique_ptr<google::protobuf::Message> SubsetOf(const google::protobuf::Message& msg,
                                                     const std::set<std::string>& paths);
+
+// Applies CORVIDA_BENCH_ITERATIONS to b; returns b.
+benchmark::internal::Benchmark* FixIterations(benchmark::internal::Benchmark* b);
+
+// Registers a benchmark (as benchmark::RegisterBenchmark does). When the
+// environment variable CORVIDA_BENCH_ITERATIONS is set, every benchmark runs
+// exactly that many iterations: bench/callgrind.sh counts instructions per
+// call from two such runs.
+template <typename... Args>
+benchmark::internal::Benchmark* Register(const char* name, Args&&... args) {
+    return FixIterations(benchmark::RegisterBenchmark(name, std::forward<Args>(args)...));
+}
 
 // Registration of the benchmarks of each file, in the order they run.
 void RegisterKeyBenchmarks();

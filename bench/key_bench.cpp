@@ -202,22 +202,18 @@ void BM_ExtractMsgKeyEncrypted(benchmark::State& state) {
 }  // namespace
 
 void RegisterKeyBenchmarks() {
-    benchmark::RegisterBenchmark("BM_ExtractMsgKey/proto3", BM_ExtractMsgKey<b3::BenchRecord, b3::BenchKey>);
-    benchmark::RegisterBenchmark("BM_ExtractMsgKey/proto2", BM_ExtractMsgKey<b2::BenchRecord, b2::BenchKey>);
-    benchmark::RegisterBenchmark("BM_ExtractFieldKey/proto3", BM_ExtractFieldKey<b3::BenchRecord, b3::BenchKey>);
-    benchmark::RegisterBenchmark("BM_ExtractFieldKey/proto2", BM_ExtractFieldKey<b2::BenchRecord, b2::BenchKey>);
-    benchmark::RegisterBenchmark("BM_Baseline_KeyOnlySerialize/proto3",
-                                 BM_Baseline_KeyOnlySerialize<b3::BenchRecord, b3::BenchKey>);
-    benchmark::RegisterBenchmark("BM_Baseline_KeyOnlySerialize/proto2",
-                                 BM_Baseline_KeyOnlySerialize<b2::BenchRecord, b2::BenchKey>);
-    benchmark::RegisterBenchmark("BM_Baseline_ReflectionKeyCopy/proto3",
-                                 BM_Baseline_ReflectionKeyCopy<b3::BenchRecord, b3::BenchKey>);
-    benchmark::RegisterBenchmark("BM_Baseline_ReflectionKeyCopy/proto2",
-                                 BM_Baseline_ReflectionKeyCopy<b2::BenchRecord, b2::BenchKey>);
-    benchmark::RegisterBenchmark("BM_ExtractMsgKeyEncrypted/proto3",
-                                 BM_ExtractMsgKeyEncrypted<b3::BenchSecretRecord, b3::BenchRecord, b3::BenchKey>);
-    benchmark::RegisterBenchmark("BM_ExtractMsgKeyEncrypted/proto2",
-                                 BM_ExtractMsgKeyEncrypted<b2::BenchSecretRecord, b2::BenchRecord, b2::BenchKey>);
+    Register("BM_ExtractMsgKey/proto3", BM_ExtractMsgKey<b3::BenchRecord, b3::BenchKey>);
+    Register("BM_ExtractMsgKey/proto2", BM_ExtractMsgKey<b2::BenchRecord, b2::BenchKey>);
+    Register("BM_ExtractFieldKey/proto3", BM_ExtractFieldKey<b3::BenchRecord, b3::BenchKey>);
+    Register("BM_ExtractFieldKey/proto2", BM_ExtractFieldKey<b2::BenchRecord, b2::BenchKey>);
+    Register("BM_Baseline_KeyOnlySerialize/proto3", BM_Baseline_KeyOnlySerialize<b3::BenchRecord, b3::BenchKey>);
+    Register("BM_Baseline_KeyOnlySerialize/proto2", BM_Baseline_KeyOnlySerialize<b2::BenchRecord, b2::BenchKey>);
+    Register("BM_Baseline_ReflectionKeyCopy/proto3", BM_Baseline_ReflectionKeyCopy<b3::BenchRecord, b3::BenchKey>);
+    Register("BM_Baseline_ReflectionKeyCopy/proto2", BM_Baseline_ReflectionKeyCopy<b2::BenchRecord, b2::BenchKey>);
+    Register("BM_ExtractMsgKeyEncrypted/proto3",
+             BM_ExtractMsgKeyEncrypted<b3::BenchSecretRecord, b3::BenchRecord, b3::BenchKey>);
+    Register("BM_ExtractMsgKeyEncrypted/proto2",
+             BM_ExtractMsgKeyEncrypted<b2::BenchSecretRecord, b2::BenchRecord, b2::BenchKey>);
 }
 
 }  // namespace corvida_bench

@@ -131,17 +131,14 @@ void BM_ValueSetBufferReset(benchmark::State& state, int version) {
 }  // namespace
 
 void RegisterResultAndLogBenchmarks() {
-    benchmark::RegisterBenchmark("BM_FieldValue2GenericValue/int64", BM_FieldValue2GenericValue,
-                                 CorvidaService::TYPE_INT64);
-    benchmark::RegisterBenchmark("BM_FieldValue2GenericValue/string", BM_FieldValue2GenericValue,
-                                 CorvidaService::TYPE_STRING);
-    benchmark::RegisterBenchmark("BM_Baseline_FieldGetter/int64", BM_Baseline_FieldGetter, CorvidaService::TYPE_INT64);
-    benchmark::RegisterBenchmark("BM_Baseline_FieldGetter/string", BM_Baseline_FieldGetter,
-                                 CorvidaService::TYPE_STRING);
-    benchmark::RegisterBenchmark("BM_DisabledLogLine", BM_DisabledLogLine);
-    benchmark::RegisterBenchmark("BM_Baseline_CategoryTest", BM_Baseline_CategoryTest);
-    benchmark::RegisterBenchmark("BM_ValueSetBufferReset/v0", BM_ValueSetBufferReset, 0);
-    benchmark::RegisterBenchmark("BM_ValueSetBufferReset/v1", BM_ValueSetBufferReset, 1);
+    Register("BM_FieldValue2GenericValue/int64", BM_FieldValue2GenericValue, CorvidaService::TYPE_INT64);
+    Register("BM_FieldValue2GenericValue/string", BM_FieldValue2GenericValue, CorvidaService::TYPE_STRING);
+    Register("BM_Baseline_FieldGetter/int64", BM_Baseline_FieldGetter, CorvidaService::TYPE_INT64);
+    Register("BM_Baseline_FieldGetter/string", BM_Baseline_FieldGetter, CorvidaService::TYPE_STRING);
+    Register("BM_DisabledLogLine", BM_DisabledLogLine);
+    Register("BM_Baseline_CategoryTest", BM_Baseline_CategoryTest);
+    Register("BM_ValueSetBufferReset/v0", BM_ValueSetBufferReset, 0);
+    Register("BM_ValueSetBufferReset/v1", BM_ValueSetBufferReset, 1);
 }
 
 }  // namespace corvida_bench

@@ -101,12 +101,12 @@ void BM_Baseline_BuildPool(benchmark::State& state) {
 }  // namespace
 
 void RegisterSchemaBenchmarks() {
-    benchmark::RegisterBenchmark("BM_FillMessageGroup/proto3", BM_FillMessageGroup<b3::BenchRecord>);
-    benchmark::RegisterBenchmark("BM_FillMessageGroup/proto2", BM_FillMessageGroup<b2::BenchRecord>);
-    benchmark::RegisterBenchmark("BM_GetMetaAndCompare/proto3", BM_GetMetaAndCompare<b3::BenchRecord>);
-    benchmark::RegisterBenchmark("BM_GetMetaAndCompare/proto2", BM_GetMetaAndCompare<b2::BenchRecord>);
-    benchmark::RegisterBenchmark("BM_Baseline_BuildPool/proto3", BM_Baseline_BuildPool<b3::BenchRecord>);
-    benchmark::RegisterBenchmark("BM_Baseline_BuildPool/proto2", BM_Baseline_BuildPool<b2::BenchRecord>);
+    Register("BM_FillMessageGroup/proto3", BM_FillMessageGroup<b3::BenchRecord>);
+    Register("BM_FillMessageGroup/proto2", BM_FillMessageGroup<b2::BenchRecord>);
+    Register("BM_GetMetaAndCompare/proto3", BM_GetMetaAndCompare<b3::BenchRecord>);
+    Register("BM_GetMetaAndCompare/proto2", BM_GetMetaAndCompare<b2::BenchRecord>);
+    Register("BM_Baseline_BuildPool/proto3", BM_Baseline_BuildPool<b3::BenchRecord>);
+    Register("BM_Baseline_BuildPool/proto2", BM_Baseline_BuildPool<b2::BenchRecord>);
 }
 
 }  // namespace corvida_bench

@@ -3,7 +3,12 @@
 //   - BM_Baseline_SerializeFields: protobuf's field serializer writing those
 //     fields, found beforehand, one after another into one buffer;
 //   - BM_Baseline_ParseFromArray: generated code parsing a message that holds
-//     exactly those fields.
+//     exactly those fields;
+// and next to what an application would write without this library:
+//   - BM_Peer_TrimAndSerialize: a FieldMask of the same paths (built once),
+//     FieldMaskUtil::TrimMessage on a copy of the record, one serialization;
+//   - BM_Peer_ParseAndMergeTo: the fields' bytes parsed into a scratch message
+//     and FieldMaskUtil::MergeMessageTo with replace options into the target.
 #include <cstdint>
 #include <memory>
 #include <set>
@@ -11,8 +16,10 @@
 #include <utility>
 #include <vector>
 
+#include <google/protobuf/field_mask.pb.h>
 #include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/io/zero_copy_stream_impl_lite.h>
+#include <google/protobuf/util/field_mask_util.h>
 #include <google/protobuf/wire_format.h>
 
 #include "bench_support.h"
@@ -26,10 +33,12 @@ namespace {
 
 using CorvidaCommon::PbValueSetBuffer;
 using google::protobuf::FieldDescriptor;
+using google::protobuf::FieldMask;
 using google::protobuf::Message;
 using google::protobuf::internal::WireFormat;
 using google::protobuf::io::ArrayOutputStream;
 using google::protobuf::io::CodedOutputStream;
+using google::protobuf::util::FieldMaskUtil;
 
 namespace b2 = corvida::bench2;
 namespace b3 = corvida::bench;
@@ -184,25 +193,79 @@ void BM_Baseline_ParseFromArray(benchmark::State& state) {
     if (!ok || msg.SerializeAsString() != bytes) Fail(state, "ParseFromArray failed");
 }
 
+// The field mask of the dotted paths.
+FieldMask MaskOf(const std::set<std::string>& paths) {
+    FieldMask mask;
+    for (const std::string& path : paths) mask.add_paths(path);
+    return mask;
+}
+
+// The record cut down to the paths' fields, then serialized once.
+template <typename Record>
+void BM_Peer_TrimAndSerialize(benchmark::State& state) {
+    Record msg;
+    FillRecord(&msg);
+    const std::set<std::string> paths = RecordPaths(static_cast<int>(state.range(0)));
+    const FieldMask mask = MaskOf(paths);
+    std::vector<uint8_t> buf(kFieldBufferSize);
+    int size = 0;
+    const long before = Allocations();
+    for (auto _ : state) {
+        Record copy(msg);
+        FieldMaskUtil::TrimMessage(mask, &copy);
+        size = static_cast<int>(copy.ByteSizeLong());
+        copy.SerializeWithCachedSizesToArray(buf.data());
+        benchmark::DoNotOptimize(buf.data());
+    }
+    ReportAllocations(state, before);
+    if (std::string(reinterpret_cast<const char*>(buf.data()), static_cast<size_t>(size)) !=
+        SubsetOf(msg, paths)->SerializeAsString()) {
+        Fail(state, "the trimmed record differs from the fields cut");
+    }
+}
+
+// The fields' bytes parsed into a scratch message and merged into the target,
+// each field of the mask replacing the target's.
+template <typename Record>
+void BM_Peer_ParseAndMergeTo(benchmark::State& state) {
+    Record source;
+    FillRecord(&source);
+    const std::set<std::string> paths = RecordPaths(static_cast<int>(state.range(0)));
+    const std::string bytes = SubsetOf(source, paths)->SerializeAsString();
+    const FieldMask mask = MaskOf(paths);
+    FieldMaskUtil::MergeOptions options;
+    options.set_replace_message_fields(true);
+    options.set_replace_repeated_fields(true);
+    Record scratch;
+    Record msg;
+    bool ok = true;
+    const long before = Allocations();
+    for (auto _ : state) {
+        ok &= scratch.ParseFromArray(bytes.data(), static_cast<int>(bytes.size()));
+        FieldMaskUtil::MergeMessageTo(scratch, mask, options, &msg);
+        benchmark::DoNotOptimize(&msg);
+    }
+    ReportAllocations(state, before);
+    if (!ok || msg.SerializeAsString() != bytes) Fail(state, "the merged message differs from the fields cut");
+}
+
 void PathCounts(benchmark::internal::Benchmark* b) { b->Arg(1)->Arg(8)->Arg(32); }
 
 }  // namespace
 
 void RegisterValueSetBenchmarks() {
-    benchmark::RegisterBenchmark("BM_FillValueSetWithMsg/proto3", BM_FillValueSetWithMsg<b3::BenchRecord>)
-        ->Apply(PathCounts);
-    benchmark::RegisterBenchmark("BM_FillValueSetWithMsg/proto2", BM_FillValueSetWithMsg<b2::BenchRecord>)
-        ->Apply(PathCounts);
-    benchmark::RegisterBenchmark("BM_Baseline_SerializeFields/proto3", BM_Baseline_SerializeFields<b3::BenchRecord>)
-        ->Apply(PathCounts);
-    benchmark::RegisterBenchmark("BM_Baseline_SerializeFields/proto2", BM_Baseline_SerializeFields<b2::BenchRecord>)
-        ->Apply(PathCounts);
-    benchmark::RegisterBenchmark("BM_FillMsgFromField/proto3", BM_FillMsgFromField<b3::BenchRecord>)->Apply(PathCounts);
-    benchmark::RegisterBenchmark("BM_FillMsgFromField/proto2", BM_FillMsgFromField<b2::BenchRecord>)->Apply(PathCounts);
-    benchmark::RegisterBenchmark("BM_Baseline_ParseFromArray/proto3", BM_Baseline_ParseFromArray<b3::BenchRecord>)
-        ->Apply(PathCounts);
-    benchmark::RegisterBenchmark("BM_Baseline_ParseFromArray/proto2", BM_Baseline_ParseFromArray<b2::BenchRecord>)
-        ->Apply(PathCounts);
+    Register("BM_FillValueSetWithMsg/proto3", BM_FillValueSetWithMsg<b3::BenchRecord>)->Apply(PathCounts);
+    Register("BM_FillValueSetWithMsg/proto2", BM_FillValueSetWithMsg<b2::BenchRecord>)->Apply(PathCounts);
+    Register("BM_Baseline_SerializeFields/proto3", BM_Baseline_SerializeFields<b3::BenchRecord>)->Apply(PathCounts);
+    Register("BM_Baseline_SerializeFields/proto2", BM_Baseline_SerializeFields<b2::BenchRecord>)->Apply(PathCounts);
+    Register("BM_FillMsgFromField/proto3", BM_FillMsgFromField<b3::BenchRecord>)->Apply(PathCounts);
+    Register("BM_FillMsgFromField/proto2", BM_FillMsgFromField<b2::BenchRecord>)->Apply(PathCounts);
+    Register("BM_Baseline_ParseFromArray/proto3", BM_Baseline_ParseFromArray<b3::BenchRecord>)->Apply(PathCounts);
+    Register("BM_Baseline_ParseFromArray/proto2", BM_Baseline_ParseFromArray<b2::BenchRecord>)->Apply(PathCounts);
+    Register("BM_Peer_TrimAndSerialize/proto3", BM_Peer_TrimAndSerialize<b3::BenchRecord>)->Apply(PathCounts);
+    Register("BM_Peer_TrimAndSerialize/proto2", BM_Peer_TrimAndSerialize<b2::BenchRecord>)->Apply(PathCounts);
+    Register("BM_Peer_ParseAndMergeTo/proto3", BM_Peer_ParseAndMergeTo<b3::BenchRecord>)->Apply(PathCounts);
+    Register("BM_Peer_ParseAndMergeTo/proto2", BM_Peer_ParseAndMergeTo<b2::BenchRecord>)->Apply(PathCounts);
 }
 
 }  // namespace corvida_bench

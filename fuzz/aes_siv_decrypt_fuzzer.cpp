@@ -6,7 +6,9 @@
 // of what it decrypts to (libFuzzer readily copies a ciphertext seen in an
 // earlier run into the input; a forgery would need 2^128 tries), and a failed
 // decryption leaves outlen 0; capacities too small fail cleanly; Init refuses
-// key text that is not 64 or 128 hex digits.
+// key text that is not 64 or 128 hex digits; and the encryption is, byte for
+// byte and result for result, that of the suite kept in tests/reference
+// (which keys OpenSSL's own AES-SIV for every call).
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -15,6 +17,7 @@
 
 #include "fuzz_support.h"
 #include "protobuf_api/aes_siv_cipher_suite.h"
+#include "reference/reference_aes_siv_cipher_suite.h"
 
 namespace {
 
@@ -24,6 +27,15 @@ constexpr char kKeyHex[] = "000102030405060708090a0b0c0d0e0f10111213141516171819
 AesSivCipherSuite& Suite() {
     static AesSivCipherSuite* suite = [] {
         auto* s = new AesSivCipherSuite("aes128");
+        FUZZ_CHECK(s->Init(kKeyHex) == 0);
+        return s;
+    }();
+    return *suite;
+}
+
+ReferenceAesSivCipherSuite& Reference() {
+    static ReferenceAesSivCipherSuite* suite = [] {
+        auto* s = new ReferenceAesSivCipherSuite("aes128");
         FUZZ_CHECK(s->Init(kKeyHex) == 0);
         return s;
     }();
@@ -93,8 +105,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     std::string cipher(plain.size() + AesSivCipherSuite::kSivLength, '\0');
     int cipherlen = static_cast<int>(cipher.size()) - in.ConsumeIntegralInRange<int>(0, 1);
+    const int capacity = cipherlen;
     const int enc = suite.Encrypt(reinterpret_cast<const unsigned char*>(plain.data()), static_cast<int>(plain.size()),
                                   reinterpret_cast<unsigned char*>(&cipher[0]), cipherlen);
+    std::string reference(cipher.size(), '\0');
+    int reference_len = capacity;
+    FUZZ_CHECK(Reference().Encrypt(reinterpret_cast<const unsigned char*>(plain.data()), static_cast<int>(plain.size()),
+                                   reinterpret_cast<unsigned char*>(&reference[0]), reference_len) == enc);
+    FUZZ_CHECK(reference_len == cipherlen && reference == cipher);
     if (cipherlen < static_cast<int>(cipher.size()) && enc != 0) {
         FUZZ_CHECK(enc == AesSivCipherSuite::kErrBufferTooSmall && cipherlen == 0);
         return 0;

@@ -6,7 +6,9 @@
 //
 // Besides the sanitizers, checks what the operation promises: the result is 0
 // or GEN_ERR_INVALID_ARGUMENTS, failedpaths only grows, and the message stays
-// a well-formed message that serializes.
+// a well-formed message that serializes; and that the straightforward merge
+// kept in tests/reference, given the same, gives the same result, failed
+// paths, message and log lines.
 #include <algorithm>
 #include <climits>
 #include <cstddef>
@@ -22,6 +24,7 @@
 
 #include "fuzz_support.h"
 #include "protobuf_api/protobuf_util.h"
+#include "reference/reference.h"
 
 namespace {
 
@@ -67,7 +70,7 @@ std::string PickFieldBytes(FuzzedDataProvider& in, const FieldDescriptor* field)
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    LPPLOGCATEGORYINST log = corvida_fuzz::QuietLog();
+    corvida_fuzz::QuietLog();  // silences protobuf's own logger
     FuzzedDataProvider in(data, size);
     const auto& tables = corvida_fuzz::TestTables();
     const Message* prototype = tables[in.ConsumeIntegralInRange<size_t>(0, tables.size() - 1)];
@@ -88,12 +91,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         fields.push_back({i, path.c_str(), bytes.data(), static_cast<int>(bytes.size()), -1});
     }
 
+    std::unique_ptr<Message> reference_msg(msg->New());
+    reference_msg->CopyFrom(*msg);
+    std::vector<PbValueSetBuffer::Field> reference_fields = fields;
+
     std::set<std::string> failedpaths = {"already.listed"};
-    const int ret = PROTOBUF_UTIL::FillMsgFromField(fields, failedpaths, msg.get(), nullptr, 0, log);
+    corvida_fuzz::LineLog log;
+    const int ret = PROTOBUF_UTIL::FillMsgFromField(fields, failedpaths, msg.get(), nullptr, 0, log.category());
     FUZZ_CHECK(ret == 0 || ret == CorvErrCode::GEN_ERR_INVALID_ARGUMENTS);
     FUZZ_CHECK(failedpaths.count("already.listed") == 1);
 
     std::string out;
     FUZZ_CHECK(msg->SerializePartialToString(&out));
+
+    std::set<std::string> reference_failed = {"already.listed"};
+    corvida_fuzz::LineLog reference_log;
+    FUZZ_CHECK(corvida_reference::FillMsgFromField(reference_fields, reference_failed, reference_msg.get(), nullptr, 0,
+                                                   reference_log.category()) == ret);
+    FUZZ_CHECK(reference_failed == failedpaths);
+    FUZZ_CHECK(corvida_fuzz::DeterministicBytes(*reference_msg) == corvida_fuzz::DeterministicBytes(*msg));
+    FUZZ_CHECK(reference_log.lines() == log.lines());
     return 0;
 }

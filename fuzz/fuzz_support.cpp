@@ -1,5 +1,7 @@
 #include "fuzz_support.h"
 
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/io/zero_copy_stream_impl_lite.h>
 #include <google/protobuf/stubs/logging.h>
 
 #include "all_types2.pb.h"
@@ -56,6 +58,29 @@ LPPLOGCATEGORYINST QuietLog() {
     }();
     (void)silenced;
     return &category;
+}
+
+LineLog::LineLog() {
+    plog_category_init(&m_category, "fuzz", PLOG_PRIORITY_TRACE);
+    m_category.pfnWrite = &LineLog::Keep;
+    m_category.pvWriteCtx = this;
+}
+
+void LineLog::Keep(void* ctx, const PLOGEVENT* event, const char* msg, size_t len) {
+    static_cast<LineLog*>(ctx)->m_lines.push_back(std::to_string(event->iPriority) + " " +
+                                                  (event->pszFunc != nullptr ? event->pszFunc : "") + ": " +
+                                                  std::string(msg, len));
+}
+
+std::string DeterministicBytes(const google::protobuf::Message& msg) {
+    std::string out;
+    {
+        google::protobuf::io::StringOutputStream sink(&out);
+        google::protobuf::io::CodedOutputStream output(&sink);
+        output.SetSerializationDeterministic(true);
+        msg.SerializePartialToCodedStream(&output);
+    }
+    return out;
 }
 
 const std::vector<const google::protobuf::Message*>& TestTables() {

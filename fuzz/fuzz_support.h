@@ -1,7 +1,8 @@
 // Shared pieces of the fuzz targets: a log category that formats every line
-// and throws it away, the test tables the targets work on, and helpers that
-// turn fuzzer bytes into tag paths and dotted paths that mostly name real
-// fields (so the fuzzer spends its time past the first lookup).
+// and throws it away, one that keeps them, the test tables the targets work
+// on, and helpers that turn fuzzer bytes into tag paths and dotted paths that
+// mostly name real fields (so the fuzzer spends its time past the first
+// lookup).
 #ifndef CORVIDA_FUZZ_FUZZ_SUPPORT_H_
 #define CORVIDA_FUZZ_FUZZ_SUPPORT_H_
 
@@ -34,6 +35,29 @@ namespace corvida_fuzz {
 // protobuf's own process-wide logger, which writes a line for some malformed
 // input. Cheap after the first call.
 LPPLOGCATEGORYINST QuietLog();
+
+// A category that takes every line and keeps it (priority, function and
+// text), for targets that compare the library with the straightforward
+// implementation kept in tests/reference.
+class LineLog {
+public:
+    LineLog();
+    LineLog(const LineLog&) = delete;
+    LineLog& operator=(const LineLog&) = delete;
+
+    LPPLOGCATEGORYINST category() { return &m_category; }
+    const std::vector<std::string>& lines() const { return m_lines; }
+
+private:
+    static void Keep(void* ctx, const PLOGEVENT* event, const char* msg, size_t len);
+
+    PLOGCATEGORYINST m_category;
+    std::vector<std::string> m_lines;
+};
+
+// The message's bytes, maps in key order, unknown fields included: equal for
+// messages that hold the same.
+std::string DeterministicBytes(const google::protobuf::Message& msg);
 
 // The default instances of the test tables the targets merge into and cut
 // from: proto2 and proto3 tables with nested, repeated, map, group, oneof,

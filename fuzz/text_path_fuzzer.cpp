@@ -6,7 +6,9 @@
 // that FillValueSetWithMsg accepts must hold one record per path that is not
 // under a key field, and (when no two of its fields overlap) must survive the
 // round trip: merged into a new message with FillMsgFromField and cut again,
-// it gives the same records.
+// it gives the same records. And the straightforward cut kept in
+// tests/reference, given the same, gives the same result, records, message
+// and log lines.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -18,6 +20,7 @@
 
 #include "fuzz_support.h"
 #include "protobuf_api/protobuf_util.h"
+#include "reference/reference.h"
 
 namespace {
 
@@ -106,10 +109,10 @@ std::set<std::string> PickPathSet(FuzzedDataProvider& in, const Message& table) 
     return paths;
 }
 
-// Two value sets for the whole run: 44 MB each, and only the bytes in use
+// Three value sets for the whole run: 44 MB each, and only the bytes in use
 // are touched.
 ProtobufValueSet_* SharedSet(int i) {
-    static ProtobufValueSet_* sets[2] = {new ProtobufValueSet_, new ProtobufValueSet_};
+    static ProtobufValueSet_* sets[3] = {new ProtobufValueSet_, new ProtobufValueSet_, new ProtobufValueSet_};
     return sets[i];
 }
 
@@ -156,10 +159,23 @@ void CheckFillValueSet(FuzzedDataProvider& in, const Message& table, LPPLOGCATEG
     const std::set<std::string> paths = PickPathSet(in, table);
     msg->ByteSizeLong();
 
+    std::unique_ptr<Message> reference_msg(msg->New());
+    reference_msg->CopyFrom(*msg);
+    reference_msg->ByteSizeLong();
+
     ProtobufValueSet_& cut = *SharedSet(0);
-    const int ret = PROTOBUF_UTIL::FillValueSetWithMsg(msg.get(), keys, paths, cut, log);
+    corvida_fuzz::LineLog lines;
+    const int ret = PROTOBUF_UTIL::FillValueSetWithMsg(msg.get(), keys, paths, cut, lines.category());
     FUZZ_CHECK(ret == 0 || ret == CorvErrCode::GEN_ERR_INVALID_ARGUMENTS ||
                ret == CorvErrCode::API_ERR_UNSUPPORT_FIELD_TYPE || ret == CorvErrCode::GEN_ERR_ERR);
+
+    ProtobufValueSet_& reference = *SharedSet(2);
+    corvida_fuzz::LineLog reference_lines;
+    FUZZ_CHECK(corvida_reference::FillValueSetWithMsg(reference_msg.get(), keys, paths, reference,
+                                                      reference_lines.category()) == ret);
+    FUZZ_CHECK(SameRecords(ReadFields(reference), ReadFields(cut)));
+    FUZZ_CHECK(corvida_fuzz::DeterministicBytes(*reference_msg) == corvida_fuzz::DeterministicBytes(*msg));
+    FUZZ_CHECK(reference_lines.lines() == lines.lines());
     if (ret != 0) return;
     const std::vector<PbValueSetBuffer::Field> fields = ReadFields(cut);
     std::vector<std::vector<std::string>> cut_names;

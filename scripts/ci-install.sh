@@ -65,8 +65,8 @@ check_tree() {
         store/status.h store/table.h store/table_store.h; do
         [ -f "$inc/$header" ] || fail "header $header is not installed"
     done
-    for private in protobuf_util_log.h protobuf_util_tokens.h pb_value_set_buffer_internal.h key_layout.h \
-        record_codec.h store_core.h; do
+    for private in protobuf_util_log.h protobuf_util_tokens.h protobuf_util_plans.h protobuf_util_fields.h \
+        pb_value_set_buffer_internal.h key_layout.h record_codec.h store_core.h; do
         [ -z "$(find "$prefix" -name "$private")" ] || fail "private header $private is installed"
     done
     for header in $(cd "$inc" && find . -name '*.h' | sort); do

@@ -1,9 +1,10 @@
 // Heap allocations of the value-set operations on the request path.
 //
 // FillValueSetWithMsg reads paths in place, so cutting fields allocates
-// nothing; FillMsgFromField allocates only what protobuf's own merge of the
-// same fields allocates (string values it frees and rebuilds). The binary
-// replaces the global allocation functions with counting ones.
+// nothing; FillMsgFromField allocates no more than protobuf's own merge of the
+// same fields (which frees string values and builds them again): it parses
+// into the strings the message holds. The binary replaces the global
+// allocation functions with counting ones.
 #include <memory>
 #include <set>
 #include <string>
@@ -162,11 +163,14 @@ TEST_F(MergeAllocations, ScalarFieldsAllocateNothing) {
     EXPECT_TRUE(m_log.lines().empty()) << m_log.Dump();
 }
 
-TEST_F(MergeAllocations, StringFieldsAllocateOnlyWhatProtobufsMergeDoes) {
+TEST_F(MergeAllocations, StringFieldsAllocateNoMoreThanProtobufsMerge) {
     Cut(kAllPaths3);
     const long protobuf = ProtobufMergeAllocationsOf();
     EXPECT_GT(protobuf, 0);  // ClearField frees string values
-    EXPECT_EQ(MergeAllocationsOf(), protobuf);
+    const long ours = MergeAllocationsOf();
+    EXPECT_LE(ours, protobuf);
+    // The strings merged already hold values of the same lengths.
+    EXPECT_EQ(ours, 0);
     EXPECT_TRUE(m_log.lines().empty()) << m_log.Dump();
 }
 

@@ -2,7 +2,9 @@
 // extracted (encrypted fields through one shared cipher suite), value sets cut
 // and merged, schemas compared and loaded, and one shared, already filled
 // MsgDescGroup read. Every result must equal the one computed on one thread
-// beforehand. Built with ThreadSanitizer (scripts/ci-sanitizers.sh) it is the
+// beforehand. A second test lets threads make the first calls for types no
+// call has planned yet, all at once, so that they plan and publish them (and
+// the cipher suite makes its contexts) concurrently. Built with ThreadSanitizer (scripts/ci-sanitizers.sh) it is the
 // race check of the library; in the normal suite it is a short smoke test.
 //
 // CORVIDA_STRESS_ITERATIONS overrides the iterations per thread.
@@ -23,6 +25,7 @@
 #include "protobuf_api/protobuf_util.h"
 #include "support/records.h"
 #include "tables2.pb.h"
+#include "tables3.pb.h"
 
 namespace {
 
@@ -232,6 +235,93 @@ TEST(StressTest, ConcurrentCallsOnSharedInputsGiveTheSingleThreadedResults) {
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(mismatches.load(), 0);
     EXPECT_GT(shared.log.lines(), 0);
+}
+
+// What one round over the fresh types gives: per type, the primary key, a
+// key of its first two field numbers, the records cut of its top-level
+// singular fields, and the message those merge into.
+std::vector<std::string> FreshRound(const std::vector<const google::protobuf::Message*>& messages,
+                                    CORVIDA_KV::CorvidaKVApi& api, Scratch& scratch) {
+    std::vector<std::string> out;
+    for (const google::protobuf::Message* msg : messages) {
+        uint8_t buf[1024];
+        int32_t size = sizeof(buf);
+        const int ret = ProtobufUtil::ExtractMsgKey(&api, *msg, buf, size, scratch.idl.get(), nullptr, true);
+        out.push_back(std::to_string(ret) + ":" + std::string(reinterpret_cast<const char*>(buf), ret == 0 ? size : 0));
+        const google::protobuf::Descriptor* desc = msg->GetDescriptor();
+        const std::vector<int> numbers = {desc->field(0)->number(), desc->field(desc->field_count() - 1)->number()};
+        size = sizeof(buf);
+        const int field_ret = ProtobufUtil::ExtractFieldKey(&api, *msg, numbers, buf, size, scratch.idl.get(), nullptr);
+        out.push_back(std::to_string(field_ret) + ":" +
+                      std::string(reinterpret_cast<const char*>(buf), field_ret == 0 ? size : 0));
+
+        std::set<std::string> paths;
+        for (int i = 0; i < desc->field_count(); ++i) {
+            if (!desc->field(i)->is_repeated()) paths.insert(desc->field(i)->name());
+        }
+        std::unique_ptr<google::protobuf::Message> copy(msg->New());
+        copy->CopyFrom(*msg);
+        copy->ByteSizeLong();
+        out.push_back(std::to_string(PROTOBUF_UTIL::FillValueSetWithMsg(copy.get(), {}, paths, *scratch.set, nullptr)));
+        std::vector<PbValueSetBuffer::Field> fields;
+        PbValueSetBuffer(scratch.set.get(), 1, nullptr).GetFields(fields);
+        std::unique_ptr<google::protobuf::Message> merged(msg->New());
+        std::set<std::string> failed;
+        out.push_back(
+            std::to_string(PROTOBUF_UTIL::FillMsgFromField(fields, failed, merged.get(), nullptr, 0, nullptr)) + ":" +
+            merged->SerializeAsString() + ":" + std::to_string(failed.size()));
+    }
+    return out;
+}
+
+TEST(StressTest, FirstCallsForFreshTypesRaceToPlanThem) {
+    CORVIDA_KV::CorvidaKVApi api;
+    auto suite = std::make_unique<AesSivCipherSuite>("aes128");
+    ASSERT_EQ(suite->Init(kAesKeyHex), 0);
+    ASSERT_EQ(api.AddCipherSuite(std::move(suite)), 0);
+
+    corvida::test3::Player3 player;
+    player.set_zone(3);
+    player.set_uid(4);
+    player.set_name("fresh");
+    player.mutable_stats()->set_hp(9);
+    player.mutable_pos()->set_label("here");
+    player.ByteSizeLong();
+    corvida::test3::Secret3 secret;
+    secret.set_uid(5);
+    secret.set_token("fresh token");
+    secret.set_plain("plain");
+    corvida::test::CompositeKey2 composite;
+    composite.set_region(1);
+    composite.set_name("composite");
+    composite.set_account_identifier(77);
+    corvida::test::IntKeys2 ints;
+    ints.set_k_int32(-1);
+    ints.set_k_bool(true);
+    corvida::test::TreeNode2 tree;
+    tree.set_id(1);
+    tree.mutable_left()->set_id(2);
+    tree.ByteSizeLong();
+    const std::vector<const google::protobuf::Message*> messages = {&player, &secret, &composite, &ints, &tree};
+
+    std::atomic<bool> go{false};
+    std::vector<std::vector<std::string>> results(kThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            Scratch own;
+            while (!go.load(std::memory_order_acquire)) {
+            }
+            results[t] = FreshRound(messages, api, own);
+        });
+    }
+    go.store(true, std::memory_order_release);
+    for (std::thread& thread : threads) thread.join();
+
+    Scratch scratch;
+    const std::vector<std::string> reference = FreshRound(messages, api, scratch);
+    ASSERT_EQ(reference.size(), 4 * messages.size());
+    for (int t = 0; t < kThreads; ++t) EXPECT_EQ(results[t], reference) << "thread " << t;
 }
 
 }  // namespace

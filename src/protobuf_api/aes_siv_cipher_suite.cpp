@@ -7,8 +7,8 @@
 #include <openssl/params.h>
 
 #include <atomic>
-#include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <utility>
@@ -133,35 +133,124 @@ void DoubleBlock(unsigned char* block) {
     block[kBlock - 1] = static_cast<unsigned char>(block[kBlock - 1] << 1 ^ (carry ? 0x87 : 0));
 }
 
-bool CmacBlock(EVP_MAC* mac, const OSSL_PARAM* params, const unsigned char* key, size_t key_len,
-               const unsigned char* block, unsigned char* tag) {
-    MacCtxPtr ctx(EVP_MAC_CTX_new(mac));
-    size_t tag_len = 0;
-    return ctx != nullptr && EVP_MAC_init(ctx.get(), key, key_len, params) == 1 &&
-           EVP_MAC_update(ctx.get(), block, kBlock) == 1 && EVP_MAC_final(ctx.get(), tag, &tag_len, kBlock) == 1 &&
-           tag_len == kBlock;
+// The name of the CBC cipher CMAC runs on for a SIV key of key_len bytes
+// (whose first half is the CMAC key).
+const char* CbcName(size_t key_len) { return key_len == kAes128SivKeyBytes ? "AES-128-CBC" : "AES-256-CBC"; }
+
+const char* CtrName(size_t key_len) { return key_len == kAes128SivKeyBytes ? "AES-128-CTR" : "AES-256-CTR"; }
+
+// The OpenSSL contexts of one encryption, keyed once: CMAC under the first
+// half of the key (S2V) and AES-CTR under the second. Freeing them wipes the
+// key schedules.
+struct SivContexts {
+    MacCtxPtr cmac;
+    CipherCtxPtr ctr;
+};
+
+// New contexts for a SIV key of key_len bytes; null when OpenSSL fails.
+std::unique_ptr<SivContexts> NewContexts(EVP_MAC* mac, EVP_CIPHER* ctr, const unsigned char* key, size_t key_len) {
+    std::unique_ptr<SivContexts> contexts(new (std::nothrow) SivContexts);
+    if (contexts == nullptr) return nullptr;
+    const size_t half = key_len / 2;
+    const OSSL_PARAM params[] = {
+        OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_CIPHER, const_cast<char*>(CbcName(key_len)), 0),
+        OSSL_PARAM_construct_end()};
+    contexts->cmac.reset(EVP_MAC_CTX_new(mac));
+    contexts->ctr.reset(EVP_CIPHER_CTX_new());
+    if (contexts->cmac == nullptr || contexts->ctr == nullptr ||
+        EVP_MAC_init(contexts->cmac.get(), key, half, params) != 1 ||
+        EVP_EncryptInit_ex2(contexts->ctr.get(), ctr, key + half, nullptr, nullptr) != 1) {
+        return nullptr;
+    }
+    return contexts;
 }
 
-// The synthetic IV of the empty plaintext without associated data:
-// S2V(K1, "") = CMAC(K1, dbl(CMAC(K1, 0^128)) xor 10^127), where K1 is the
-// first half of the key (RFC 5297, section 2.4). OpenSSL's SIV ignores a
-// zero-length update and then fails its final step, so this one value is
-// computed here, once per key.
-bool ComputeEmptySiv(const unsigned char* key, size_t key_len, unsigned char* siv) {
-    MacPtr mac(EVP_MAC_fetch(nullptr, "CMAC", nullptr));
-    if (mac == nullptr) return false;
-    const size_t k1_len = key_len / 2;
-    char cbc_name[16];
-    std::snprintf(cbc_name, sizeof(cbc_name), "AES-%zu-CBC", k1_len * 8);
-    const OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_CIPHER, cbc_name, 0),
-                                 OSSL_PARAM_construct_end()};
-    static const unsigned char kZero[kBlock] = {0};
-    ScratchBlock d;
-    if (!CmacBlock(mac.get(), params, key, k1_len, kZero, d.data())) return false;
-    DoubleBlock(d.data());
-    d.data()[0] ^= 0x80;
-    return CmacBlock(mac.get(), params, key, k1_len, d.data(), siv);
+// CMAC of the bytes given (any number of pieces) under the contexts' key.
+bool Cmac(SivContexts& contexts, std::initializer_list<std::pair<const unsigned char*, size_t>> pieces,
+          unsigned char* tag) {
+    EVP_MAC_CTX* ctx = contexts.cmac.get();
+    if (EVP_MAC_init(ctx, nullptr, 0, nullptr) != 1) return false;  // same key, fresh state
+    for (const auto& piece : pieces) {
+        if (piece.second > 0 && EVP_MAC_update(ctx, piece.first, piece.second) != 1) return false;
+    }
+    size_t tag_len = 0;
+    return EVP_MAC_final(ctx, tag, &tag_len, kBlock) == 1 && tag_len == kBlock;
 }
+
+// RFC 5297 S2V of one string (the plaintext, no associated data), given
+// d = CMAC(K1, 0^128): the synthetic IV.
+bool S2v(SivContexts& contexts, const unsigned char* d, const unsigned char* in, size_t len, unsigned char* siv) {
+    ScratchBlock t;
+    if (len >= kBlock) {
+        // T = S xorend D: the last block of S with D added.
+        for (size_t i = 0; i < kBlock; ++i) t.data()[i] = in[len - kBlock + i] ^ d[i];
+        return Cmac(contexts, {{in, len - kBlock}, {t.data(), kBlock}}, siv);
+    }
+    // T = dbl(D) xor pad(S): S followed by 10..0 to a whole block.
+    std::memcpy(t.data(), d, kBlock);
+    DoubleBlock(t.data());
+    for (size_t i = 0; i < len; ++i) t.data()[i] ^= in[i];
+    t.data()[len] ^= 0x80;
+    return Cmac(contexts, {{t.data(), kBlock}}, siv);
+}
+
+// The whole encryption: the synthetic IV into out, then the plaintext in
+// AES-CTR under the second half of the key from the IV with two bits
+// cleared (RFC 5297, section 2.6).
+bool SivEncrypt(SivContexts& contexts, const unsigned char* d, const unsigned char* in, int inlen, unsigned char* out) {
+    if (!S2v(contexts, d, in, static_cast<size_t>(inlen), out)) return false;
+    ScratchBlock q;
+    std::memcpy(q.data(), out, kBlock);
+    q.data()[8] &= 0x7f;
+    q.data()[12] &= 0x7f;
+    int body = 0;
+    return EVP_EncryptInit_ex2(contexts.ctr.get(), nullptr, nullptr, q.data(), nullptr) == 1 &&
+           (inlen == 0 || EVP_EncryptUpdate(contexts.ctr.get(), out + kBlock, &body, in, inlen) == 1) && body == inlen;
+}
+
+// A few keyed contexts kept for reuse, so that an encryption sets nothing up.
+// Any thread takes one (or makes one when none is free) and gives it back;
+// slots are atomic, so there is no lock, and no more than kSlots contexts are
+// kept. Freeing the pool wipes their keys.
+class ContextPool {
+public:
+    ContextPool() = default;
+    ~ContextPool() { Clear(); }
+    ContextPool(const ContextPool&) = delete;
+    ContextPool& operator=(const ContextPool&) = delete;
+
+    std::unique_ptr<SivContexts> Take() {
+        for (std::atomic<SivContexts*>& slot : m_slots) {
+            if (slot.load(std::memory_order_relaxed) == nullptr) continue;
+            if (SivContexts* contexts = slot.exchange(nullptr, std::memory_order_acquire)) {
+                return std::unique_ptr<SivContexts>(contexts);
+            }
+        }
+        return nullptr;
+    }
+
+    void Give(std::unique_ptr<SivContexts> contexts) {
+        for (std::atomic<SivContexts*>& slot : m_slots) {
+            SivContexts* expected = nullptr;
+            if (slot.compare_exchange_strong(expected, contexts.get(), std::memory_order_release,
+                                             std::memory_order_relaxed)) {
+                contexts.release();
+                return;
+            }
+        }
+    }  // no free slot: the contexts are freed
+
+    // Frees every kept context. Not concurrent with Take or Give.
+    void Clear() {
+        for (std::atomic<SivContexts*>& slot : m_slots) {
+            delete slot.exchange(nullptr, std::memory_order_acq_rel);
+        }
+    }
+
+private:
+    static constexpr size_t kSlots = 8;
+    std::atomic<SivContexts*> m_slots[kSlots] = {};
+};
 
 }  // namespace
 
@@ -171,8 +260,12 @@ struct AesSivCipherSuite::Impl {
     // Back to the state before Init, with the key wiped.
     void Clear() {
         cipher.reset();
+        pool.Clear();
+        mac.reset();
+        ctr.reset();
         OPENSSL_cleanse(key, sizeof(key));
         key_len = 0;
+        OPENSSL_cleanse(cmac_zero, sizeof(cmac_zero));
         OPENSSL_cleanse(empty_siv, sizeof(empty_siv));
         key_md5.clear();
     }
@@ -181,9 +274,15 @@ struct AesSivCipherSuite::Impl {
 
     unsigned char key[kAes256SivKeyBytes] = {0};
     size_t key_len = 0;
+    unsigned char cmac_zero[kBlock] = {0};  // CMAC(K1, 0^128), the start of every S2V
+    // The IV of the empty plaintext: OpenSSL's SIV ignores a zero-length
+    // update and then fails its final step, so Decrypt checks this one itself.
     unsigned char empty_siv[kBlock] = {0};
     std::string key_md5;
-    CipherPtr cipher;  // set last: non-null means the suite is ready
+    MacPtr mac;        // CMAC
+    CipherPtr ctr;     // AES-CTR of the key's size
+    ContextPool pool;  // keyed contexts for Encrypt
+    CipherPtr cipher;  // AES-SIV, for Decrypt; set last: non-null means the suite is ready
 };
 
 AesSivCipherSuite::AesSivCipherSuite(std::string name)
@@ -220,16 +319,23 @@ int AesSivCipherSuite::Init(const std::string& config) {
         impl.Clear();
         return Fail(kErrCrypto, "OpenSSL cannot compute MD5");
     }
-    if (!ComputeEmptySiv(impl.key, key_len, impl.empty_siv)) {
+    impl.mac.reset(EVP_MAC_fetch(nullptr, "CMAC", nullptr));
+    impl.ctr.reset(EVP_CIPHER_fetch(nullptr, CtrName(key_len), nullptr));
+    std::unique_ptr<SivContexts> contexts = impl.mac != nullptr && impl.ctr != nullptr
+                                                ? NewContexts(impl.mac.get(), impl.ctr.get(), impl.key, key_len)
+                                                : nullptr;
+    static const unsigned char kZero[kBlock] = {0};
+    if (contexts == nullptr || !Cmac(*contexts, {{kZero, kBlock}}, impl.cmac_zero) ||
+        !S2v(*contexts, impl.cmac_zero, nullptr, 0, impl.empty_siv)) {
         impl.Clear();
         return Fail(kErrCrypto, "OpenSSL cannot compute AES-CMAC");
     }
-    CipherPtr cipher(
-        EVP_CIPHER_fetch(nullptr, key_len == kAes128SivKeyBytes ? "AES-128-SIV" : "AES-256-SIV", nullptr));
+    CipherPtr cipher(EVP_CIPHER_fetch(nullptr, key_len == kAes128SivKeyBytes ? "AES-128-SIV" : "AES-256-SIV", nullptr));
     if (cipher == nullptr) {
         impl.Clear();
         return Fail(kErrCrypto, "OpenSSL does not provide AES-SIV");
     }
+    impl.pool.Give(std::move(contexts));
     impl.key_md5 = LowerHex(md5, md5_len);
     impl.cipher = std::move(cipher);
     return 0;
@@ -251,16 +357,13 @@ int AesSivCipherSuite::Encrypt(const unsigned char* in, int inlen, unsigned char
         return 0;
     }
     OpenSslErrorScope errors;
-    CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
-    int body = 0;
-    int tail = 0;
-    if (ctx == nullptr ||
-        EVP_EncryptInit_ex2(ctx.get(), m_impl->cipher.get(), m_impl->key, nullptr, nullptr) != 1 ||
-        EVP_EncryptUpdate(ctx.get(), out + kSivLength, &body, in, inlen) != 1 ||
-        EVP_EncryptFinal_ex(ctx.get(), out + kSivLength + body, &tail) != 1 || body + tail != inlen ||
-        EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_AEAD_GET_TAG, kSivLength, out) != 1) {
+    Impl& impl = *m_impl;
+    std::unique_ptr<SivContexts> contexts = impl.pool.Take();
+    if (contexts == nullptr) contexts = NewContexts(impl.mac.get(), impl.ctr.get(), impl.key, impl.key_len);
+    if (contexts == nullptr || !SivEncrypt(*contexts, impl.cmac_zero, in, inlen, out)) {
         return Fail(kErrCrypto, "Encrypt: OpenSSL AES-SIV encryption failed");
     }
+    impl.pool.Give(std::move(contexts));
     outlen = kSivLength + inlen;
     return 0;
 }
@@ -283,8 +386,7 @@ int AesSivCipherSuite::Decrypt(const unsigned char* in, int inlen, unsigned char
     }
     OpenSslErrorScope errors;
     CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
-    if (ctx == nullptr ||
-        EVP_DecryptInit_ex2(ctx.get(), m_impl->cipher.get(), m_impl->key, nullptr, nullptr) != 1 ||
+    if (ctx == nullptr || EVP_DecryptInit_ex2(ctx.get(), m_impl->cipher.get(), m_impl->key, nullptr, nullptr) != 1 ||
         EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_AEAD_SET_TAG, kSivLength, const_cast<unsigned char*>(in)) != 1) {
         return Fail(kErrCrypto, "Decrypt: OpenSSL AES-SIV set-up failed");
     }

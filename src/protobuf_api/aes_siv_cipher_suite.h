@@ -20,11 +20,19 @@
 //
 // Init must not run concurrently with any other call. After Init, Encrypt,
 // Decrypt, GetCipherKeyMD5 and GetErrMsg may be called from several threads
-// at once: each call works on its own OpenSSL context, and failure texts are
-// kept per thread, so GetErrMsg reports the last failure of this suite in the
-// calling thread ("" when there was none). A thread remembers the failures of
-// the 8 suites that failed on it most recently; a successful call does not
-// clear the text.
+// at once: each call works on OpenSSL contexts of its own, and failure texts
+// are kept per thread, so GetErrMsg reports the last failure of this suite in
+// the calling thread ("" when there was none). A thread remembers the
+// failures of the 8 suites that failed on it most recently; a successful call
+// does not clear the text.
+//
+// Encrypt sets nothing up per call: Init keys a CMAC context (the S2V half of
+// the key) and an AES-CTR context (the other half), and encryptions reuse
+// such keyed contexts from a small pool, making more when many threads
+// encrypt at once. OpenSSL's own AES-SIV cipher accepts one operation per
+// keying, and keying it fetches its algorithms anew each time, which would
+// cost twenty times the encryption; Decrypt still uses it, so every
+// ciphertext Encrypt writes is checked by OpenSSL's SIV when it is opened.
 #ifndef CORVIDA_PROTOBUF_API_AES_SIV_CIPHER_SUITE_H_
 #define CORVIDA_PROTOBUF_API_AES_SIV_CIPHER_SUITE_H_
 

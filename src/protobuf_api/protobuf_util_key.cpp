@@ -2,13 +2,23 @@
 // names of the primary-key fields.
 //
 // These run on every request, so the path that encrypts nothing allocates
-// nothing: option texts are split in place, key field descriptors live in a
-// fixed array, and names are looked up without building strings. What
-// ExtractMsgKey derives from a table type's options is kept per thread for
-// the types of the generated pool, which live as long as the process.
+// nothing and does little besides reading the key fields:
+//   - what a generated table type's options mean (its key fields in number
+//     order, how each is written, its cipher suite's name) is planned once
+//     per process (protobuf_util_plans.h); other types are planned per call,
+//     without the heap;
+//   - a field is encoded with protobuf's array writers straight into the key
+//     buffer while it ends clear of the buffer's last bytes, where a coded
+//     stream over the buffer would behave the same; from the first field that
+//     may not, the rest of the key goes through a coded stream over the rest
+//     of the buffer, in the very state a stream over the whole buffer would
+//     be in, so that what reaches the buffer and every byte count logged are
+//     the stream's own.
 #include <algorithm>
 #include <climits>
 #include <cstdint>
+#include <cstring>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,14 +30,15 @@
 
 #include "corvidaservice.optionv1.pb.h"
 #include "protobuf_api/protobuf_util.h"
+#include "protobuf_api/protobuf_util_fields.h"
 #include "protobuf_api/protobuf_util_log.h"
+#include "protobuf_api/protobuf_util_plans.h"
 #include "protobuf_api/protobuf_util_tokens.h"
 
 namespace PROTOBUF_UTIL {
 namespace {
 
 using google::protobuf::Descriptor;
-using google::protobuf::DescriptorPool;
 using google::protobuf::FieldDescriptor;
 using google::protobuf::FileDescriptor;
 using google::protobuf::Message;
@@ -46,6 +57,10 @@ constexpr int kMaxKeyBytes = 1022;
 // Output capacity handed to the cipher suite: all of idl->szValue.
 constexpr int kCipherCapacity = static_cast<int>(sizeof(tagtbl_idl::szValue));
 
+// The operations, as their log lines name them.
+constexpr char kMsgKey[] = "ExtractMsgKey";
+constexpr char kFieldKey[] = "ExtractFieldKey";
+
 // Key fields kept without touching the heap; tables with more key fields
 // than this are rare enough to pay for a vector.
 constexpr size_t kInlineKeyFields = 16;
@@ -58,18 +73,364 @@ struct KeySource {
     CipherSuite* suite;  // null when the table names no cipher suite
 };
 
+// How a key field is written; fixed by its descriptor.
+enum class KeyWrite : uint8_t {
+    kEncrypted,  // a string or bytes field marked corvida_crypto: the suite's ciphertext
+    kPlain,      // a singular field that is not a message: its value, encoded here
+    kGeneric,    // anything else: the serializers
+};
+
+// One key field and how it is written.
+struct KeyField {
+    const FieldDescriptor* field = nullptr;
+    KeyWrite how = KeyWrite::kGeneric;
+    internal::PlainField plain;  // for kPlain
+};
+
+// A mark corvida_crypto on a field that is not a string or bytes field is
+// ignored.
+KeyField PlanKeyField(const FieldDescriptor* field) {
+    KeyField key;
+    key.field = field;
+    if (field->cpp_type() == FieldDescriptor::CPPTYPE_STRING &&
+        field->options().GetExtension(corvidaservice::corvida_crypto)) {
+        key.how = KeyWrite::kEncrypted;
+    } else if (internal::IsPlain(field)) {
+        key.how = KeyWrite::kPlain;
+        key.plain = internal::PlanPlainField(field);
+    }
+    return key;
+}
+
+// Writes a plain key field as SerializeFieldWithCachedSizesEx and protobuf's
+// serializer both write it (a proto3 field always, its default included; a
+// proto2 field when set) into `out` when it takes at most `room` bytes.
+template <typename Sink>
+internal::Plain WritePlainKeyField(const KeyField& key, const KeySource& source, int64_t room, Sink& out) {
+    return internal::WritePlain(key.plain, source.reflection, *source.msg, key.plain.proto3, room, out);
+}
+
+// Encrypts a string or bytes field into idl->szValue. Returns 0 with the
+// ciphertext's length in *outlen, -6 (no suite) or -7.
+int EncryptField(const FieldDescriptor* field, const KeySource& source, tagtbl_idl* idl, int* outlen) {
+    if (source.suite == nullptr) return -6;
+    // A repeated field has no single value to encrypt; refusing it is safer
+    // than writing its values in plain.
+    if (field->is_repeated()) return -7;
+    std::string scratch;
+    const std::string& value = source.reflection->GetStringReference(*source.msg, field, &scratch);
+    // The suite takes an int length: a longer value would be encrypted cut
+    // short, and two different records would share one key.
+    if (value.size() > static_cast<size_t>(INT_MAX)) return -7;
+    *outlen = kCipherCapacity;
+    const int ret = source.suite->Encrypt(reinterpret_cast<const unsigned char*>(value.data()),
+                                          static_cast<int>(value.size()), idl->szValue, *outlen);
+    // A length outside the output area would make us read beyond it.
+    if (ret != 0 || *outlen < 0 || *outlen > kCipherCapacity) return -7;
+    return 0;
+}
+
+// The head of an encrypted field: its tag (the field's own number, length
+// delimited) and the ciphertext's length. Returns the head's size.
+int EncryptedHead(const FieldDescriptor* field, int outlen, uint8_t* head) {
+    uint8_t* p = WireFormatLite::WriteTagToArray(field->number(), WireFormatLite::WIRETYPE_LENGTH_DELIMITED, head);
+    p = CodedOutputStream::WriteVarint32ToArray(static_cast<uint32_t>(outlen), p);
+    return static_cast<int>(p - head);
+}
+
+// Writes one key field into a coded stream over the key buffer (capacity is
+// that of the buffer under output): encrypted, or in plain with a proto3
+// field holding its default value included, so that every key field
+// contributes its tag. Returns 0, -6 or -7.
+int WriteKeyField(const KeyField& key, const KeySource& source, tagtbl_idl* idl, int64_t capacity,
+                  CodedOutputStream* output) {
+    const FieldDescriptor* field = key.field;
+    switch (key.how) {
+        case KeyWrite::kEncrypted: {
+            int outlen = 0;
+            const int ret = EncryptField(field, source, idl, &outlen);
+            if (ret != 0) return ret;
+            // The bytes WireFormatLite::WriteString writes, without copying
+            // the ciphertext into a string first.
+            WireFormatLite::WriteTag(field->number(), WireFormatLite::WIRETYPE_LENGTH_DELIMITED, output);
+            output->WriteVarint32(static_cast<uint32_t>(outlen));
+            output->WriteRaw(idl->szValue, outlen);
+            return 0;
+        }
+        case KeyWrite::kPlain: {
+            // Written in when the field ends clear of the stream's slop: the
+            // stream then never asks for more room and ends in the state the
+            // serializers leave. Near the end of the buffer, and after an
+            // overflow, the stream's byte counts depend on the writer (they
+            // go into log lines and the zero-growth check), so such a field
+            // goes the general way. Reading the error flag through EpsCopy()
+            // leaves the stream as it is; CodedOutputStream::HadError would
+            // flush it.
+            if (output->EpsCopy()->HadError()) break;
+            internal::IntoStream sink(output);
+            if (WritePlainKeyField(key, source, capacity - output->ByteCount() - EpsCopyOutputStream::kSlopBytes,
+                                   sink) == internal::Plain::kWritten) {
+                return 0;
+            }
+            break;
+        }
+        case KeyWrite::kGeneric: break;
+    }
+    // HasField is defined for singular fields only; for a repeated field
+    // both serializers write the same bytes.
+    if (!field->is_repeated() && field->file()->syntax() == FileDescriptor::SYNTAX_PROTO3 &&
+        !source.reflection->HasField(*source.msg, field)) {
+        ProtobufUtil::SerializeFieldWithCachedSizesEx(field, *source.msg, output);
+    } else {
+        WireFormat::SerializeFieldWithCachedSizes(field, *source.msg, output);
+    }
+    return 0;
+}
+
+// An output stream that keeps nothing and counts what is written into it.
+class CountingSink : public ZeroCopyOutputStream {
+public:
+    bool Next(void** data, int* size) override {
+        *data = m_scratch;
+        *size = sizeof(m_scratch);
+        m_count += sizeof(m_scratch);
+        return true;
+    }
+    void BackUp(int count) override { m_count -= count; }
+    int64_t ByteCount() const override { return m_count; }
+
+private:
+    char m_scratch[512];
+    int64_t m_count = 0;
+};
+
+// The key buffer as the key fields are written into it, with the byte counts
+// a coded stream over the whole buffer (protobuf's ArrayOutputStream, one
+// block) would report.
+//
+// Fields are copied straight into the buffer while they end more than the
+// stream's slop before its end: a stream would have written the same bytes
+// into the buffer and counted them. From the first field that does not, a
+// coded stream takes over at that point, over the rest of the buffer: with
+// more than its slop left it starts in the state the whole-buffer stream
+// would be in there (writing in place, the same limit), and its counts are
+// the whole stream's less the bytes before it.
+//
+// The stream stops at the end of buf without an error of its own, and once
+// it has run out of room its byte count no longer tells what the fields
+// wrote. So the key's length is kept apart: the stream's count while it has
+// room, and from the field that overflowed it on, each field written once
+// more into a counting sink (an encrypted one is encrypted again: a suite's
+// ciphertext of one value has one length). A key longer than the limit is
+// refused with its whole length whatever the size of buf, while the per-field
+// counts (log lines and the zero-growth check) stay the stream's own.
+class KeyOutput {
+public:
+    KeyOutput(uint8_t* buf, int32_t capacity) : m_buf(buf), m_capacity(capacity) {}
+
+    int ByteCount() const { return m_stream ? m_base + static_cast<int>(m_stream->ByteCount()) : m_base; }
+
+    // Writes one key field. Returns 0, -6 or -7.
+    int Write(const KeyField& key, const KeySource& source, tagtbl_idl* idl) {
+        if (!m_stream) {
+            int ret = 0;
+            if (WriteInPlace(key, source, idl, &ret)) return ret;
+            m_array.emplace(m_buf + m_base, m_capacity - m_base, -1);
+            m_stream.emplace(&*m_array);
+            if (m_ciphertext >= 0) {
+                // Encrypted already: the ciphertext is written as it is.
+                WireFormatLite::WriteTag(key.field->number(), WireFormatLite::WIRETYPE_LENGTH_DELIMITED, &*m_stream);
+                m_stream->WriteVarint32(static_cast<uint32_t>(m_ciphertext));
+                m_stream->WriteRaw(idl->szValue, m_ciphertext);
+                return Measure(key, source, idl);
+            }
+        }
+        const int ret = WriteKeyField(key, source, idl, m_capacity - m_base, &*m_stream);
+        if (ret != 0) return ret;
+        return Measure(key, source, idl);
+    }
+
+    // The key's length, capped at INT32_MAX; what the stream still holds is
+    // flushed into buf.
+    int32_t Finish() {
+        if (m_stream) m_stream->Trim();
+        return static_cast<int32_t>(std::min<int64_t>(m_length, INT32_MAX));
+    }
+
+private:
+    // How many more bytes may be written in place: what ends before the
+    // stream's slop, with a byte to spare so that a stream taking over later
+    // starts writing in place too.
+    int64_t Room() const { return int64_t{m_capacity} - EpsCopyOutputStream::kSlopBytes - 1 - m_base; }
+
+    // Writes the field straight into the buffer when it fits there (*ret is
+    // the result then) and returns true; returns false, having written
+    // nothing, otherwise. A field that needs protobuf's serializers is never
+    // written here; an encrypted one is encrypted here either way, and left in
+    // m_ciphertext when it does not fit.
+    bool WriteInPlace(const KeyField& key, const KeySource& source, tagtbl_idl* idl, int* ret) {
+        m_ciphertext = -1;
+        if (key.how == KeyWrite::kPlain) {
+            internal::InPlace sink(m_buf + m_base);
+            if (WritePlainKeyField(key, source, Room(), sink) != internal::Plain::kWritten) return false;
+            m_base = static_cast<int>(sink.end() - m_buf);
+        } else if (key.how == KeyWrite::kEncrypted) {
+            int outlen = 0;
+            *ret = EncryptField(key.field, source, idl, &outlen);
+            if (*ret != 0) return true;
+            uint8_t head[10];
+            const int head_size = EncryptedHead(key.field, outlen, head);
+            if (int64_t{head_size} + outlen > Room()) {
+                m_ciphertext = outlen;
+                return false;
+            }
+            std::memcpy(m_buf + m_base, head, head_size);
+            std::memcpy(m_buf + m_base + head_size, idl->szValue, outlen);
+            m_base += head_size + outlen;
+        } else {
+            return false;
+        }
+        m_length = m_base;
+        return true;
+    }
+
+    // Updates the key's length after key was written into the stream.
+    // Reading the error flag through EpsCopy() leaves the stream as it is;
+    // CodedOutputStream::HadError would flush it.
+    int Measure(const KeyField& key, const KeySource& source, tagtbl_idl* idl) {
+        if (!m_stream->EpsCopy()->HadError()) {
+            m_length = ByteCount();
+            return 0;
+        }
+        CountingSink sink;
+        {
+            CodedOutputStream counter(&sink);
+            const int measured = WriteKeyField(key, source, idl, INT32_MAX, &counter);
+            if (measured != 0) return measured;
+        }
+        m_length += sink.ByteCount();
+        return 0;
+    }
+
+    uint8_t* const m_buf;
+    const int32_t m_capacity;
+    int m_base = 0;  // bytes written in place, before the stream
+    int64_t m_length = 0;
+    int m_ciphertext = -1;  // length of a ciphertext made for a field that did not fit in place
+    std::optional<ArrayOutputStream> m_array;
+    std::optional<CodedOutputStream> m_stream;
+};
+
+// The key fields of a table: a fixed array, spilled into a vector only for
+// unusually many key fields.
+class KeyFieldList {
+public:
+    void Add(const FieldDescriptor* field) {
+        const KeyField key = PlanKeyField(field);
+        if (m_spill.empty() && m_count < kInlineKeyFields) {
+            m_inline[m_count++] = key;
+            return;
+        }
+        if (m_spill.empty()) m_spill.assign(m_inline, m_inline + m_count);
+        m_spill.push_back(key);
+    }
+
+    const KeyField* begin() const { return m_spill.empty() ? m_inline : m_spill.data(); }
+    const KeyField* end() const { return begin() + (m_spill.empty() ? m_count : m_spill.size()); }
+
+    // Ascending field number. The functor only keeps a reference to the
+    // vector it is built over and never reads it.
+    void SortByNumber() {
+        const std::vector<const FieldDescriptor*> unread;
+        const _FieldDescPtrFunctor less(unread);
+        KeyField* first = m_spill.empty() ? m_inline : m_spill.data();
+        std::sort(first, first + (end() - begin()),
+                  [&less](const KeyField& a, const KeyField& b) { return less(a.field, b.field); });
+    }
+
+private:
+    KeyField m_inline[kInlineKeyFields];
+    size_t m_count = 0;
+    std::vector<KeyField> m_spill;
+};
+
+// What the key encoders derive from a table type: the type's descriptor and
+// reflection, its cipher suite's name, its primary-key fields in ascending
+// number and, for types planned once, how each of its fields is written.
+struct KeyPlan {
+    const void* key = nullptr;  // the generated class (std::type_info) planned for; null: planned for one call
+    const Descriptor* desc = nullptr;
+    const Reflection* reflection = nullptr;
+    const std::string* suite_name = nullptr;  // corvida_field_cipher_suite of desc
+    int primary_result = 0;                   // 0, or -5 when a primary-key name is not a field
+    KeyFieldList primary;
+    std::vector<KeyField> by_index;  // every field of desc, by index; empty when planned for one call
+};
+
+using KeyPlans = internal::PlanCache<KeyPlan>;
+
+// The descriptors of the fields named by corvida_primary_key, in the
+// option's order. Returns 0, or -5 when a name (an empty one included) is not
+// a field.
+int CollectPrimaryKeyFields(const Descriptor* desc, KeyFieldList* fields) {
+    internal::TokenView tokens(desc->options().GetExtension(corvidaservice::corvida_primary_key), ',');
+    std::string_view token;
+    while (tokens.Next(&token)) {
+        const FieldDescriptor* field = internal::FindFieldByToken(desc, token);
+        if (field == nullptr) return -5;
+        fields->Add(field);
+    }
+    return 0;
+}
+
+// Plans desc's options into plan (desc and reflection set): the cipher
+// suite's name and, with `primary`, the primary-key fields.
+void PlanOptions(KeyPlan* plan, bool primary) {
+    plan->suite_name = &plan->desc->options().GetExtension(corvidaservice::corvida_field_cipher_suite);
+    if (!primary) return;
+    plan->primary_result = CollectPrimaryKeyFields(plan->desc, &plan->primary);
+    // Key bytes must not depend on the order the option lists the names in.
+    plan->primary.SortByNumber();
+}
+
+// Plans msg's type into *local, with the primary-key fields when `primary`
+// (desc or reflection null when msg lacks them, which the caller reports),
+// and keeps a plan of the type when msg is of a generated class. Returns the
+// plan to use.
+const KeyPlan* PlanNow(const Message& msg, bool primary, std::optional<KeyPlan>* local) {
+    KeyPlan& plan = local->emplace();
+    plan.desc = msg.GetDescriptor();
+    if (plan.desc == nullptr) return &plan;
+    plan.reflection = msg.GetReflection();
+    if (plan.reflection == nullptr) return &plan;
+    if (internal::IsGeneratedClass(msg, plan.desc)) {
+        std::unique_ptr<KeyPlan> kept(new (std::nothrow) KeyPlan);
+        if (kept != nullptr) {
+            kept->key = &typeid(msg);
+            kept->desc = plan.desc;
+            kept->reflection = plan.reflection;
+            PlanOptions(kept.get(), true);
+            kept->by_index.reserve(static_cast<size_t>(plan.desc->field_count()));
+            for (int i = 0; i < plan.desc->field_count(); ++i)
+                kept->by_index.push_back(PlanKeyField(plan.desc->field(i)));
+            if (const KeyPlan* published = KeyPlans::Publish(kept)) return published;
+        }
+    }
+    PlanOptions(&plan, primary);
+    return &plan;
+}
+
 // The checks that come before any key field: arguments and reflection.
 // Returns 0, -1 or -2. Lines are logged in the name of `func`, the calling
 // operation.
-int OpenKeySource(const char* func, const Message& msg, tagtbl_idl* idl, LPPLOGCATEGORYINST log, KeySource* source) {
-    const Descriptor* desc = msg.GetDescriptor();
-    if (idl == nullptr || desc == nullptr || log == nullptr) return -1;
-    const Reflection* reflection = msg.GetReflection();
-    if (reflection == nullptr) {
+int OpenKeySource(const char* func, const Message& msg, const KeyPlan& plan, tagtbl_idl* idl, LPPLOGCATEGORYINST log,
+                  KeySource* source) {
+    if (idl == nullptr || plan.desc == nullptr || log == nullptr) return -1;
+    if (plan.reflection == nullptr) {
         PBU_LOG_IN(func, log, PLOG_PRIORITY_ERROR, "reflection param is null.");
         return -2;
     }
-    *source = KeySource{&msg, desc, reflection, nullptr};
+    *source = KeySource{&msg, plan.desc, plan.reflection, nullptr};
     return 0;
 }
 
@@ -98,361 +459,102 @@ int OpenCipherSuite(const char* func, CorvidaKVApi* pKVApi, const std::string& s
     return 0;
 }
 
-// Writes the ciphertext of a string or bytes field as a length-delimited
-// field under the field's own number. Returns 0, -6 (no suite) or -7.
-int WriteEncryptedField(const FieldDescriptor* field, const KeySource& source, tagtbl_idl* idl,
-                        CodedOutputStream* output) {
-    if (source.suite == nullptr) return -6;
-    // A repeated field has no single value to encrypt; refusing it is safer
-    // than writing its values in plain.
-    if (field->is_repeated()) return -7;
-    std::string scratch;
-    const std::string& value = source.reflection->GetStringReference(*source.msg, field, &scratch);
-    // The suite takes an int length: a longer value would be encrypted cut
-    // short, and two different records would share one key.
-    if (value.size() > static_cast<size_t>(INT_MAX)) return -7;
-    int outlen = kCipherCapacity;
-    const int ret = source.suite->Encrypt(reinterpret_cast<const unsigned char*>(value.data()),
-                                          static_cast<int>(value.size()), idl->szValue, outlen);
-    // A length outside the output area would make us read beyond it.
-    if (ret != 0 || outlen < 0 || outlen > kCipherCapacity) return -7;
-    // The bytes WireFormatLite::WriteString writes, without copying the
-    // ciphertext into a string first.
-    WireFormatLite::WriteTag(field->number(), WireFormatLite::WIRETYPE_LENGTH_DELIMITED, output);
-    output->WriteVarint32(static_cast<uint32_t>(outlen));
-    output->WriteRaw(idl->szValue, outlen);
-    return 0;
-}
-
-// True for the fields that WritePlainSingular may write: singular fields that
-// are neither messages nor groups, except proto2 strings, for which
-// protobuf's serializer may check the UTF-8 (and log) where the key field
-// serializer never does.
-bool IsPlainSingular(const FieldDescriptor* field) {
-    if (field->is_repeated() || field->cpp_type() == FieldDescriptor::CPPTYPE_MESSAGE) return false;
-    return field->type() != FieldDescriptor::TYPE_STRING || field->file()->syntax() == FileDescriptor::SYNTAX_PROTO3;
-}
-
-// Most bytes a plain field other than a string or bytes field takes: a tag
-// of at most 5 bytes and a value of at most 10.
-constexpr int kMaxPlainScalarBytes = 15;
-
-// Writes a field for which IsPlainSingular holds exactly as
-// SerializeFieldWithCachedSizesEx and protobuf's serializer both do (a proto3
-// field always, a proto2 field when set; protobuf's writer for its type, the
-// UTF-8 of a proto3 string checked), through the reflection the caller holds
-// and without their generic dispatch: the common key field, on every request.
-//
-// Only a field that surely fits into `room` bytes is written; returns false,
-// having written nothing, for one that might not.
-bool WritePlainSingular(const FieldDescriptor* field, const KeySource& source, int64_t room,
-                        CodedOutputStream* output) {
-    const Reflection* r = source.reflection;
-    const Message& m = *source.msg;
-    const bool proto3 = field->file()->syntax() == FileDescriptor::SYNTAX_PROTO3;
-    if (!proto3 && !r->HasField(m, field)) return true;
-    const int number = field->number();
-    if (field->cpp_type() == FieldDescriptor::CPPTYPE_STRING) {
-        std::string scratch;
-        const std::string& value = r->GetStringReference(m, field, &scratch);
-        // A tag and a length of at most 5 bytes each.
-        if (room < 10 || static_cast<uint64_t>(room - 10) < value.size()) return false;
-        if (field->type() == FieldDescriptor::TYPE_BYTES) {
-            WireFormatLite::WriteBytes(number, value, output);
-            return true;
-        }
-        // Reports invalid UTF-8 through protobuf's log; the bytes are written anyway.
-        WireFormatLite::VerifyUtf8String(value.data(), static_cast<int>(value.size()), WireFormatLite::SERIALIZE,
-                                         field->full_name().c_str());
-        WireFormatLite::WriteString(number, value, output);
-        return true;
-    }
-    if (room < kMaxPlainScalarBytes) return false;
-    switch (field->type()) {
-        case FieldDescriptor::TYPE_INT32: WireFormatLite::WriteInt32(number, r->GetInt32(m, field), output); break;
-        case FieldDescriptor::TYPE_INT64: WireFormatLite::WriteInt64(number, r->GetInt64(m, field), output); break;
-        case FieldDescriptor::TYPE_UINT32: WireFormatLite::WriteUInt32(number, r->GetUInt32(m, field), output); break;
-        case FieldDescriptor::TYPE_UINT64: WireFormatLite::WriteUInt64(number, r->GetUInt64(m, field), output); break;
-        case FieldDescriptor::TYPE_SINT32: WireFormatLite::WriteSInt32(number, r->GetInt32(m, field), output); break;
-        case FieldDescriptor::TYPE_SINT64: WireFormatLite::WriteSInt64(number, r->GetInt64(m, field), output); break;
-        case FieldDescriptor::TYPE_FIXED32: WireFormatLite::WriteFixed32(number, r->GetUInt32(m, field), output); break;
-        case FieldDescriptor::TYPE_FIXED64: WireFormatLite::WriteFixed64(number, r->GetUInt64(m, field), output); break;
-        case FieldDescriptor::TYPE_SFIXED32:
-            WireFormatLite::WriteSFixed32(number, r->GetInt32(m, field), output);
-            break;
-        case FieldDescriptor::TYPE_SFIXED64:
-            WireFormatLite::WriteSFixed64(number, r->GetInt64(m, field), output);
-            break;
-        case FieldDescriptor::TYPE_FLOAT: WireFormatLite::WriteFloat(number, r->GetFloat(m, field), output); break;
-        case FieldDescriptor::TYPE_DOUBLE: WireFormatLite::WriteDouble(number, r->GetDouble(m, field), output); break;
-        case FieldDescriptor::TYPE_BOOL: WireFormatLite::WriteBool(number, r->GetBool(m, field), output); break;
-        case FieldDescriptor::TYPE_ENUM: WireFormatLite::WriteEnum(number, r->GetEnumValue(m, field), output); break;
-        default: return false;  // strings above; messages and groups are never plain
-    }
-    return true;
-}
-
-// How a key field is written; fixed by its descriptor.
-enum class KeyWrite : uint8_t {
-    kEncrypted,  // a string or bytes field marked corvida_crypto: the suite's ciphertext
-    kPlain,      // IsPlainSingular: WritePlainSingular where it fits, else as kGeneric
-    kGeneric,    // anything else: the serializers
-};
-
-// A mark corvida_crypto on a field that is not a string or bytes field is
-// ignored.
-KeyWrite HowToWrite(const FieldDescriptor* field) {
-    if (field->cpp_type() == FieldDescriptor::CPPTYPE_STRING &&
-        field->options().GetExtension(corvidaservice::corvida_crypto)) {
-        return KeyWrite::kEncrypted;
-    }
-    return IsPlainSingular(field) ? KeyWrite::kPlain : KeyWrite::kGeneric;
-}
-
-// Writes one key field as HowToWrite(field) says: encrypted, or in plain with
-// a proto3 field holding its default value included, so that every key field
-// contributes its tag. capacity is that of the key buffer under output.
-// Returns 0, -6 or -7.
-int WriteKeyField(const FieldDescriptor* field, KeyWrite how, const KeySource& source, tagtbl_idl* idl,
-                  int32_t capacity, CodedOutputStream* output) {
-    switch (how) {
-        case KeyWrite::kEncrypted: return WriteEncryptedField(field, source, idl, output);
-        case KeyWrite::kPlain:
-            // Straight into the key buffer when the field fits there with the
-            // stream's slop to spare: the stream then never asks for more room
-            // and ends in the state the serializers leave. Near the end of the
-            // buffer, and after an overflow, the stream's byte counts depend on
-            // the writer (they go into log lines and the zero-growth check),
-            // so such a field goes the general way. Reading the error flag
-            // through EpsCopy() leaves the stream as it is;
-            // CodedOutputStream::HadError would flush it.
-            if (!output->EpsCopy()->HadError() &&
-                WritePlainSingular(field, source,
-                                   int64_t{capacity} - output->ByteCount() - EpsCopyOutputStream::kSlopBytes, output)) {
-                return 0;
-            }
-            break;
-        case KeyWrite::kGeneric: break;
-    }
-    // HasField is defined for singular fields only; for a repeated field
-    // both serializers write the same bytes.
-    if (!field->is_repeated() && field->file()->syntax() == FileDescriptor::SYNTAX_PROTO3 &&
-        !source.reflection->HasField(*source.msg, field)) {
-        ProtobufUtil::SerializeFieldWithCachedSizesEx(field, *source.msg, output);
-    } else {
-        WireFormat::SerializeFieldWithCachedSizes(field, *source.msg, output);
-    }
-    return 0;
-}
-
-struct KeyField {
-    const FieldDescriptor* field;
-    KeyWrite how;
-};
-
-// An output stream that keeps nothing and counts what is written into it.
-class CountingSink : public ZeroCopyOutputStream {
-public:
-    bool Next(void** data, int* size) override {
-        *data = m_scratch;
-        *size = sizeof(m_scratch);
-        m_count += sizeof(m_scratch);
-        return true;
-    }
-    void BackUp(int count) override { m_count -= count; }
-    int64_t ByteCount() const override { return m_count; }
-
-private:
-    char m_scratch[512];
-    int64_t m_count = 0;
-};
-
-// The key buffer as the key fields are written into it. The coded stream
-// stops at the end of buf without an error of its own, and once it has run
-// out of room its byte count no longer tells what the fields wrote. So the
-// key's length is kept apart: the stream's count while it has room, and from
-// the field that overflowed it on, each field written once more into a
-// counting sink (an encrypted one is encrypted again: a suite's ciphertext of
-// one value has one length). A key longer than the limit is refused with its
-// whole length whatever the size of buf, while the per-field counts (log
-// lines and the zero-growth check) stay the stream's own.
-class KeyOutput {
-public:
-    KeyOutput(uint8_t* buf, int32_t capacity) : m_array(buf, capacity, -1), m_output(&m_array), m_capacity(capacity) {}
-
-    int ByteCount() const { return m_output.ByteCount(); }
-
-    // Writes one key field (see WriteKeyField). Returns 0, -6 or -7.
-    int Write(const FieldDescriptor* field, KeyWrite how, const KeySource& source, tagtbl_idl* idl) {
-        const int ret = WriteKeyField(field, how, source, idl, m_capacity, &m_output);
-        if (ret != 0) return ret;
-        // Reading the error flag through EpsCopy() leaves the stream as it
-        // is; CodedOutputStream::HadError would flush it.
-        if (!m_output.EpsCopy()->HadError()) {
-            m_length = m_output.ByteCount();
-            return 0;
-        }
-        CountingSink sink;
-        {
-            CodedOutputStream counter(&sink);
-            const int measured = WriteKeyField(field, how, source, idl, INT32_MAX, &counter);
-            if (measured != 0) return measured;
-        }
-        m_length += sink.ByteCount();
-        return 0;
-    }
-
-    // The key's length, capped at INT32_MAX; what the stream still holds is
-    // flushed into buf.
-    int32_t Finish() {
-        m_output.Trim();
-        return static_cast<int32_t>(std::min<int64_t>(m_length, INT32_MAX));
-    }
-
-private:
-    ArrayOutputStream m_array;
-    CodedOutputStream m_output;
-    const int32_t m_capacity;
-    int64_t m_length = 0;
-};
-
-// The key fields of a table: a fixed array, spilled into a vector only for
-// unusually many key fields.
-class KeyFieldList {
-public:
-    void Clear() {
-        m_count = 0;
-        m_spill.clear();
-    }
-
-    void Add(const FieldDescriptor* field) {
-        const KeyField key{field, HowToWrite(field)};
-        if (m_spill.empty() && m_count < kInlineKeyFields) {
-            m_inline[m_count++] = key;
-            return;
-        }
-        if (m_spill.empty()) m_spill.assign(m_inline, m_inline + m_count);
-        m_spill.push_back(key);
-    }
-
-    const KeyField* begin() const { return m_spill.empty() ? m_inline : m_spill.data(); }
-    const KeyField* end() const { return begin() + (m_spill.empty() ? m_count : m_spill.size()); }
-
-    // Ascending field number. The functor only keeps a reference to the
-    // vector it is built over and never reads it.
-    void SortByNumber() {
-        const std::vector<const FieldDescriptor*> unread;
-        const _FieldDescPtrFunctor less(unread);
-        KeyField* first = m_spill.empty() ? m_inline : m_spill.data();
-        std::sort(first, first + (end() - begin()),
-                  [&less](const KeyField& a, const KeyField& b) { return less(a.field, b.field); });
-    }
-
-private:
-    KeyField m_inline[kInlineKeyFields];
-    size_t m_count = 0;
-    std::vector<KeyField> m_spill;
-};
-
 // Publishes the key once every field is written: size (the capacity of buf
 // until now) becomes the key length; -10 beyond kMaxKeyBytes, else 0 with the
 // key logged at trace priority in the name of `func`, the calling operation.
-int FinishKey(const char* func, KeyOutput* output, const uint8_t* buf, int32_t& size, LPPLOGCATEGORYINST log) {
+int FinishKey(const char* func, KeyOutput* output, const uint8_t* buf, int32_t& size, CallLog& trace) {
     const int32_t capacity = size;
     size = output->Finish();
     if (size > kMaxKeyBytes) {
-        PBU_LOG_IN(func, log, PLOG_PRIORITY_ERROR, "key byte count:%d exceed max:%d", size, kMaxKeyBytes);
+        PBU_LOG_IN(func, trace.get(), PLOG_PRIORITY_ERROR, "key byte count:%d exceed max:%d", size, kMaxKeyBytes);
         return -10;
     }
-    PBU_LOG_IN(func, log, PLOG_PRIORITY_TRACE, "msg key len(%d)", size);
+    PBU_FREQUENT_LINE(func, trace, PLOG_PRIORITY_TRACE, "msg key len(%d)", size);
     // A key longer than a short buf is cut at its end: dump only bytes of buf.
-    PBU_LOG_HEX_IN(func, log, PLOG_PRIORITY_TRACE, buf, static_cast<size_t>(std::max(0, std::min(size, capacity))));
-    return 0;
-}
-
-// The descriptors of the fields named by corvida_primary_key, in the
-// option's order. Returns 0, or -5 when a name (an empty one included) is not
-// a field.
-int CollectPrimaryKeyFields(const Descriptor* desc, KeyFieldList* fields) {
-    internal::TokenView tokens(desc->options().GetExtension(corvidaservice::corvida_primary_key), ',');
-    std::string_view token;
-    while (tokens.Next(&token)) {
-        const FieldDescriptor* field = internal::FindFieldByToken(desc, token);
-        if (field == nullptr) return -5;
-        fields->Add(field);
+    if (trace.open()) {
+        PBU_LOG_HEX_IN(func, trace.get(), PLOG_PRIORITY_TRACE, buf,
+                       static_cast<size_t>(std::max(0, std::min(size, capacity))));
     }
     return 0;
 }
 
-// What ExtractMsgKey derives from a table type's options before it writes a
-// byte: the cipher suite's name, and the key fields in ascending field number.
-struct PrimaryKeyPlan {
-    const Descriptor* desc = nullptr;         // the type planned for; null: none yet
-    const std::string* suite_name = nullptr;  // corvida_field_cipher_suite of desc
-    int result = 0;                           // 0, or -5 from CollectPrimaryKeyFields
-    KeyFieldList fields;
-};
+// The primary key of msg under plan (see ExtractMsgKey).
+int WritePrimaryKey(const KeyPlan& plan, CorvidaKVApi* pKVApi, const Message& msg, uint8_t* buf, int32_t& size,
+                    tagtbl_idl* idl, LPPLOGCATEGORYINST log, bool bCheck) {
+    KeySource source{};
+    int ret = OpenKeySource(kMsgKey, msg, plan, idl, log, &source);
+    if (ret != 0) return ret;
+    ret = OpenCipherSuite(kMsgKey, pKVApi, *plan.suite_name, log, &source);
+    if (ret != 0) return ret;
+    if (plan.primary_result != 0) return plan.primary_result;
 
-// Works out the plan of desc. The plan names its type only once it is
-// complete, so one left half-built by an allocation failure is never used.
-void BuildPlan(const Descriptor* desc, PrimaryKeyPlan* plan) {
-    plan->desc = nullptr;
-    plan->suite_name = &desc->options().GetExtension(corvidaservice::corvida_field_cipher_suite);
-    plan->fields.Clear();
-    plan->result = CollectPrimaryKeyFields(desc, &plan->fields);
-    // Key bytes must not depend on the order the option lists the names in.
-    plan->fields.SortByNumber();
-    plan->desc = desc;
+    CallLog trace(log, PLOG_PRIORITY_TRACE);
+    KeyOutput output(buf, size);
+    for (const KeyField& key : plan.primary) {
+        const FieldDescriptor* field = key.field;
+        const int before = output.ByteCount();
+        ret = output.Write(key, source, idl);
+        if (ret != 0) return ret;
+        // The suite, called to encrypt, might have changed the category.
+        if (key.how == KeyWrite::kEncrypted) trace.Wrote();
+        const int after = output.ByteCount();
+        PBU_FREQUENT_LINE(kMsgKey, trace, PLOG_PRIORITY_TRACE, "field:%s bCheck:%d byte count before:%d, after:%d",
+                          field->name().c_str(), static_cast<int>(bCheck), before, after);
+        if (bCheck && before >= after) {
+            PBU_LOG_IN(kMsgKey, log, PLOG_PRIORITY_ERROR, "key %s serialize bCheck:%d count:%d <= before:%d",
+                       field->name().c_str(), 1, after, before);
+            return -9;
+        }
+    }
+    return FinishKey(kMsgKey, &output, buf, size, trace);
 }
 
-// The plan of desc. A generated type lives as long as the process, so its
-// plan is kept in this thread's cache (slots chosen by address) and copied
-// out; a type of any other pool may be destroyed and another built at its
-// address, so its plan is worked out on every call. The copy keeps a plan in
-// use safe from a nested call (a cipher suite asking for a key) that reuses
-// its slot.
-void LoadPlan(const Descriptor* desc, PrimaryKeyPlan* plan) {
-    static const DescriptorPool* const generated = DescriptorPool::generated_pool();
-    if (desc->file()->pool() != generated) {
-        BuildPlan(desc, plan);
-        return;
+// The key of the fields numbered in vecFields of msg under plan (see
+// ExtractFieldKey).
+int WriteFieldKey(const KeyPlan& plan, CorvidaKVApi* pKVApi, const Message& msg, const std::vector<int>& vecFields,
+                  uint8_t* buf, int32_t& size, tagtbl_idl* idl, LPPLOGCATEGORYINST log) {
+    KeySource source{};
+    int ret = OpenKeySource(kFieldKey, msg, plan, idl, log, &source);
+    if (ret != 0) return ret;
+    ret = OpenCipherSuite(kFieldKey, pKVApi, *plan.suite_name, log, &source);
+    if (ret != 0) return ret;
+
+    CallLog trace(log, PLOG_PRIORITY_TRACE);
+    KeyOutput output(buf, size);
+    for (const int number : vecFields) {
+        const FieldDescriptor* field = source.desc->FindFieldByNumber(number);
+        if (field == nullptr) {
+            PBU_LOG_IN(kFieldKey, log, PLOG_PRIORITY_ERROR, "field num:%u not found.", static_cast<unsigned>(number));
+            trace.Wrote();
+            continue;
+        }
+        const KeyField& key = plan.by_index.empty() ? PlanKeyField(field) : plan.by_index[field->index()];
+        const int before = output.ByteCount();
+        ret = output.Write(key, source, idl);
+        if (ret != 0) return ret;
+        // The suite, called to encrypt, might have changed the category.
+        if (key.how == KeyWrite::kEncrypted) trace.Wrote();
+        const int after = output.ByteCount();
+        PBU_FREQUENT_LINE(kFieldKey, trace, PLOG_PRIORITY_TRACE, "field:%s byte count before:%d, after:%d",
+                          field->name().c_str(), before, after);
+        if (before >= after) {
+            PBU_LOG_IN(kFieldKey, log, PLOG_PRIORITY_ERROR, "key %s serialize count:%d <= before:%d",
+                       field->name().c_str(), after, before);
+            return -9;
+        }
     }
-    constexpr size_t kPlanSlots = 16;
-    thread_local PrimaryKeyPlan slots[kPlanSlots];
-    PrimaryKeyPlan& slot = slots[reinterpret_cast<uintptr_t>(desc) / sizeof(Descriptor) % kPlanSlots];
-    if (slot.desc != desc) BuildPlan(desc, &slot);
-    *plan = slot;
+    return FinishKey(kFieldKey, &output, buf, size, trace);
 }
 
 }  // namespace
 
-int ProtobufUtil::ExtractMsgKey(CorvidaKVApi* pKVApi, const Message& msg, uint8_t* buf, int32_t& size,
-                                tagtbl_idl* idl, LPPLOGCATEGORYINST log, bool bCheck) {
-    KeySource source{};
-    int ret = OpenKeySource(__func__, msg, idl, log, &source);
-    if (ret != 0) return ret;
-    PrimaryKeyPlan plan;
-    LoadPlan(source.desc, &plan);
-    ret = OpenCipherSuite(__func__, pKVApi, *plan.suite_name, log, &source);
-    if (ret != 0) return ret;
-    if (plan.result != 0) return plan.result;
-
-    KeyOutput output(buf, size);
-    for (const KeyField& key : plan.fields) {
-        const FieldDescriptor* field = key.field;
-        const int before = output.ByteCount();
-        ret = output.Write(field, key.how, source, idl);
-        if (ret != 0) return ret;
-        const int after = output.ByteCount();
-        PBU_LOG_TRACE(log, "field:%s bCheck:%d byte count before:%d, after:%d", field->name().c_str(),
-                      static_cast<int>(bCheck), before, after);
-        if (bCheck && before >= after) {
-            PBU_LOG_ERROR(log, "key %s serialize bCheck:%d count:%d <= before:%d", field->name().c_str(), 1, after,
-                          before);
-            return -9;
-        }
+int ProtobufUtil::ExtractMsgKey(CorvidaKVApi* pKVApi, const Message& msg, uint8_t* buf, int32_t& size, tagtbl_idl* idl,
+                                LPPLOGCATEGORYINST log, bool bCheck) {
+    if (const KeyPlan* kept = KeyPlans::Find(&typeid(msg))) {
+        return WritePrimaryKey(*kept, pKVApi, msg, buf, size, idl, log, bCheck);
     }
-    return FinishKey(__func__, &output, buf, size, log);
+    std::optional<KeyPlan> local;
+    return WritePrimaryKey(*PlanNow(msg, true, &local), pKVApi, msg, buf, size, idl, log, bCheck);
 }
 
 int ProtobufUtil::GetMsgKeyNames(const Message& msg, std::set<std::string>& setKeyNames) {
@@ -469,32 +571,11 @@ int ProtobufUtil::GetMsgKeyNames(const Message& msg, std::set<std::string>& setK
 
 int ProtobufUtil::ExtractFieldKey(CorvidaKVApi* pKVApi, const Message& msg, const std::vector<int>& vecFields,
                                   uint8_t* buf, int32_t& size, tagtbl_idl* idl, LPPLOGCATEGORYINST log) {
-    KeySource source{};
-    int ret = OpenKeySource(__func__, msg, idl, log, &source);
-    if (ret != 0) return ret;
-    ret =
-        OpenCipherSuite(__func__, pKVApi,
-                        source.desc->options().GetExtension(corvidaservice::corvida_field_cipher_suite), log, &source);
-    if (ret != 0) return ret;
-
-    KeyOutput output(buf, size);
-    for (const int number : vecFields) {
-        const FieldDescriptor* field = source.desc->FindFieldByNumber(number);
-        if (field == nullptr) {
-            PBU_LOG_ERROR(log, "field num:%u not found.", static_cast<unsigned>(number));
-            continue;
-        }
-        const int before = output.ByteCount();
-        ret = output.Write(field, HowToWrite(field), source, idl);
-        if (ret != 0) return ret;
-        const int after = output.ByteCount();
-        PBU_LOG_TRACE(log, "field:%s byte count before:%d, after:%d", field->name().c_str(), before, after);
-        if (before >= after) {
-            PBU_LOG_ERROR(log, "key %s serialize count:%d <= before:%d", field->name().c_str(), after, before);
-            return -9;
-        }
+    if (const KeyPlan* kept = KeyPlans::Find(&typeid(msg))) {
+        return WriteFieldKey(*kept, pKVApi, msg, vecFields, buf, size, idl, log);
     }
-    return FinishKey(__func__, &output, buf, size, log);
+    std::optional<KeyPlan> local;
+    return WriteFieldKey(*PlanNow(msg, false, &local), pKVApi, msg, vecFields, buf, size, idl, log);
 }
 
 }  // namespace PROTOBUF_UTIL

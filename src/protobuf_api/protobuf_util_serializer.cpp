@@ -5,6 +5,7 @@
 #include <google/protobuf/wire_format_lite.h>
 
 #include "protobuf_api/protobuf_util.h"
+#include "protobuf_api/protobuf_util_fields.h"
 
 namespace PROTOBUF_UTIL {
 namespace {
@@ -92,20 +93,7 @@ void WriteValue(const FieldDescriptor* field, const Message& message, const Refl
         WriteScalar(field, CORVIDA_VALUE_OF(GETTER), packed, output, &WireFormatLite::Write##WRITER,     \
                     &WireFormatLite::Write##WRITER##NoTag);                                              \
         break;
-        CORVIDA_SCALAR_CASE(TYPE_INT32, Int32, Int32)
-        CORVIDA_SCALAR_CASE(TYPE_INT64, Int64, Int64)
-        CORVIDA_SCALAR_CASE(TYPE_UINT32, UInt32, UInt32)
-        CORVIDA_SCALAR_CASE(TYPE_UINT64, UInt64, UInt64)
-        CORVIDA_SCALAR_CASE(TYPE_SINT32, Int32, SInt32)
-        CORVIDA_SCALAR_CASE(TYPE_SINT64, Int64, SInt64)
-        CORVIDA_SCALAR_CASE(TYPE_FIXED32, UInt32, Fixed32)
-        CORVIDA_SCALAR_CASE(TYPE_FIXED64, UInt64, Fixed64)
-        CORVIDA_SCALAR_CASE(TYPE_SFIXED32, Int32, SFixed32)
-        CORVIDA_SCALAR_CASE(TYPE_SFIXED64, Int64, SFixed64)
-        CORVIDA_SCALAR_CASE(TYPE_FLOAT, Float, Float)
-        CORVIDA_SCALAR_CASE(TYPE_DOUBLE, Double, Double)
-        CORVIDA_SCALAR_CASE(TYPE_BOOL, Bool, Bool)
-        CORVIDA_SCALAR_CASE(TYPE_ENUM, EnumValue, Enum)
+        CORVIDA_FOR_EACH_SCALAR_TYPE(CORVIDA_SCALAR_CASE)
 #undef CORVIDA_SCALAR_CASE
         case FieldDescriptor::TYPE_GROUP:
         case FieldDescriptor::TYPE_MESSAGE:

@@ -52,11 +52,19 @@ public:
         return true;
     }
 
-private:
+    // s without the white space (isWhitespace) at its ends.
     static std::string_view Trim(std::string_view s) {
-        while (!s.empty() && isWhitespace(s.front())) s.remove_prefix(1);
-        while (!s.empty() && isWhitespace(s.back())) s.remove_suffix(1);
+        while (!s.empty() && IsSpace(s.front())) s.remove_prefix(1);
+        while (!s.empty() && IsSpace(s.back())) s.remove_suffix(1);
         return s;
+    }
+
+private:
+    // isWhitespace, without its call for the printable ASCII characters,
+    // which are white space in no locale: names and numbers are made of them.
+    static bool IsSpace(char c) {
+        const unsigned char byte = static_cast<unsigned char>(c);
+        return (byte <= 0x20 || byte >= 0x7f) && isWhitespace(c);
     }
 
     std::string_view m_text;

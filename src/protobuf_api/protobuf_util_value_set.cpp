@@ -1,17 +1,25 @@
 // Value sets: cutting requested fields of a message into a value set for a
 // write, and merging the fields of a returned value set back into a message.
 //
-// Both directions run on every request, so they work on the caller's buffers
-// directly (the field bytes are serialized straight into the builder's region
-// and parsed straight from the set), read paths in place instead of splitting
-// them into strings, and reuse their scratch strings from one field to the
-// next: an ordinary call allocates nothing of its own.
+// Both directions run on every request. They read paths in place instead of
+// splitting them into strings, find fields of generated types through maps
+// kept per type, keep the sub-messages the last path walked through, and ask
+// the log category about debug lines once rather than before each (CallLog).
+// A cut encodes plain fields straight into the builder's region. A merge
+// vouches for the bytes of each plain field and hands those of one message
+// to protobuf's parser together (PendingMerges), and merges anything else
+// field by field through reflection, as it always did. An ordinary call
+// allocates nothing of its own.
 #include <sys/types.h>
 
+#include <algorithm>
 #include <charconv>
 #include <climits>
 #include <cstdint>
+#include <cstring>
+#include <memory>
 #include <string_view>
+#include <vector>
 
 #include <google/protobuf/descriptor.pb.h>
 #include <google/protobuf/io/coded_stream.h>
@@ -20,7 +28,9 @@
 
 #include "corvidaservice.optionv1.pb.h"
 #include "protobuf_api/protobuf_util.h"
+#include "protobuf_api/protobuf_util_fields.h"
 #include "protobuf_api/protobuf_util_log.h"
+#include "protobuf_api/protobuf_util_plans.h"
 #include "protobuf_api/protobuf_util_tokens.h"
 
 namespace PROTOBUF_UTIL {
@@ -35,9 +45,11 @@ using google::protobuf::FieldDescriptor;
 using google::protobuf::Message;
 using google::protobuf::Reflection;
 using google::protobuf::internal::WireFormat;
+using google::protobuf::internal::WireFormatLite;
 using google::protobuf::io::ArrayOutputStream;
 using google::protobuf::io::CodedInputStream;
 using google::protobuf::io::CodedOutputStream;
+using google::protobuf::io::EpsCopyOutputStream;
 
 // The value-set layout this module writes.
 constexpr int kValueSetVersion = 1;
@@ -47,132 +59,379 @@ constexpr char kFill[] = "FillValueSetWithMsg";
 constexpr char kMerge[] = "FillMsgFromField";
 
 // ---------------------------------------------------------------------------
+// The fields of a message type as the value-set operations use them.
+// ---------------------------------------------------------------------------
+
+// One field: what a walk through it, a cut of it and a merge into it need.
+struct FieldEntry {
+    const FieldDescriptor* field = nullptr;
+    const Descriptor* message_type = nullptr;  // of a message field
+    bool plain = false;                        // internal::IsPlain: cut with internal::WritePlain
+    internal::PlainField encoding;
+    uint8_t number_size = 0;
+    char number[11] = {};  // the field number in decimal, as a tag path has it
+    uint32_t key = 0;      // the field's key as its writers write it (WireFormat::MakeTag)
+    bool crypto = false;   // corvida_crypto
+    bool grouped = false;  // merged together with other fields of its message (Vouch)
+};
+
+FieldEntry MakeEntry(const FieldDescriptor* field) {
+    FieldEntry entry;
+    entry.field = field;
+    entry.message_type = field->message_type();
+    entry.plain = internal::IsPlain(field);
+    if (entry.plain) entry.encoding = internal::PlanPlainField(field);
+    entry.key = WireFormat::MakeTag(field);
+    entry.crypto = field->options().GetExtension(corvidaservice::corvida_crypto);
+    // A field of a oneof clears the others when it is merged, which depends
+    // on the order of the merges.
+    entry.grouped = entry.plain && field->real_containing_oneof() == nullptr;
+    // The decimal text ConcatFieldPath writes: the number taken as unsigned.
+    const std::to_chars_result end =
+        std::to_chars(entry.number, entry.number + sizeof(entry.number), static_cast<unsigned>(field->number()));
+    entry.number_size = static_cast<uint8_t>(end.ptr - entry.number);
+    return entry;
+}
+
+// The fields of one generated message type, by index, by name and by
+// number.
+struct MessageFields {
+    const void* key = nullptr;  // the descriptor
+    std::vector<FieldEntry> entries;
+    std::vector<int> slots;  // open addressing by NameHash: entry index + 1, 0 for none
+    size_t mask = 0;
+    std::vector<int> numbers;   // by field number: entry index + 1, 0 for none; up to kNumbers
+    unsigned number_count = 0;  // numbers.size()
+
+    static constexpr int kNumbers = 1024;
+
+    // The field numbered `number` (the one FindFieldByNumber finds), or null.
+    const FieldEntry* FindNumber(const Descriptor* desc, int number) const {
+        if (static_cast<unsigned>(number) < number_count) {
+            const int slot = numbers[static_cast<size_t>(number)];
+            return slot == 0 ? nullptr : &entries[static_cast<size_t>(slot - 1)];
+        }
+        if (number < kNumbers) return nullptr;
+        const FieldDescriptor* field = desc->FindFieldByNumber(number);
+        return field == nullptr ? nullptr : &entries[static_cast<size_t>(field->index())];
+    }
+
+    static size_t NameHash(std::string_view name) {
+        return name.empty() ? 0
+                            : name.size() * 131 + static_cast<unsigned char>(name.front()) * 31 +
+                                  static_cast<unsigned char>(name.back());
+    }
+
+    // The field named `name` (the same field FindFieldByName finds), or null.
+    const FieldEntry* Find(std::string_view name) const {
+        for (size_t at = NameHash(name);; ++at) {
+            const int slot = slots[at & mask];
+            if (slot == 0) return nullptr;
+            const FieldEntry& entry = entries[static_cast<size_t>(slot - 1)];
+            if (entry.field->name() == name) return &entry;
+        }
+    }
+};
+
+// The fields of desc, planned and kept when desc is of the generated pool;
+// null otherwise, or when none can be kept.
+const MessageFields* KeptFields(const Descriptor* desc) {
+    using Plans = internal::PlanCache<MessageFields>;
+    if (!internal::IsGeneratedType(desc)) return nullptr;
+    if (const MessageFields* kept = Plans::Find(desc)) return kept;
+    std::unique_ptr<MessageFields> fields(new (std::nothrow) MessageFields);
+    if (fields == nullptr) return nullptr;
+    fields->key = desc;
+    const size_t count = static_cast<size_t>(desc->field_count());
+    fields->entries.reserve(count);
+    for (size_t i = 0; i < count; ++i) fields->entries.push_back(MakeEntry(desc->field(static_cast<int>(i))));
+    size_t size = 1;
+    while (size < 2 * count + 1) size *= 2;
+    fields->slots.assign(size, 0);
+    fields->mask = size - 1;
+    for (size_t i = 0; i < count; ++i) {
+        size_t at = MessageFields::NameHash(fields->entries[i].field->name());
+        while (fields->slots[at & fields->mask] != 0) ++at;
+        fields->slots[at & fields->mask] = static_cast<int>(i) + 1;
+        const int number = fields->entries[i].field->number();
+        if (number >= MessageFields::kNumbers) continue;
+        if (fields->numbers.size() <= static_cast<size_t>(number)) fields->numbers.resize(number + 1, 0);
+        fields->numbers[static_cast<size_t>(number)] = static_cast<int>(i) + 1;
+    }
+    fields->number_count = static_cast<unsigned>(fields->numbers.size());
+    return Plans::Publish(fields);
+}
+
+// The field of desc named `name` (as FindFieldByName), or null; fields are
+// desc's kept fields, if any, else the entry lives in *scratch.
+const FieldEntry* FieldByName(const MessageFields* fields, const Descriptor* desc, std::string_view name,
+                              FieldEntry* scratch) {
+    if (fields != nullptr) return fields->Find(name);
+    const FieldDescriptor* field = internal::FindFieldByToken(desc, name);
+    if (field == nullptr) return nullptr;
+    *scratch = MakeEntry(field);
+    return scratch;
+}
+
+// The field of desc numbered `number` (as FindFieldByNumber), or null;
+// fields are desc's kept fields, if any, else the entry lives in *scratch.
+const FieldEntry* FieldByNumber(const MessageFields* fields, const Descriptor* desc, int number, FieldEntry* scratch) {
+    if (fields != nullptr) return fields->FindNumber(desc, number);
+    const FieldDescriptor* field = desc->FindFieldByNumber(number);
+    if (field == nullptr) return nullptr;
+    *scratch = MakeEntry(field);
+    return scratch;
+}
+
+// ---------------------------------------------------------------------------
 // Cutting fields into a value set.
 // ---------------------------------------------------------------------------
 
-// Checks dotted path p against the limits and against the other requested
-// paths. On success *names is the number of its names.
-int CheckDottedPath(const std::string& p, const std::set<std::string>& dottedpaths, size_t* names,
-                    LPPLOGCATEGORYINST log) {
+// The names of a dotted path, as views into it: the tokens TokenSplit would
+// make of it on ".", of which the first kMax are kept; and whether the path
+// holds a NUL byte.
+class NamePath {
+public:
+    static constexpr size_t kMax = CORVIDA_PROTOBUF_MAX_TAG_DEPTH;
+
+    explicit NamePath(const std::string& p) : m_has_nul(std::memchr(p.data(), '\0', p.size()) != nullptr) {
+        const std::string_view text(p);
+        size_t last = 0;
+        for (size_t at = text.find('.'); at != std::string_view::npos; at = text.find('.', last)) {
+            Add(text.substr(last, at - last));
+            last = at + 1;
+        }
+        // Only a non-empty tail is a name: a trailing "." adds none.
+        if (last < text.size()) Add(text.substr(last));
+    }
+
+    size_t count() const { return m_count; }
+    bool has_nul() const { return m_has_nul; }
+    // Name i (i below kMax and count()).
+    std::string_view name(size_t i) const { return std::string_view(m_names[i].data, m_names[i].size); }
+
+private:
+    void Add(std::string_view name) {
+        if (m_count < kMax) {
+            name = internal::TokenView::Trim(name);
+            m_names[m_count] = Span{name.data(), name.size()};
+        }
+        ++m_count;
+    }
+
+    // Left uninitialized: most paths have a name or two.
+    struct Span {
+        const char* data;
+        size_t size;
+    };
+    Span m_names[kMax];
+    size_t m_count = 0;
+    bool m_has_nul;
+};
+
+// True when `path` (without a NUL byte) followed by "." begins an element of
+// the set from `next` on, the element after path: the elements that begin
+// with path follow it in the set's order, one after another.
+bool LeadsAnother(const std::string& path, std::set<std::string>::const_iterator next,
+                  std::set<std::string>::const_iterator end) {
+    for (; next != end && next->size() >= path.size() && std::memcmp(next->data(), path.data(), path.size()) == 0;
+         ++next) {
+        if (next->size() > path.size() && (*next)[path.size()] == '.') return true;
+    }
+    return false;
+}
+
+// Checks dotted path p, whose names are `names` and which the set holds
+// before `next`, against the limits and against the other requested paths.
+int CheckDottedPath(const std::string& p, std::set<std::string>::const_iterator next,
+                    const std::set<std::string>& dottedpaths, const NamePath& names, CallLog& log) {
     if (p.size() >= CORVIDA_PROTOBUF_MAX_TAG_PATH) {
-        PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "size of dottedpath:%s exceed max:%u.", p.c_str(),
+        PBU_LOG_IN(kFill, log.get(), PLOG_PRIORITY_ERROR, "size of dottedpath:%s exceed max:%u.", p.c_str(),
                    static_cast<unsigned>(CORVIDA_PROTOBUF_MAX_TAG_PATH));
         return GEN_ERR_INVALID_ARGUMENTS;
     }
     // Against every requested path, not only those already cut: a sub-message
-    // and a field inside it cannot both be written.
-    if (VerifyTagPath(p, dottedpaths, log) != 0) {
-        PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "dottedpath:%s duplicated.", p.c_str());
+    // and a field inside it cannot both be written. VerifyTagPath reads the
+    // path up to a NUL byte; only such a path is not judged by its neighbours.
+    const bool suspect = names.has_nul() || LeadsAnother(p, next, dottedpaths.end());
+    if (suspect && VerifyTagPath(p, dottedpaths, log.get()) != 0) {
+        PBU_LOG_IN(kFill, log.get(), PLOG_PRIORITY_ERROR, "dottedpath:%s duplicated.", p.c_str());
         return GEN_ERR_INVALID_ARGUMENTS;
     }
-    *names = internal::TokenView(p, '.').Count();
-    if (*names == 0) {
-        PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "dottedpath:%s pathsize[%zd] invalid.", p.c_str(),
+    if (names.count() == 0) {
+        PBU_LOG_IN(kFill, log.get(), PLOG_PRIORITY_ERROR, "dottedpath:%s pathsize[%zd] invalid.", p.c_str(),
                    static_cast<ssize_t>(0));
         return GEN_ERR_INVALID_ARGUMENTS;
     }
-    if (*names > CORVIDA_PROTOBUF_MAX_TAG_DEPTH) {
-        PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "dottedpath:%s pathsize[%zd] exceed max(%u) invalid.", p.c_str(),
-                   static_cast<ssize_t>(*names), static_cast<unsigned>(CORVIDA_PROTOBUF_MAX_TAG_DEPTH));
+    if (names.count() > NamePath::kMax) {
+        PBU_LOG_IN(kFill, log.get(), PLOG_PRIORITY_ERROR, "dottedpath:%s pathsize[%zd] exceed max(%u) invalid.",
+                   p.c_str(), static_cast<ssize_t>(names.count()),
+                   static_cast<unsigned>(CORVIDA_PROTOBUF_MAX_TAG_DEPTH));
         return GEN_ERR_INVALID_ARGUMENTS;
     }
     return 0;
 }
 
-// Appends a field number to a tag path, after a "." unless the path is
-// empty, as the decimal text ConcatFieldPath writes (the number taken as
-// unsigned).
-void AppendTagNumber(int number, std::string& tagpath) {
-    char text[16];
-    const std::to_chars_result end = std::to_chars(text, text + sizeof(text), static_cast<unsigned>(number));
-    if (!tagpath.empty()) tagpath += '.';
-    tagpath.append(text, end.ptr);
-}
+// The key names of a call, looked up for every path.
+class KeyNames {
+public:
+    explicit KeyNames(const std::set<std::string>& names) : m_names(names) {
+        // A table has a few key names: comparing them all costs less than the
+        // set's search, which wants a std::string.
+        if (names.size() > kFew) return;
+        for (const std::string& name : names) m_few[m_count++] = name;
+    }
+
+    // True when the set holds `name`.
+    bool Holds(std::string_view name) {
+        if (m_names.size() > kFew) {
+            m_scratch.assign(name.data(), name.size());
+            return m_names.count(m_scratch) != 0;
+        }
+        for (size_t i = 0; i < m_count; ++i) {
+            if (m_few[i] == name) return true;
+        }
+        return false;
+    }
+
+private:
+    static constexpr size_t kFew = 8;
+    const std::set<std::string>& m_names;
+    std::string_view m_few[kFew];
+    size_t m_count = 0;
+    std::string m_scratch;
+};
 
 // The message a walk starts from, with what every path needs of it.
 struct WalkRoot {
     Message* msg;
     const Descriptor* desc;
     const Reflection* reflection;
+    const MessageFields* fields;  // desc's, when kept
 };
 
-// Resolves the `names` names of dotted path p from root.msg down. On success
-// *fieldDesc is the last field, *lastmsg the message that holds it
-// (sub-messages on the way are created in msg) and fieldPath, empty before,
-// the tag path. name is scratch space for one name.
-int WalkNamePath(const WalkRoot& root, const std::string& p, size_t names, const FieldDescriptor** fieldDesc,
-                 Message** lastmsg, std::string& fieldPath, std::string& name, LPPLOGCATEGORYINST log) {
+// The sub-messages the last walk went through, so that the next path under
+// the same ones does not ask for them again: paths come in the set's order,
+// so the fields of one sub-message come one after another. A walk only
+// creates sub-messages, which stay where they are for the rest of the call.
+struct WalkMemo {
+    static constexpr size_t kLevels = CORVIDA_PROTOBUF_MAX_TAG_DEPTH;
+    struct Level {
+        const FieldDescriptor* field;  // the message field walked into
+        Message* msg;                  // the sub-message
+        const Reflection* reflection;  // its reflection
+        const MessageFields* fields;   // its type's fields, when kept
+    };
+    Level levels[kLevels];
+    size_t depth = 0;  // valid levels
+};
+
+// The end of one walk: the last field and the message that holds it.
+struct CutTarget {
+    const FieldEntry* entry = nullptr;
+    Message* holder = nullptr;
+    const Reflection* reflection = nullptr;  // the holder's
+};
+
+// Resolves the names of dotted path p from root.msg down. On success *target
+// is the last field and its holder (sub-messages on the way are created in
+// msg), and tagpath (NUL-terminated) the tag path. *scratch holds the entry
+// of a field of a type whose fields are not kept.
+int WalkNamePath(const WalkRoot& root, const NamePath& names, WalkMemo* memo, CutTarget* target, char* tagpath,
+                 FieldEntry* scratch, CallLog& log) {
     const Descriptor* lastDesc = root.desc;
-    *lastmsg = root.msg;
-    internal::TokenView namePath(p, '.');
-    std::string_view component;
-    for (size_t i = 0; i < names && namePath.Next(&component); ++i) {
-        name.assign(component.data(), component.size());
-        const FieldDescriptor* field = internal::FindFieldByToken(lastDesc, component);
-        if (field == nullptr) {
-            PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "field %s not exist.", name.c_str());
+    Message* lastmsg = root.msg;
+    const Reflection* reflection = root.reflection;
+    const MessageFields* fields = root.fields;
+    char* end = tagpath;
+    for (size_t i = 0; i < names.count(); ++i) {
+        const std::string_view name = names.name(i);
+        const int length = static_cast<int>(name.size());
+        const FieldEntry* entry = FieldByName(fields, lastDesc, name, scratch);
+        if (entry == nullptr) {
+            PBU_LOG_IN(kFill, log.get(), PLOG_PRIORITY_ERROR, "field %.*s not exist.", length, name.data());
             return GEN_ERR_INVALID_ARGUMENTS;
         }
+        const FieldDescriptor* field = entry->field;
         // A repeated field has no single element to cut, nor to walk into.
         if (field->is_repeated()) {
-            PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "field %s is repeated type, unsupported.", name.c_str());
+            PBU_LOG_IN(kFill, log.get(), PLOG_PRIORITY_ERROR, "field %.*s is repeated type, unsupported.", length,
+                       name.data());
             return API_ERR_UNSUPPORT_FIELD_TYPE;
         }
-        AppendTagNumber(field->number(), fieldPath);
-        *fieldDesc = field;
-        if (i + 1 == names) break;
+        if (end != tagpath) *end++ = '.';
+        // All of `number`: the bytes past its digits are overwritten next.
+        std::memcpy(end, entry->number, sizeof(entry->number));
+        end += entry->number_size;
+        *end = '\0';
+        if (i + 1 == names.count()) {
+            *target = CutTarget{entry, lastmsg, reflection};
+            return 0;
+        }
 
-        lastDesc = field->message_type();
+        lastDesc = entry->message_type;
         if (lastDesc == nullptr) {
-            PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "field %s message not exist.", name.c_str());
+            PBU_LOG_IN(kFill, log.get(), PLOG_PRIORITY_ERROR, "field %.*s message not exist.", length, name.data());
             return GEN_ERR_INVALID_ARGUMENTS;
         }
-        if (*lastmsg == nullptr) {
-            PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "field %s lastmsg not exist.", name.c_str());
-            return GEN_ERR_INVALID_ARGUMENTS;
-        }
-        const Reflection* reflection = *lastmsg == root.msg ? root.reflection : (*lastmsg)->GetReflection();
         if (reflection == nullptr) {
-            PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "field %s lastmsg reflection not exist.", name.c_str());
+            PBU_LOG_IN(kFill, log.get(), PLOG_PRIORITY_ERROR, "field %.*s lastmsg reflection not exist.", length,
+                       name.data());
             return GEN_ERR_INVALID_ARGUMENTS;
         }
-        *lastmsg = reflection->MutableMessage(*lastmsg, field);
+        if (i >= memo->depth || memo->levels[i].field != field) {
+            Message* sub = reflection->MutableMessage(lastmsg, field);
+            memo->levels[i] = WalkMemo::Level{field, sub, sub->GetReflection(), KeptFields(lastDesc)};
+            memo->depth = i + 1;
+        }
+        lastmsg = memo->levels[i].msg;
+        reflection = memo->levels[i].reflection;
+        fields = memo->levels[i].fields;
     }
     return 0;
 }
 
-// Appends a record for fieldDesc of lastmsg under fieldPath and serializes
-// the field (its key, then its value) straight into the record's region.
-int CutField(PbValueSetBuffer& vsb, const FieldDescriptor* fieldDesc, const Message& lastmsg,
-             const std::string& fieldPath, LPPLOGCATEGORYINST log) {
-    PbValueSetBuffer::Field field = {-1, fieldPath.c_str(), nullptr, 0, -1};
+// Appends a record for the target field under tagpath and serializes the
+// field (its key, then its value) straight into the record's region.
+int CutField(PbValueSetBuffer& vsb, const CutTarget& target, const char* tagpath, CallLog& log) {
+    PbValueSetBuffer::Field field = {-1, tagpath, nullptr, 0, -1};
     int ret = vsb.InsertCutField(field);
     if (ret != 0) {
-        PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "vsb.InsertCutField() failed, ret=%d, path=%s", ret,
-                   fieldPath.c_str());
+        PBU_LOG_IN(kFill, log.get(), PLOG_PRIORITY_ERROR, "vsb.InsertCutField() failed, ret=%d, path=%s", ret, tagpath);
         return GEN_ERR_ERR;
     }
-    int written = 0;
-    {
-        // The region is writable although Field::buf is const. The coded
-        // stream keeps the last bytes in its own buffer until it is flushed,
-        // so the record is closed only after this scope.
-        ArrayOutputStream region(const_cast<char*>(field.buf), field.buf_len);
-        CodedOutputStream output(&region);
-        WireFormat::SerializeFieldWithCachedSizes(fieldDesc, lastmsg, &output);
+    // The region is writable although Field::buf is const.
+    uint8_t* region = reinterpret_cast<uint8_t*>(const_cast<char*>(field.buf));
+    int written = -1;
+    if (target.entry->plain) {
+        // Written in place when the field ends clear of the last bytes of the
+        // region, where a coded stream over the region would write the same
+        // bytes and count them.
+        internal::InPlace sink(region);
+        if (internal::WritePlain(target.entry->encoding, target.reflection, *target.holder, false,
+                                 int64_t{field.buf_len} - EpsCopyOutputStream::kSlopBytes,
+                                 sink) == internal::Plain::kWritten) {
+            written = static_cast<int>(sink.end() - region);
+        }
+    }
+    if (written < 0) {
+        // The coded stream keeps the last bytes in its own buffer until it is
+        // flushed, so the record is closed only after this scope.
+        ArrayOutputStream array(region, field.buf_len);
+        CodedOutputStream output(&array);
+        WireFormat::SerializeFieldWithCachedSizes(target.entry->field, *target.holder, &output);
         // The stream is not checked for overflow: of a field larger than the
         // region only what the stream could write is kept, and the record is
         // closed with that shorter length, which the stream counts.
-        written = output.ByteCount();
+        written = static_cast<int>(output.ByteCount());
     }
     ret = vsb.FinishCutField(field.idx, written);
     if (ret != 0) {
-        PBU_LOG_IN(kFill, log, PLOG_PRIORITY_ERROR, "vsb.FinishCutField() failed, ret=%d, path=%s", ret,
-                   fieldPath.c_str());
+        PBU_LOG_IN(kFill, log.get(), PLOG_PRIORITY_ERROR, "vsb.FinishCutField() failed, ret=%d, path=%s", ret, tagpath);
         return GEN_ERR_ERR;
     }
-    PBU_LOG_IN(kFill, log, PLOG_PRIORITY_DEBUG, "field #%u, tagpath:%s.", static_cast<unsigned>(vsb.GetFieldNum()),
-               fieldPath.c_str());
+    PBU_FREQUENT_LINE(kFill, log, PLOG_PRIORITY_DEBUG, "field #%u, tagpath:%s.",
+                      static_cast<unsigned>(vsb.GetFieldNum()), tagpath);
     return 0;
 }
 
@@ -192,77 +451,298 @@ uint32_t ComponentNumber(std::string_view component) {
     return static_cast<uint32_t>(value);
 }
 
-// The walk of one tag path: the field it names, the message that holds it
-// and the number of its last component.
+// The components of a tag path, one after another, as TokenView yields them
+// (split on ".", trimmed, no token for a trailing "."), each with the number
+// ComponentNumber reads from it. A path of digits and dots alone, as the
+// value-set writer makes them, is read without TokenView.
+class TagPathReader {
+public:
+    explicit TagPathReader(const char* path) : m_path(path) {
+        const char* at = path;
+        size_t dots = 0;
+        for (;; ++at) {
+            const unsigned char c = static_cast<unsigned char>(*at);
+            if (static_cast<unsigned>(c - '0') <= 9u) continue;
+            if (c == '.') {
+                ++dots;
+            } else if (c == '\0') {
+                break;
+            } else {
+                m_digits_only = false;
+            }
+        }
+        m_end = at;
+        m_count = dots + (at == path || at[-1] == '.' ? 0 : 1);
+        if (!m_digits_only) m_tokens = internal::TokenView(std::string_view(path, static_cast<size_t>(at - path)), '.');
+    }
+
+    // How many components Next yields.
+    size_t count() const { return m_count; }
+
+    // The next component and its number; to be called at most count() times.
+    void Next(std::string_view* component, uint32_t* number) {
+        if (!m_digits_only) {
+            m_tokens.Next(component);
+            *number = ComponentNumber(*component);
+            return;
+        }
+        // Above UINT32_MAX the value sticks at kOver: more digits cannot
+        // bring it back.
+        constexpr uint64_t kOver = uint64_t{UINT32_MAX} + 1;
+        const char* begin = m_path;
+        uint64_t value = 0;
+        for (; m_path < m_end && *m_path != '.'; ++m_path) {
+            value = std::min(value * 10 + static_cast<uint64_t>(*m_path - '0'), kOver);
+        }
+        *component = std::string_view(begin, static_cast<size_t>(m_path - begin));
+        *number = value == kOver ? UINT32_MAX : static_cast<uint32_t>(value);
+        ++m_path;  // past the "."
+    }
+
+private:
+    const char* m_path;  // where the next component begins
+    const char* m_end;
+    size_t m_count = 0;
+    bool m_digits_only = true;
+    internal::TokenView m_tokens{std::string_view(), '.'};  // for paths of other characters
+};
+
+// Longest value merged together with others of its message; a longer one is
+// merged alone, so that the bytes copied for a group stay few.
+constexpr int kGroupedValueBytes = 1024;
+
+// Reads a varint of at most `max` bytes from [*at, end); false when it is
+// longer, runs past end, or (as the tenth byte) holds more than the last bit
+// of a 64-bit value.
+bool SkipVarint(const uint8_t** at, const uint8_t* end, int max, uint64_t* value) {
+    uint64_t result = 0;
+    for (int i = 0; i < max && *at < end; ++i) {
+        const uint8_t byte = *(*at)++;
+        if (i == 9 && byte > 1) return false;
+        result |= static_cast<uint64_t>(byte & 0x7f) << (7 * i);
+        if (byte < 0x80) {
+            *value = result;
+            return true;
+        }
+    }
+    return false;
+}
+
+// The length of the key and first value of a record for a grouped field,
+// when they are such that protobuf's parser, given them among the fields of
+// the message, merges them exactly as the straightforward merge does alone
+// (clear the field, ParseAndMergeField, ignore what follows); 0 otherwise.
+// So the key must be the field's own in its canonical bytes, the value
+// complete and of the encoding every parser reads alike (no over-long
+// varint), a string valid UTF-8 (else protobuf fails or reports it), an
+// enum of a proto2 field one of its values (else protobuf keeps it aside, in
+// ways that differ), and the whole not long.
+int Vouch(const FieldEntry& entry, const char* buf, int buf_len) {
+    const internal::PlainField& plain = entry.encoding;
+    if (buf_len <= plain.tag_size || static_cast<uint8_t>(buf[0]) != plain.tag[0]) return 0;
+    for (int i = 1; i < plain.tag_size; ++i) {
+        if (static_cast<uint8_t>(buf[i]) != plain.tag[i]) return 0;
+    }
+    const uint8_t* at = reinterpret_cast<const uint8_t*>(buf) + plain.tag_size;
+    const uint8_t* end = reinterpret_cast<const uint8_t*>(buf) + buf_len;
+    uint64_t value = 0;
+    switch (WireFormatLite::GetTagWireType(entry.key)) {
+        case WireFormatLite::WIRETYPE_VARINT:
+            if (!SkipVarint(&at, end, 10, &value)) return 0;
+            if (plain.type == FieldDescriptor::TYPE_ENUM && !plain.proto3 &&
+                entry.field->enum_type()->FindValueByNumber(static_cast<int>(static_cast<uint32_t>(value))) ==
+                    nullptr) {
+                return 0;
+            }
+            break;
+        case WireFormatLite::WIRETYPE_FIXED32:
+            if (end - at < 4) return 0;
+            at += 4;
+            break;
+        case WireFormatLite::WIRETYPE_FIXED64:
+            if (end - at < 8) return 0;
+            at += 8;
+            break;
+        case WireFormatLite::WIRETYPE_LENGTH_DELIMITED:
+            if (!SkipVarint(&at, end, 4, &value) || value > static_cast<uint64_t>(end - at)) return 0;
+            if (plain.type == FieldDescriptor::TYPE_STRING &&
+                !google::protobuf::internal::IsStructurallyValidUTF8(reinterpret_cast<const char*>(at),
+                                                                     static_cast<int>(value))) {
+                return 0;
+            }
+            at += value;
+            break;
+        default: return 0;
+    }
+    const int size = static_cast<int>(at - reinterpret_cast<const uint8_t*>(buf));
+    return size - plain.tag_size <= kGroupedValueBytes ? size : 0;
+}
+
+// Vouched records (Vouch) waiting to be merged, each the key and first value
+// of one field. They are merged message by message, all records of one
+// message in one parse by protobuf's parser (the message's own, table-driven
+// for generated types), in their order: a later record of a field replaces
+// an earlier one, as it does when the records are merged one by one. Their
+// fields are singular scalars, strings and bytes outside oneofs, so records
+// of other messages, and the walks that create sub-messages, do not touch
+// them: merging them later, together, gives the message the straightforward
+// merge gives it, and neither clearing them first nor anything else would
+// change a byte. Before anything that may (a record that is not vouched for,
+// a walk that switches a oneof) everything pending is merged.
+class PendingMerges {
+public:
+    PendingMerges() = default;
+    PendingMerges(const PendingMerges&) = delete;
+    PendingMerges& operator=(const PendingMerges&) = delete;
+    ~PendingMerges() { Flush(); }
+
+    // Adds the key and first value of a vouched record of a field of holder
+    // (size at most kGroupedValueBytes plus a key).
+    void Add(Message* holder, const char* bytes, int size) {
+        size_t h = 0;
+        while (h < m_count && m_holder[h].msg != holder) ++h;
+        if (h == kMaxHolders) {
+            Flush();
+            h = 0;
+        }
+        Holder& group = m_holder[h];
+        if (h == m_count) {
+            ++m_count;
+            group.msg = holder;
+            group.used = 0;
+        } else if (group.used + static_cast<size_t>(size) > sizeof(group.bytes)) {
+            Merge(group);
+        }
+        if (size <= 16) {
+            internal::CopySmall(reinterpret_cast<uint8_t*>(group.bytes + group.used),
+                                reinterpret_cast<const uint8_t*>(bytes), size);
+        } else {
+            std::memcpy(group.bytes + group.used, bytes, static_cast<size_t>(size));
+        }
+        group.used += static_cast<size_t>(size);
+    }
+
+    void Flush() {
+        for (size_t h = 0; h < m_count; ++h) Merge(m_holder[h]);
+        m_count = 0;
+    }
+
+private:
+    // The records of one message, one after another.
+    struct Holder {
+        Message* msg;
+        size_t used;
+        char bytes[1040];  // a record of kGroupedValueBytes fits with its key
+    };
+
+    static void Merge(Holder& group) {
+        // Cannot fail: every record was vouched for. Partial: the merge of a
+        // field never checks that the message's required fields are set.
+        group.msg->ParseFrom<google::protobuf::MessageLite::kMergePartial>(
+            google::protobuf::StringPiece(group.bytes, group.used));
+        group.used = 0;
+    }
+
+    static constexpr size_t kMaxHolders = 4;
+    Holder m_holder[kMaxHolders];
+    size_t m_count = 0;
+};
+
+// The walk of one tag path: the field it names, the message that holds it,
+// that message's reflection and the number of the path's last component.
 struct TagPathTarget {
-    const FieldDescriptor* fieldDesc = nullptr;
+    const FieldEntry* entry = nullptr;
     Message* lastmsg = nullptr;
+    const Reflection* reflection = nullptr;
     uint32_t lastnumber = 0;
 };
 
 // Resolves the components of tag path dotpath (of fields[i]) from root.msg
-// down, creating sub-messages on the way. A null msg, or one without a
-// descriptor, leaves target->fieldDesc null. Components are logged as views
-// ("%.*s"), which print as the strings TokenSplit would have made.
-int WalkTagPath(size_t i, const std::string& dotpath, const WalkRoot& root, TagPathTarget* target,
-                LPPLOGCATEGORYINST log) {
+// down, creating sub-messages on the way (kept in memo for the next paths).
+// A null msg, or one without a descriptor, leaves target->entry null.
+// Components are logged as views ("%.*s"), which print as the strings
+// TokenSplit would have made. *scratch holds the entry of a field of a type
+// whose fields are not kept.
+int WalkTagPath(size_t i, const char* dotpath, const WalkRoot& root, WalkMemo* memo, PendingMerges* pending,
+                TagPathTarget* target, FieldEntry* scratch, CallLog& log) {
     target->lastmsg = root.msg;
+    target->reflection = root.reflection;
     const Descriptor* lastDesc = root.desc;
     if (lastDesc == nullptr) return 0;
-    internal::TokenView tagpath(dotpath, '.');
-    const size_t count = tagpath.Count();
+    const MessageFields* fields = root.fields;
+    TagPathReader tagpath(dotpath);
+    const size_t count = tagpath.count();
     std::string_view component;
-    for (size_t j = 0; j < count && tagpath.Next(&component); ++j) {
+    for (size_t j = 0; j < count; ++j) {
+        tagpath.Next(&component, &target->lastnumber);
         const int length = static_cast<int>(component.size());
-        PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_DEBUG, "dotpath[%d]:%.*s", static_cast<int>(i), length, component.data());
-        target->lastnumber = ComponentNumber(component);
-        const FieldDescriptor* field =
-            target->lastnumber <= INT_MAX ? lastDesc->FindFieldByNumber(static_cast<int>(target->lastnumber)) : nullptr;
-        if (field == nullptr) {
-            PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_ERROR, "field %.*s not exist, lastnumber:%u, lastDesc:%s.", length,
-                       component.data(), target->lastnumber, lastDesc->DebugString().c_str());
+        PBU_FREQUENT_LINE(kMerge, log, PLOG_PRIORITY_DEBUG, "dotpath[%d]:%.*s", static_cast<int>(i), length,
+                          component.data());
+        const FieldEntry* entry = target->lastnumber <= INT_MAX
+                                      ? FieldByNumber(fields, lastDesc, static_cast<int>(target->lastnumber), scratch)
+                                      : nullptr;
+        if (entry == nullptr) {
+            PBU_LOG_IN(kMerge, log.get(), PLOG_PRIORITY_ERROR, "field %.*s not exist, lastnumber:%u, lastDesc:%s.",
+                       length, component.data(), target->lastnumber, lastDesc->DebugString().c_str());
             return GEN_ERR_INVALID_ARGUMENTS;
         }
-        target->fieldDesc = field;
+        target->entry = entry;
         if (j + 1 == count) break;
 
         // Paths come from the network: one that leads through a scalar or a
         // repeated field has no message below it to walk into.
-        if (field->cpp_type() != FieldDescriptor::CPPTYPE_MESSAGE || field->is_repeated()) {
-            PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_ERROR, "field %s lastmsg not exist.", field->name().c_str());
+        const FieldDescriptor* field = entry->field;
+        if (entry->message_type == nullptr || field->is_repeated()) {
+            PBU_LOG_IN(kMerge, log.get(), PLOG_PRIORITY_ERROR, "field %s lastmsg not exist.", field->name().c_str());
             return GEN_ERR_INVALID_ARGUMENTS;
         }
-        const Reflection* reflection = target->lastmsg == root.msg ? root.reflection : target->lastmsg->GetReflection();
-        if (reflection == nullptr) {
-            PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_ERROR, "field %s lastmsg reflection not exist.",
+        if (target->reflection == nullptr) {
+            PBU_LOG_IN(kMerge, log.get(), PLOG_PRIORITY_ERROR, "field %s lastmsg reflection not exist.",
                        field->name().c_str());
             return GEN_ERR_INVALID_ARGUMENTS;
         }
-        target->lastmsg = reflection->MutableMessage(target->lastmsg, field);
-        lastDesc = field->message_type();
+        lastDesc = entry->message_type;
+        if (j < WalkMemo::kLevels && j < memo->depth && memo->levels[j].field == field) {
+            const WalkMemo::Level& level = memo->levels[j];
+            target->lastmsg = level.msg;
+            target->reflection = level.reflection;
+            fields = level.fields;
+            continue;
+        }
+        // A field of a oneof that is not set yet replaces the member set:
+        // what is pending for that one is merged before it goes.
+        if (field->real_containing_oneof() != nullptr) pending->Flush();
+        target->lastmsg = target->reflection->MutableMessage(target->lastmsg, field);
+        target->reflection = target->lastmsg->GetReflection();
+        fields = KeptFields(lastDesc);
+        if (j < WalkMemo::kLevels) {
+            memo->levels[j] = WalkMemo::Level{field, target->lastmsg, target->reflection, fields};
+            memo->depth = j + 1;
+        }
     }
     return 0;
 }
 
-// Parses the bytes of fields[i] into the cleared target field. Returns false
+// Parses the bytes of fields[i] into the cleared target field with
+// protobuf's reflection, as the straightforward merge does. Returns false
 // when they do not merge: the path is then listed in failedpaths, the field
 // cleared again and the failure logged.
-bool ParseFieldBytes(size_t i, const PbValueSetBuffer::Field& field, const std::string& dotpath,
-                     const TagPathTarget& target, const Reflection* reflection, std::set<std::string>& failedpaths,
-                     LPPLOGCATEGORYINST log) {
-    const FieldDescriptor* fieldDesc = target.fieldDesc;
+bool ParseFieldBytes(size_t i, const PbValueSetBuffer::Field& field, const char* dotpath, const TagPathTarget& target,
+                     std::set<std::string>& failedpaths, CallLog& log) {
+    const FieldDescriptor* fieldDesc = target.entry->field;
     CodedInputStream input(reinterpret_cast<const uint8_t*>(field.buf), field.buf_len);
     // The key of the field as the writer serialized it: wire type 2 when
     // packed, else the wire type of the field's type.
-    const uint32_t fieldtag = WireFormat::MakeTag(fieldDesc);
+    const uint32_t fieldtag = target.entry->key;
     const uint32_t tag = input.ReadTag();
     if ((tag != fieldtag && tag != 0) || !WireFormat::ParseAndMergeField(fieldtag, fieldDesc, target.lastmsg, &input)) {
         failedpaths.insert(dotpath);
-        reflection->ClearField(target.lastmsg, fieldDesc);
-        PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_ERROR,
+        target.reflection->ClearField(target.lastmsg, fieldDesc);
+        PBU_LOG_IN(kMerge, log.get(), PLOG_PRIORITY_ERROR,
                    "ParseAndMergeField failed i:%zu buf:%p, len:%u, lasternumber:%u, msg:%s dotpath:%s", i,
                    static_cast<const void*>(field.buf), static_cast<unsigned>(field.buf_len), target.lastnumber,
-                   fieldDesc->name().c_str(), dotpath.c_str());
+                   fieldDesc->name().c_str(), dotpath);
+        log.Wrote();
         return false;
     }
     // A repeated message field carries one keyed element after another; any
@@ -278,52 +758,132 @@ bool ParseFieldBytes(size_t i, const PbValueSetBuffer::Field& field, const std::
     if (next == 0) return true;  // the end of the bytes
     // A failed element (next is still fieldtag) or a foreign key.
     failedpaths.insert(dotpath);
-    reflection->ClearField(target.lastmsg, fieldDesc);
-    PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_ERROR,
+    target.reflection->ClearField(target.lastmsg, fieldDesc);
+    PBU_LOG_IN(kMerge, log.get(), PLOG_PRIORITY_ERROR,
                "ParseAndMergeField failed i:%zu buf:%p, len:%u, lasternumber:%u, msg:%s dotpath:%s, index:%d", i,
                static_cast<const void*>(field.buf), static_cast<unsigned>(field.buf_len), target.lastnumber,
-               fieldDesc->name().c_str(), dotpath.c_str(), index);
+               fieldDesc->name().c_str(), dotpath, index);
+    log.Wrote();
     return false;
 }
 
-// Merges fields[i] into root.msg. dotpath is scratch space kept by the
-// caller across fields.
-int FillOneField(size_t i, const PbValueSetBuffer::Field& field, std::string& dotpath,
-                 std::set<std::string>& failedpaths, const WalkRoot& root, LPPLOGCATEGORYINST log) {
-    dotpath.assign(field.path != nullptr ? field.path : "");
-    PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_DEBUG, "dotpath:%s", dotpath.c_str());
+// Reads the decimal number at *at, of 1 to 9 digits (so below INT_MAX), and
+// moves *at past the character after it, which is returned; -1 when there
+// are no digits or too many.
+int ReadShortNumber(const char** at, int* number) {
+    const char* p = *at;
+    int value = 0;
+    for (; static_cast<unsigned>(*p - '0') <= 9u; ++p) {
+        if (p - *at == 9) return -1;  // a tenth digit
+        value = value * 10 + (*p - '0');
+    }
+    if (p == *at) return -1;
+    *number = value;
+    *at = p + 1;
+    return *p;
+}
+
+// Merges fields[i] the short way when it is of the commonest kind, and
+// returns true: no debug line wanted, a tag path of one or two numbers
+// through generated types, a grouped field whose bytes are vouched for.
+// Otherwise returns false, having done nothing but walk into the sub-message
+// the path names (which the straightforward way does first too).
+bool MergeCommon(const PbValueSetBuffer::Field& field, std::set<std::string>& failedpaths, const WalkRoot& root,
+                 WalkMemo* memo, PendingMerges* pending, CallLog& log) {
+    if (log.open() || root.fields == nullptr || root.reflection == nullptr || field.path == nullptr ||
+        field.buf == nullptr || field.buf_len <= 0) {
+        return false;
+    }
+    const char* at = field.path;
+    int first = 0;
+    int second = 0;
+    const int after = ReadShortNumber(&at, &first);
+    const bool nested = after == '.';
+    if (!nested && after != '\0') return false;
+    if (nested && ReadShortNumber(&at, &second) != '\0') return false;
+    const FieldEntry* entry = root.fields->FindNumber(root.desc, first);
+    if (entry == nullptr) return false;
+    Message* holder = root.msg;
+    if (nested) {
+        const FieldDescriptor* field0 = entry->field;
+        // A oneof's member may replace another: the straightforward way
+        // merges what is pending first.
+        if (entry->message_type == nullptr || field0->is_repeated() || field0->real_containing_oneof() != nullptr) {
+            return false;
+        }
+        if (memo->depth == 0 || memo->levels[0].field != field0) {
+            Message* sub = root.reflection->MutableMessage(root.msg, field0);
+            memo->levels[0] = WalkMemo::Level{field0, sub, sub->GetReflection(), KeptFields(entry->message_type)};
+            memo->depth = 1;
+        }
+        const WalkMemo::Level& level = memo->levels[0];
+        if (level.fields == nullptr || level.reflection == nullptr) return false;
+        entry = level.fields->FindNumber(entry->message_type, second);
+        if (entry == nullptr) return false;
+        holder = level.msg;
+    }
+    if (!entry->grouped) return false;
+    const int vouched = Vouch(*entry, field.buf, field.buf_len);
+    if (vouched == 0) return false;
+    pending->Add(holder, field.buf, vouched);
+    // See FillOneField.
+    if (entry->crypto && entry->field->cpp_type() == FieldDescriptor::CPPTYPE_STRING) {
+        failedpaths.insert(field.path);
+        PBU_LOG_IN(kMerge, log.get(), PLOG_PRIORITY_ERROR, "suite name not valid");
+        log.Wrote();
+    }
+    return true;
+}
+
+// Merges fields[i] into root.msg: vouched for, its key and value are added
+// to `pending`; otherwise everything pending is merged first and then the
+// record, the straightforward way.
+int FillOneField(size_t i, const PbValueSetBuffer::Field& field, std::set<std::string>& failedpaths,
+                 const WalkRoot& root, WalkMemo* memo, PendingMerges* pending, FieldEntry* scratch, CallLog& log) {
+    const char* dotpath = field.path != nullptr ? field.path : "";
+    PBU_FREQUENT_LINE(kMerge, log, PLOG_PRIORITY_DEBUG, "dotpath:%s", dotpath);
 
     TagPathTarget target;
-    int ret = WalkTagPath(i, dotpath, root, &target, log);
+    int ret = WalkTagPath(i, dotpath, root, memo, pending, &target, scratch, log);
     if (ret != 0) return ret;
-    if (target.fieldDesc == nullptr || target.lastmsg == nullptr) {
-        PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_ERROR, "field %s not found.", dotpath.c_str());
+    if (target.entry == nullptr || target.lastmsg == nullptr) {
+        PBU_LOG_IN(kMerge, log.get(), PLOG_PRIORITY_ERROR, "field %s not found.", dotpath);
         return GEN_ERR_INVALID_ARGUMENTS;
     }
-    const FieldDescriptor* fieldDesc = target.fieldDesc;
-    const Reflection* reflection = target.lastmsg == root.msg ? root.reflection : target.lastmsg->GetReflection();
-    if (reflection == nullptr) {
-        PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_ERROR, "field %s lastmsg reflection not exist.",
+    const FieldEntry& entry = *target.entry;
+    const FieldDescriptor* fieldDesc = entry.field;
+    if (target.reflection == nullptr) {
+        PBU_LOG_IN(kMerge, log.get(), PLOG_PRIORITY_ERROR, "field %s lastmsg reflection not exist.",
                    fieldDesc->name().c_str());
         return GEN_ERR_INVALID_ARGUMENTS;
     }
 
-    // The incoming bytes replace the value; no bytes leave the field cleared.
-    reflection->ClearField(target.lastmsg, fieldDesc);
-    if (field.buf != nullptr && field.buf_len > 0 &&
-        !ParseFieldBytes(i, field, dotpath, target, reflection, failedpaths, log)) {
-        return 0;
+    const int vouched =
+        entry.grouped && field.buf != nullptr && field.buf_len > 0 ? Vouch(entry, field.buf, field.buf_len) : 0;
+    if (vouched > 0) {
+        pending->Add(target.lastmsg, field.buf, vouched);
+    } else {
+        pending->Flush();
+        // The incoming bytes replace the value; no bytes leave the field
+        // cleared.
+        target.reflection->ClearField(target.lastmsg, fieldDesc);
+        const bool merged =
+            field.buf == nullptr || field.buf_len <= 0 || ParseFieldBytes(i, field, dotpath, target, failedpaths, log);
+        // Clearing or merging a message field, or a field of a oneof, may
+        // have replaced sub-messages the memo holds.
+        if (!entry.grouped) memo->depth = 0;
+        if (!merged) return 0;
     }
 
     // No cipher suite is at hand here: an encrypted string or bytes field
     // keeps the ciphertext merged, and its path is reported so that the
     // caller knows the value is not plain text.
-    const bool bCrypto = fieldDesc->options().GetExtension(corvidaservice::corvida_crypto);
-    PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_DEBUG, "tag:%d field name:%s corvida_crypto:%d",
-               static_cast<int>(target.lastnumber), fieldDesc->name().c_str(), static_cast<int>(bCrypto));
-    if (bCrypto && fieldDesc->cpp_type() == FieldDescriptor::CPPTYPE_STRING) {
+    PBU_FREQUENT_LINE(kMerge, log, PLOG_PRIORITY_DEBUG, "tag:%d field name:%s corvida_crypto:%d",
+                      static_cast<int>(target.lastnumber), fieldDesc->name().c_str(), static_cast<int>(entry.crypto));
+    if (entry.crypto && fieldDesc->cpp_type() == FieldDescriptor::CPPTYPE_STRING) {
         failedpaths.insert(dotpath);
-        PBU_LOG_IN(kMerge, log, PLOG_PRIORITY_ERROR, "suite name not valid");
+        PBU_LOG_IN(kMerge, log.get(), PLOG_PRIORITY_ERROR, "suite name not valid");
+        log.Wrote();
     }
     return 0;
 }
@@ -335,8 +895,8 @@ int FillValueSetWithMsg(Message* msg, const std::set<std::string>& setKeyNames,
     PbValueSetBuffer vsb(&values, kValueSetVersion, log);
     vsb.ResetFieldNum();
     if (msg == nullptr || dottedpaths.empty()) return 0;
-    const WalkRoot root{msg, msg->GetDescriptor(), msg->GetReflection()};
-    if (root.desc == nullptr) {
+    const internal::MessageType type = internal::TypeOf(*msg);
+    if (type.desc == nullptr) {
         PBU_LOG_ERROR(log, "NULL == descriptor, probably msg invalid");
         return GEN_ERR_INVALID_ARGUMENTS;
     }
@@ -346,27 +906,33 @@ int FillValueSetWithMsg(Message* msg, const std::set<std::string>& setKeyNames,
         return GEN_ERR_INVALID_ARGUMENTS;
     }
 
-    std::string name;  // one name of a path
-    std::string fieldPath;
-    for (const std::string& p : dottedpaths) {
-        size_t names = 0;
-        int ret = CheckDottedPath(p, dottedpaths, &names, log);
+    const WalkRoot root{msg, type.desc, type.reflection, KeptFields(type.desc)};
+    KeyNames keys(setKeyNames);
+    CallLog call_log(log, PLOG_PRIORITY_DEBUG);
+    WalkMemo memo;
+    FieldEntry entry;
+    // At most 32 numbers of at most 10 digits, with the dots between them,
+    // and room to copy a whole FieldEntry::number after the last.
+    char tagpath[CORVIDA_PROTOBUF_MAX_TAG_DEPTH * 11 + sizeof(FieldEntry::number)];
+    for (auto it = dottedpaths.begin(), next = it; it != dottedpaths.end(); it = next) {
+        ++next;
+        const std::string& p = *it;
+        const NamePath names(p);
+        int ret = CheckDottedPath(p, next, dottedpaths, names, call_log);
         if (ret != 0) return ret;
         // Key fields travel in the record key, never in the value set; so
         // does anything under them.
-        std::string_view first;
-        internal::TokenView(p, '.').Next(&first);
-        name.assign(first.data(), first.size());
-        if (setKeyNames.count(name) != 0) {
-            PBU_LOG_DEBUG(log, "dottedpath:%s , %s is a key field, that's not allowed.", p.c_str(), name.c_str());
+        const std::string_view first = names.name(0);
+        if (keys.Holds(first)) {
+            PBU_FREQUENT_LINE(kFill, call_log, PLOG_PRIORITY_DEBUG,
+                              "dottedpath:%s , %.*s is a key field, that's not allowed.", p.c_str(),
+                              static_cast<int>(first.size()), first.data());
             continue;
         }
-        const FieldDescriptor* fieldDesc = nullptr;
-        Message* lastmsg = nullptr;
-        fieldPath.clear();
-        ret = WalkNamePath(root, p, names, &fieldDesc, &lastmsg, fieldPath, name, log);
+        CutTarget target;
+        ret = WalkNamePath(root, names, &memo, &target, tagpath, &entry, call_log);
         if (ret != 0) return ret;
-        ret = CutField(vsb, fieldDesc, *lastmsg, fieldPath, log);
+        ret = CutField(vsb, target, tagpath, call_log);
         if (ret != 0) return ret;
     }
     return 0;
@@ -374,18 +940,25 @@ int FillValueSetWithMsg(Message* msg, const std::set<std::string>& setKeyNames,
 
 int FillMsgFromField(std::vector<PbValueSetBuffer::Field>& fields, std::set<std::string>& failedpaths, Message* msg,
                      unsigned char* /*data*/, int /*datasize*/, LPPLOGCATEGORYINST log) {
-    const Descriptor* desc = msg != nullptr ? msg->GetDescriptor() : nullptr;
-    if (desc != nullptr) {
+    const internal::MessageType type =
+        msg != nullptr ? internal::TypeOf(*msg) : internal::MessageType{nullptr, nullptr};
+    if (type.desc != nullptr) {
         PBU_LOG_DEBUG(log, "suite name:%s, lastDesc:%s",
-                      desc->options().GetExtension(corvidaservice::corvida_field_cipher_suite).c_str(),
-                      desc->DebugString().c_str());
+                      type.desc->options().GetExtension(corvidaservice::corvida_field_cipher_suite).c_str(),
+                      type.desc->DebugString().c_str());
     }
     if (fields.empty()) return 0;
 
-    const WalkRoot root{msg, desc, desc != nullptr ? msg->GetReflection() : nullptr};
-    std::string dotpath;
+    const WalkRoot root{msg, type.desc, type.desc != nullptr ? type.reflection : nullptr,
+                        type.desc != nullptr ? KeptFields(type.desc) : nullptr};
+    WalkMemo memo;
+    CallLog call_log(log, PLOG_PRIORITY_DEBUG);
+    FieldEntry scratch;
+    // Merges what is still pending on every return.
+    PendingMerges pending;
     for (size_t i = 0; i < fields.size(); ++i) {
-        const int ret = FillOneField(i, fields[i], dotpath, failedpaths, root, log);
+        if (MergeCommon(fields[i], failedpaths, root, &memo, &pending, call_log)) continue;
+        const int ret = FillOneField(i, fields[i], failedpaths, root, &memo, &pending, &scratch, call_log);
         if (ret != 0) return ret;
     }
     return 0;
