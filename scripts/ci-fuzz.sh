@@ -8,8 +8,9 @@
 #   FUZZ_SECONDS=600 scripts/ci-fuzz.sh value_set_unpack_fuzzer
 #
 # Environment: FUZZ_SECONDS (default 60), BUILD_PREFIX (default "build": build
-# dir build-fuzz), JOBS (build jobs, default 2), FUZZ_WORK (scratch dir for
-# corpora, logs and artifacts, default $BUILD_PREFIX-fuzz/runs).
+# dir build-fuzz), JOBS (build jobs, and targets fuzzed at once, default 2),
+# FUZZ_WORK (scratch dir for corpora, logs and artifacts, default
+# $BUILD_PREFIX-fuzz/runs).
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -44,20 +45,42 @@ step "build the fuzz targets"
 # shellcheck disable=SC2086
 cmake --build "$build_dir" -j"$jobs" --target $targets
 
-failed=""
-for target in $targets; do
+# run_target <target>: fuzzes one target for $seconds over a copy of its seed
+# corpus; its exit status goes to $work/<target>/status.
+run_target() {
+    target=$1
     dir="$work/$target"
     rm -rf "$dir"
     mkdir -p "$dir/corpus" "$dir/artifacts"
     cp fuzz/corpus/"$target"/* "$dir/corpus/"
     dict=$(dict_for "$target")
-    step "run $target for ${seconds}s"
     status=0
     ASAN_OPTIONS=halt_on_error=1:detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
         "$build_dir/fuzz/$target" "$dir/corpus" ${dict:+"-dict=$dict"} \
         -max_total_time="$seconds" -timeout=25 -rss_limit_mb=4096 -error_exitcode=77 \
         -timeout_exitcode=78 -print_final_stats=1 -artifact_prefix="$dir/artifacts/" \
         >"$dir/log" 2>&1 || status=$?
+    echo "$status" >"$dir/status"
+}
+
+# The targets run $jobs at a time: each fuzzer is one process on one core.
+running=0
+for target in $targets; do
+    step "run $target for ${seconds}s"
+    run_target "$target" &
+    running=$((running + 1))
+    if [ "$running" -ge "$jobs" ]; then
+        wait
+        running=0
+    fi
+done
+wait
+
+failed=""
+for target in $targets; do
+    dir="$work/$target"
+    status=$(cat "$dir/status" 2>/dev/null || echo 1)
+    echo "ci-fuzz: $target:"
     grep -E '^(stat::number_of_executed_units|stat::peak_rss_mb|#[0-9]+ +DONE)' "$dir/log" || true
     artifacts=$(find "$dir/artifacts" -type f | head -n 5)
     if [ "$status" -ne 0 ] || [ -n "$artifacts" ]; then

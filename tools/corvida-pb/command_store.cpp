@@ -51,7 +51,7 @@ std::vector<std::string> SplitPaths(const std::string& text) {
 // What a store subcommand is: its name and help, what its --text or
 // --text-file holds (null: the subcommand takes no message), and whether it
 // writes (and so takes --sync).
-struct StoreCommandSpec {
+struct StoreCommandTraits {
     const char* name;
     const char* summary;
     const char* description;
@@ -64,16 +64,16 @@ struct StoreCommandSpec {
 // opens.
 class StoreCommand : public Command {
 protected:
-    StoreCommand(CLI::App* parent, const StoreCommandSpec& spec)
-        : Command(parent, spec.name, spec.summary, spec.description) {
+    StoreCommand(CLI::App* parent, const StoreCommandTraits& traits)
+        : Command(parent, traits.name, traits.summary, traits.description) {
         app()->add_option("--db", m_db, "the store's directory")->type_name("DIR")->required();
         AddSchemaOptions("the table: its message type, by short, package-qualified or full name");
         m_ciphers.Add(app());
-        if (spec.message != nullptr) {
-            AddTextOptions(spec.message);
+        if (traits.message != nullptr) {
+            AddTextOptions(traits.message);
             RequireOneOf({text_option(), text_file_option()});
         }
-        if (spec.writes) {
+        if (traits.writes) {
             app()->add_flag("--sync", m_sync, "flush the write-ahead log to the disk before the write returns");
         }
         AddFormatOption();
@@ -196,7 +196,7 @@ protected:
     virtual void RunOnTable() = 0;
 };
 
-const StoreCommandSpec kCreate = {
+const StoreCommandTraits kCreate = {
     "create", "create the store if needed and add a table to it",
     "Creates the store in --db when it does not exist, and adds the table to its\n"
     "catalog with its schema blob: the table's file and every file it imports, as\n"
@@ -229,7 +229,7 @@ public:
     }
 };
 
-const StoreCommandSpec kPut = {
+const StoreCommandTraits kPut = {
     "put", "write a whole record",
     "Writes the record of --text or --text-file whole: afterwards every field reads\n"
     "as this message holds it, absent fields included.\n",
@@ -246,7 +246,7 @@ private:
     }
 };
 
-const StoreCommandSpec kUpdate = {
+const StoreCommandTraits kUpdate = {
     "update", "write some fields of a record",
     "Writes the fields at --paths of the record of --text or --text-file, whose key\n"
     "fields say which record; nothing else of the record is rewritten. A path may\n"
@@ -273,7 +273,7 @@ private:
     std::string m_paths;
 };
 
-const StoreCommandSpec kGet = {
+const StoreCommandTraits kGet = {
     "get", "read a record by its key fields",
     "Reads the record whose key fields --text or --text-file give and prints it in\n"
     "protobuf text format (or, with --format json, in protobuf's JSON mapping).\n"
@@ -298,7 +298,7 @@ private:
     std::string m_paths;
 };
 
-const StoreCommandSpec kDelete = {
+const StoreCommandTraits kDelete = {
     "delete", "remove a record by its key fields",
     "Removes the record whose key fields --text or --text-file give, with its index\n"
     "entries. Exit status 3 when there is no such record.\n",
@@ -315,7 +315,7 @@ private:
     }
 };
 
-const StoreCommandSpec kFind = {
+const StoreCommandTraits kFind = {
     "find", "list the records whose index fields equal the given ones",
     "Lists every record whose fields of the index --index equal those of --text or\n"
     "--text-file, each after a line '# record N' (or, with --format json, one\n"
@@ -340,7 +340,7 @@ private:
     std::string m_index;
 };
 
-const StoreCommandSpec kScan = {
+const StoreCommandTraits kScan = {
     "scan", "list the records of a shard, or of the whole table",
     "Lists the records of the shard whose sharding-key fields --shard-text gives,\n"
     "or of the whole table, in primary-key order, each after a line '# record N'\n"
