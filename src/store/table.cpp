@@ -127,6 +127,19 @@ void KeepOnly(Message* msg, const std::vector<const std::vector<int>*>& paths, s
     }
 }
 
+// True when field of msg would add no bytes to a field key, which
+// ExtractFieldKey refuses (-9) after logging an error: a repeated field
+// without elements, or an unset field of a proto2 file written in plain (an
+// encrypted one adds the ciphertext of the empty value).
+bool AddsNoKeyBytes(const Message& msg, const FieldDescriptor* field) {
+    const google::protobuf::Reflection* reflection = msg.GetReflection();
+    if (field->is_repeated()) return reflection->FieldSize(msg, field) == 0;
+    const bool encrypted = field->cpp_type() == FieldDescriptor::CPPTYPE_STRING &&
+                           field->options().GetExtension(corvidaservice::corvida_crypto);
+    return !encrypted && field->file()->syntax() != google::protobuf::FileDescriptor::SYNTAX_PROTO3 &&
+           !reflection->HasField(msg, field);
+}
+
 // The Status of a key encoder's failure. what names the key ("table T:
 // primary key").
 Status KeyError(const std::string& what, int ret, const Descriptor* desc) {
@@ -201,7 +214,7 @@ private:
     Status CheckType(const Message& msg, const char* what) const;
     Status PrimaryKey(const Message& msg, Scratch* scratch, std::string* pk) const;
     // Field key of secondary of msg into *key; *present false when the fields
-    // cannot form a key (an unset proto2 field): the record has no entry.
+    // cannot form a key (one adds no bytes): the record has no entry.
     Status SecondaryKey(const Message& msg, const Secondary& secondary, Scratch* scratch, std::string* key,
                         bool* present) const;
     Status ResolvePaths(const std::vector<std::string>& paths, bool for_write, std::vector<ResolvedPath>* out) const;
@@ -354,6 +367,16 @@ Status Table::Impl::PrimaryKey(const Message& msg, Scratch* scratch, std::string
     uint8_t buf[1024];
     int32_t size = sizeof(buf);
     const int ret = ProtobufUtil::ExtractMsgKey(m_kv, msg, buf, size, scratch->idl.get(), m_core->log(), true);
+    if (ret == -9) {
+        // Name a key field that added nothing.
+        for (const FieldDescriptor* field : m_key_fields) {
+            if (AddsNoKeyBytes(msg, field)) {
+                return Status::InvalidArgument("table " + m_name + ": primary key: key field " + field->name() +
+                                                   " is not set (result -9)",
+                                               ret);
+            }
+        }
+    }
     if (ret != 0) return KeyError("table " + m_name + ": primary key", ret, m_desc);
     pk->assign(reinterpret_cast<const char*>(buf), size);
     return Status::OK();
@@ -361,13 +384,18 @@ Status Table::Impl::PrimaryKey(const Message& msg, Scratch* scratch, std::string
 
 Status Table::Impl::SecondaryKey(const Message& msg, const Secondary& secondary, Scratch* scratch, std::string* key,
                                  bool* present) const {
+    // Checked first, so that a record outside a sparse index costs no error
+    // line in the caller's log.
+    *present = false;
+    for (int number : secondary.fields) {
+        if (AddsNoKeyBytes(msg, m_desc->FindFieldByNumber(number))) return Status::OK();
+    }
     uint8_t buf[1024];
     int32_t size = sizeof(buf);
     const int ret =
         ProtobufUtil::ExtractFieldKey(m_kv, msg, secondary.fields, buf, size, scratch->idl.get(), m_core->log());
-    *present = ret == 0;
-    if (ret == -9) return Status::OK();
     if (ret != 0) return KeyError(secondary.What(m_name), ret, m_desc);
+    *present = true;
     key->assign(reinterpret_cast<const char*>(buf), size);
     return Status::OK();
 }
@@ -381,10 +409,15 @@ Status Table::Impl::ResolvePaths(const std::vector<std::string>& paths, bool for
         PROTOBUF_UTIL::TokenSplit(dotted, ".", names);
         const Descriptor* desc = m_desc;
         for (size_t i = 0; i < names.size(); ++i) {
-            const FieldDescriptor* field = desc != nullptr ? desc->FindFieldByName(names[i]) : nullptr;
+            if (desc == nullptr) {
+                return Status::InvalidArgument("table " + m_name + ": path '" + dotted + "': field " +
+                                               path.last->full_name() + " is not a message, so it has no field '" +
+                                               names[i] + "'");
+            }
+            const FieldDescriptor* field = desc->FindFieldByName(names[i]);
             if (field == nullptr) {
-                return Status::InvalidArgument("table " + m_name + ": path '" + dotted + "' names no field of " +
-                                               m_desc->full_name());
+                return Status::InvalidArgument("table " + m_name + ": path '" + dotted + "': " + desc->full_name() +
+                                               " has no field '" + names[i] + "'");
             }
             if (field->is_repeated() && i + 1 < names.size()) {
                 return Status::InvalidArgument("table " + m_name + ": path '" + dotted +

@@ -21,7 +21,8 @@
 //   - Each index "name(fields)" of the table maps ExtractFieldKey of its
 //     fields (in declared order) to the primary keys of the records that
 //     hold those values. A record whose index fields cannot form a key (an
-//     unset proto2 field) has no entry in that index. Writes move entries.
+//     unset proto2 field, a repeated field without elements) has no entry
+//     in that index. Writes move entries.
 //   - Records are grouped by their sharding-key fields (ExtractFieldKey of
 //     them): Scan with a shard lists the records of one shard.
 //   - A write of a record and of its index entries is one atomic RocksDB

@@ -159,10 +159,13 @@ Status FromRocks(const rocksdb::Status& s, const std::string& context) {
     if (s.IsNotFound()) return Status::NotFound(message);
     if (s.IsNotSupported()) return Status::NotSupported(message);
     if (s.IsInvalidArgument()) return Status::InvalidArgument(message);
-    // RocksDB reports a LOCK file held by another process (or by this one) as
-    // an I/O error naming the lock.
+    // RocksDB reports a LOCK file held by another process, or by this one
+    // ("lock hold by current process"), as an I/O error naming the lock.
     if (s.IsIOError() && s.ToString().find("lock") != std::string::npos) {
-        return Status::Busy(context + ": the store is in use by another process (" + s.ToString() + ")");
+        const bool here = s.ToString().find("current process") != std::string::npos;
+        return Status::Busy(context + ": the store is " +
+                            (here ? "already open in this process" : "in use by another process") + " (" +
+                            s.ToString() + ")");
     }
     return Status::IOError(message);
 }
@@ -255,6 +258,15 @@ Status TableStore::ListTables(std::vector<TableInfo>* tables) const {
     });
 }
 
+std::string TableStore::HeldTables() const {
+    std::vector<TableInfo> tables;
+    if (!ListTables(&tables).ok()) return "its catalog does not read";
+    if (tables.empty()) return "it holds no table";
+    std::string names = "it holds ";
+    for (size_t i = 0; i < tables.size(); ++i) names += (i == 0 ? "" : ", ") + tables[i].name;
+    return names;
+}
+
 Status TableStore::OpenTable(const google::protobuf::Message& prototype, CORVIDA_KV::CorvidaKVApi* kv,
                              std::unique_ptr<Table>* table) {
     return NoThrow([&] {
@@ -263,7 +275,7 @@ Status TableStore::OpenTable(const google::protobuf::Message& prototype, CORVIDA
         const std::string& name = prototype.GetDescriptor()->name();
         std::string value;
         rocksdb::Status s = m_core->db()->Get(rocksdb::ReadOptions(), layout::CatalogKey(name), &value);
-        if (s.IsNotFound()) return Status::NotFound("no table " + name + " in the store");
+        if (s.IsNotFound()) return Status::NotFound("no table " + name + " in the store (" + HeldTables() + ")");
         if (!s.ok()) return FromRocks(s, "reading the catalog");
         if (value.size() < 4) return Status::Corruption("the catalog entry of table " + name + " is cut short");
         const uint32_t id = layout::ReadU32(value);

@@ -79,7 +79,8 @@ public:
     //                     that is not a table store (nothing is written to it)
     //   kNotSupported     a store of a newer key layout
     //   kCorruption       the database files are damaged
-    //   kBusy             another process holds the store
+    //   kBusy             another process holds the store, or this one has
+    //                     it open already
     //   kIOError          the file system refused
     static Status Open(std::string_view dir, const StoreOptions& options, std::unique_ptr<TableStore>* store);
 
@@ -106,6 +107,9 @@ public:
     // checked against the stored schema blob with GetMetaAndCompare; an
     // incompatible one gets kIncompatibleSchema with the comparison's code
     // (bridge_code()) and its explanation, and nothing is read or written.
+    // A client that passes the comparison but lacks a field of the table's
+    // indexes or sharding key could not keep their entries: it also gets
+    // kIncompatibleSchema, with bridge_code() 0 and the field in the message.
     // The blob is loaded once, with FillMessageGroup, for the table's key,
     // sharding-key and index fields.
     //
@@ -114,8 +118,9 @@ public:
     // created with prototype.New(). prototype, its descriptor and kv must
     // outlive the table. kv may be null for a table that encrypts nothing.
     //
-    // kNotFound when the catalog has no such table; kCorruption when the
-    // stored blob no longer loads; kInvalidArgument, with ExtractMsgKey's
+    // kNotFound when the catalog has no such table (the message lists the
+    // tables it has); kCorruption when the stored blob no longer loads;
+    // kInvalidArgument, with ExtractMsgKey's
     // result in bridge_code(), when the table names a cipher suite that kv
     // lacks (-3) or holds with another key than the table records in
     // corvida_cipher_md5 (-4): such a client could neither build keys nor
@@ -130,6 +135,9 @@ public:
 
 private:
     explicit TableStore(std::shared_ptr<Core> core);
+
+    // The names of the catalog's tables, for a message ("it holds A, B").
+    std::string HeldTables() const;
 
     std::shared_ptr<Core> m_core;
 };

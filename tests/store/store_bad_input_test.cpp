@@ -187,6 +187,7 @@ TEST(StoreOpenTest, ASecondOpenerGetsBusyAtOnce) {
     std::unique_ptr<TableStore> again;
     const Status s = OpenExisting(dir.path(), &again);
     EXPECT_TRUE(s.IsBusy()) << s.ToString();
+    EXPECT_NE(std::string::npos, s.message().find("the store is already open in this process")) << s.message();
 
     Child child;
     ASSERT_TRUE(Spawn(CORVIDA_STORE_WRITER, {"open", dir.path()}, &child));
@@ -329,6 +330,26 @@ TEST_F(DamagedStoreTest, AnIncompatibleClientIsRefusedWithTheComparisonsCode) {
     EXPECT_NE(std::string::npos,
               s.message().find("svrField->full_name:corvida.test3.Player3.level. "
                                "clientField->full_name():corvida.test3.Player3.level ) not match or type"))
+        << s.message();
+    EXPECT_EQ(nullptr, m_table);
+}
+
+// The comparison looks fields up by name, so a client that renumbers an
+// index field passes it; such a client could not keep the index's entries.
+TEST_F(DamagedStoreTest, AClientWithoutAnIndexFieldsNumberIsRefused) {
+    DynamicClient renumbered([](google::protobuf::FileDescriptorProto* file) {
+        for (auto& message : *file->mutable_message_type()) {
+            if (message.name() != "Player3") continue;
+            for (auto& field : *message.mutable_field()) {
+                if (field.name() == "level") field.set_number(40);
+            }
+        }
+    });
+    ASSERT_TRUE(OpenExisting(m_dir.path(), &m_store).ok());
+    const Status s = m_store->OpenTable(renumbered.prototype(), nullptr, &m_table);
+    EXPECT_TRUE(s.IsIncompatibleSchema()) << s.ToString();
+    EXPECT_EQ(0, s.bridge_code());
+    EXPECT_NE(std::string::npos, s.message().find("field 4 is missing in the client's type corvida.test3.Player3"))
         << s.message();
     EXPECT_EQ(nullptr, m_table);
 }

@@ -13,6 +13,7 @@
 #include "store/table_store.h"
 #include "store_tables.pb.h"
 #include "store_test_support.h"
+#include "support/log_capture.h"
 #include "tables2.pb.h"
 #include "tables3.pb.h"
 
@@ -227,10 +228,11 @@ TEST_F(StoreTest, UpdateRefusesBadPathsAndWritesNothing) {
     };
     const std::vector<Case> cases = {
         {{}, "Update without paths"},
-        {{"nosuch"}, "names no field"},
+        {{"nosuch"}, "path 'nosuch': corvida.test3.Player3 has no field 'nosuch'"},
+        {{"stats.nosuch"}, "path 'stats.nosuch': corvida.test3.Stats3 has no field 'nosuch'"},
         {{"level", "uid"}, "is a key field"},
         {{"stats", "stats.hp"}, "duplicated"},
-        {{"level.x"}, "names no field"},
+        {{"level.x"}, "path 'level.x': field corvida.test3.Player3.level is not a message, so it has no field 'x'"},
         {{""}, "empty path"},
     };
     for (const Case& c : cases) {
@@ -337,6 +339,27 @@ TEST_F(StoreTest, AnIndexFieldUnsetInProto2LeavesTheRecordOutOfThatIndex) {
     EXPECT_TRUE(m_players2->Verify().ok());
 }
 
+// A record outside a sparse index is no error: nothing reaches the log.
+TEST(StoreLogTest, ARecordOutsideAnIndexLogsNoError) {
+    TempDir dir;
+    corvida_test::LogCapture log(PLOG_PRIORITY_ERROR);
+    corvida::store::StoreOptions options;
+    options.create_if_missing = true;
+    options.log = log.category();
+    std::unique_ptr<TableStore> store;
+    ASSERT_TRUE(TableStore::Open(dir.path(), options, &store).ok());
+    ASSERT_TRUE(store->CreateTable(SchemaBlob(Player2::descriptor()), "Player2").ok());
+    std::unique_ptr<Table> players;
+    ASSERT_TRUE(store->OpenTable(Player2::default_instance(), nullptr, &players).ok());
+    ASSERT_TRUE(players->Put(Parse<Player2>("zone: 1 uid: 1 level: 3")).ok());
+    ASSERT_TRUE(players->Update(Parse<Player2>("zone: 1 uid: 1 level: 4"), {"level"}).ok());
+    std::vector<Record> found;
+    ASSERT_TRUE(players->Scan(nullptr, 0, &found).ok());
+    EXPECT_EQ(1u, found.size());
+    EXPECT_TRUE(players->Verify().ok());
+    EXPECT_TRUE(log.lines().empty()) << log.Dump();
+}
+
 TEST_F(StoreTest, ScanListsAShardOrTheWholeTable) {
     for (uint64_t uid : {5, 6, 7}) {
         for (int zone : {2, 1}) {
@@ -428,6 +451,7 @@ TEST_F(StoreTest, KeysThatCannotBeBuiltAreRefused) {
     const Status unset = m_players2->Put(Parse<Player2>("zone: 1 name: \"no uid\""));
     EXPECT_TRUE(unset.IsInvalidArgument());
     EXPECT_EQ(-9, unset.bridge_code());
+    EXPECT_NE(std::string::npos, unset.message().find("key field uid is not set")) << unset.message();
     const Status other_type = m_players2->Put(Parse<Player3>("zone: 1 uid: 1"));
     EXPECT_TRUE(other_type.IsInvalidArgument());
     EXPECT_NE(std::string::npos, other_type.message().find("not a corvida.test.Player2")) << other_type.message();
@@ -468,7 +492,11 @@ TEST_F(StoreTest, TheCatalogRefusesDuplicatesAndBlobsThatDoNotLoad) {
     EXPECT_NE(std::string::npos, no_key.message().find("primary key not set")) << no_key.message();
     EXPECT_TRUE(m_store->CreateTable(SchemaBlob(Player3::descriptor()), "").IsInvalidArgument());
     std::unique_ptr<Table> table;
-    EXPECT_TRUE(m_store->OpenTable(corvida::test::LongKey2::default_instance(), nullptr, &table).IsNotFound());
+    const Status unknown = m_store->OpenTable(corvida::test::LongKey2::default_instance(), nullptr, &table);
+    EXPECT_TRUE(unknown.IsNotFound());
+    EXPECT_NE(std::string::npos,
+              unknown.message().find("no table LongKey2 in the store (it holds Account, Player2, Player3, Secret2)"))
+        << unknown.message();
 }
 
 }  // namespace
