@@ -1,7 +1,9 @@
 // corvida-pb store: a local table store (store/table_store.h) from the
 // command line: create a table, write and read its records, look them up by
 // index and list them by shard.
+#include <cstdint>
 #include <iostream>
+#include <limits>
 
 #include <google/protobuf/text_format.h>
 
@@ -153,14 +155,17 @@ protected:
             Check(status);
             return true;
         }
+        // Code 0: the comparison passed, but the client's type lacks a field
+        // that the table's indexes or sharding key need; the store says which.
         const int code = status.bridge_code();
+        const std::string explanation = code != 0 ? ExplainCompareResult(code) : status.message();
         if (json()) {
             PrintJson(std::cout, {{"table", m_loaded.table->full_name()},
                                   {"compatible", false},
                                   {"code", code},
-                                  {"explanation", ExplainCompareResult(code)}});
+                                  {"explanation", explanation}});
         } else {
-            std::cout << "incompatible (result " << code << "): " << ExplainCompareResult(code) << "\n";
+            std::cout << "incompatible (result " << code << "): " << explanation << "\n";
         }
         return false;
     }
@@ -353,7 +358,10 @@ public:
         m_shard_option =
             app()->add_option("--shard-text", m_shard_text, "the sharding-key fields in protobuf text format")
                 ->type_name("TEXT");
-        app()->add_option("--limit", m_limit, "list at most N records (0: all)")->type_name("N");
+        // The range check refuses what strtoull would wrap ("-1") or saturate.
+        app()->add_option("--limit", m_limit, "list at most N records (0: all)")
+            ->type_name("N")
+            ->check(CLI::Range(size_t{0}, size_t{std::numeric_limits<int32_t>::max()}));
     }
 
 private:
