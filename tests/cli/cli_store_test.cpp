@@ -183,6 +183,17 @@ TEST_F(StoreCliTest, WrongCipherKeyIsRefusedAndNothingIsWritten) {
     EXPECT_EQ(Store("get", {"--text", kAlice}).status, 3);
 }
 
+TEST_F(StoreCliTest, CipherFileFromStandardInputIsAReader) {
+    const std::vector<std::string> args = {"store", "put", "--db", m_db, "--proto", kGame, "--table", "Player",
+                                           "--text-file", "-", "--cipher-file", "-"};
+    const ProcessResult r = Pb(args, WithInput(GameCipher() + "\n"));
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("only one option can read standard input ('-'), not --cipher-file and --text-file"),
+              std::string::npos)
+        << r.err;
+    EXPECT_EQ(Store("scan", {}).out, "") << "nothing was written";
+}
+
 TEST_F(StoreCliTest, StoreHeldByAnotherProcessIsAClearError) {
     std::unique_ptr<corvida::store::TableStore> held;
     ASSERT_TRUE(corvida::store::TableStore::Open(m_db, {}, &held).ok());

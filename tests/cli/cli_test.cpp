@@ -342,6 +342,21 @@ TEST_F(CliTest, OnlyOneOptionReadsStandardInput) {
     EXPECT_NE(r.err.find("only one option can read standard input"), std::string::npos) << r.err;
 }
 
+// The cipher file is a reader too: with the message, it would leave the
+// message empty and still print a key.
+TEST_F(CliTest, CipherFileFromStandardInputIsAReader) {
+    std::vector<std::string> args = PlayerKeyArgs();
+    args.back() = "-";  // --text-file -
+    args.insert(args.end(), {"--cipher-file", "-"});
+    const ProcessResult r = Pb(args, WithInput(GameCipher() + "\n"));
+    EXPECT_EQ(r.status, 2) << r.out;
+    EXPECT_EQ(r.out, "");
+    EXPECT_NE(r.err.find("not --text-file and --cipher-file"), std::string::npos) << r.err;
+    std::vector<std::string> alone = PlayerKeyArgs();
+    alone.insert(alone.end(), {"--cipher-file", "-"});
+    EXPECT_EQ(Pb(alone, WithInput(GameCipher() + "\n")).status, 0);
+}
+
 TEST_F(CliTest, ProtoFromStandardInput) {
     std::ifstream in(std::string(CORVIDA_PB_SOURCE_DIR) + "/" + kGame);
     const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());

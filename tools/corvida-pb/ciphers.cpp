@@ -141,7 +141,7 @@ std::string ShellWord(const std::string& text) {
 
 }  // namespace
 
-void CipherOptions::Add(CLI::App* app) {
+CLI::Option* CipherOptions::Add(CLI::App* app) {
     m_app = app;
     m_cipher_option = app->add_option("--cipher", m_ciphers,
                                       "the AES-SIV suite NAME with a key of 64 or 128 hex digits (shown in the "
@@ -153,6 +153,7 @@ void CipherOptions::Add(CLI::App* app) {
                           ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     m_file_option =
         app->add_option("--cipher-file", m_file, "NAME=HEXKEY lines ('-' for standard input)")->type_name("FILE");
+    return m_file_option;
 }
 
 void CipherOptions::Configure(CORVIDA_KV::CorvidaKVApi* api) {

@@ -33,8 +33,10 @@ extern const char kCipherEnvironmentVariable[];
 
 class CipherOptions {
 public:
-    // Declares --cipher and --cipher-file on app.
-    void Add(CLI::App* app);
+    // Declares --cipher and --cipher-file on app. Returns the option
+    // --cipher-file, which reads a file ('-': standard input), so that the
+    // command counts it among the readers of standard input.
+    CLI::Option* Add(CLI::App* app);
 
     // Adds to api a suite for every name given (see above). Throws
     // UsageError for a malformed --cipher, Failure for a malformed line of

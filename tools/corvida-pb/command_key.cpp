@@ -49,7 +49,7 @@ public:
         AddTextOptions("the message");
         m_fields_option =
             app()->add_option("--fields", m_fields, "the key of these field numbers, in this order")->type_name("N,N...");
-        m_ciphers.Add(app());
+        ReadsFile(m_ciphers.Add(app()));
         app()->add_flag("--check", m_check, "fail when a primary-key field adds no bytes (is not set)");
         AddFormatOption();
         AddLogLevelOption();

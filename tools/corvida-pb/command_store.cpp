@@ -70,7 +70,7 @@ protected:
         : Command(parent, traits.name, traits.summary, traits.description) {
         app()->add_option("--db", m_db, "the store's directory")->type_name("DIR")->required();
         AddSchemaOptions("the table: its message type, by short, package-qualified or full name");
-        m_ciphers.Add(app());
+        ReadsFile(m_ciphers.Add(app()));
         if (traits.message != nullptr) {
             AddTextOptions(traits.message);
             RequireOneOf({text_option(), text_file_option()});
