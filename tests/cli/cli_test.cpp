@@ -286,17 +286,30 @@ TEST_F(CliTest, KeyMaterialIsNeverPrinted) {
         {"--cipher", "game-aes=" + key, "--cipher", "game-aes=" + key},
         {"--cipher", "Game-AES=" + key},  // a suite the table does not name
         {"--colour", key},
+        // Mistyped keys where a name or a value was expected.
+        {"--cipher", "game-aes", key.substr(0, 63) + "g"},
+        {"--colour=" + key + "g"},
+        {"--log-level", key + "g"},
+        {"--table", "0x" + key},
+        {"--cipher", "game-aes=" + key.substr(0, 32) + "-" + key.substr(32)},
+    };
+    const auto expect_no_key = [&key](const ProcessResult& r, const std::string& what) {
+        EXPECT_NE(r.status, 0) << what;
+        for (size_t at = 0; at + 16 <= key.size(); at += 8) {
+            EXPECT_EQ(r.err.find(key.substr(at, 16)), std::string::npos) << what << "\n" << r.err;
+            EXPECT_EQ(r.out.find(key.substr(at, 16)), std::string::npos) << what << "\n" << r.out;
+        }
     };
     for (const std::vector<std::string>& bad : bad_arguments) {
         std::vector<std::string> args = PlayerKeyArgs();
         args.insert(args.end(), bad.begin(), bad.end());
-        const ProcessResult r = Pb(args);
-        EXPECT_NE(r.status, 0) << bad[0];
-        for (size_t at = 0; at + 16 <= key.size(); at += 8) {
-            EXPECT_EQ(r.err.find(key.substr(at, 16)), std::string::npos) << r.err;
-            EXPECT_EQ(r.out.find(key.substr(at, 16)), std::string::npos) << r.out;
-        }
+        expect_no_key(Pb(args), bad[0]);
     }
+    expect_no_key(Pb({"cipher", "md5", key + "g"}), "cipher md5 KEYg");
+    expect_no_key(Pb({"cipher", "new", "--bytes", key}), "cipher new --bytes KEY");
+    // The library's log line names the path too.
+    expect_no_key(Pb({"cut", "--proto", kGame, "--table", "Player", "--paths", "level," + key + "g"}),
+                  "cut --paths KEYg");
     const std::vector<std::string> bad_lines = {key, "=" + key, "game-aes " + key, "game-aes=" + key + "zz"};
     for (const std::string& line : bad_lines) {
         std::vector<std::string> args = PlayerKeyArgs();
@@ -314,6 +327,21 @@ TEST_F(CliTest, KeyMaterialIsNeverPrinted) {
             EXPECT_EQ(err.find(key.substr(48, 16)), std::string::npos) << err;
         }
     }
+}
+
+// The words hidden as possible key material are hex-like runs: long names,
+// paths and messages stay readable in errors.
+TEST_F(CliTest, LongNamesAreNotHidden) {
+    const ProcessResult table = Pb({"key", "--proto", kGame, "--table", "PlayerInventoryItemRecord"});
+    EXPECT_EQ(table.status, 1);
+    EXPECT_NE(table.err.find("no message type \"PlayerInventoryItemRecord\""), std::string::npos) << table.err;
+    const ProcessResult file = Pb({"key", "--proto", "tests/cli/data/no_such_directory_anywhere/tables.proto",
+                                   "--table", "Player"});
+    EXPECT_EQ(file.status, 1);
+    EXPECT_NE(file.err.find("tests/cli/data/no_such_directory_anywhere/tables.proto"), std::string::npos) << file.err;
+    const ProcessResult option = Pb({"key", "--proto", kGame, "--table", "Player", "--descriptorsetfile", "x"});
+    EXPECT_EQ(option.status, 2);
+    EXPECT_NE(option.err.find("--descriptorsetfile"), std::string::npos) << option.err;
 }
 
 // ---------------------------------------------------------------------------

@@ -1,9 +1,12 @@
 #include "corvida-pb/cli_log.h"
 
 #include <cstdio>
+#include <exception>
+#include <string>
 
 #include <google/protobuf/stubs/logging.h>
 
+#include "corvida-pb/secrets.h"
 #include "corvida-pb/status.h"
 
 namespace corvida_pb {
@@ -13,9 +16,21 @@ namespace {
 // no context.
 int g_protobuf_priority = PLOG_PRIORITY_ERROR;
 
+// Writes "[priority] source: text" with text passed through RedactSecrets(),
+// as every other message is: a line may quote the message text or a name
+// taken from the command line. Throws nothing, as it is called from within
+// the library: without memory for the copy, the line is left out.
+void WriteRedacted(int priority, const char* source, const char* text, size_t length) noexcept {
+    try {
+        const std::string redacted = RedactSecrets(std::string(text, length));
+        std::fprintf(stderr, "[%s] %s: %s\n", plog_priority_name(priority), source, redacted.c_str());
+    } catch (const std::exception&) {
+        std::fprintf(stderr, "[%s] %s: (a log line left out: out of memory)\n", plog_priority_name(priority), source);
+    }
+}
+
 void WriteLine(void*, const PLOGEVENT* event, const char* message, size_t length) {
-    std::fprintf(stderr, "[%s] %s: %.*s\n", plog_priority_name(event->iPriority), event->pszFunc,
-                 static_cast<int>(length), message);
+    WriteRedacted(event->iPriority, event->pszFunc, message, length);
 }
 
 // The runtime's lines are diagnostics below the library's own: for instance
@@ -26,7 +41,7 @@ void WriteProtobufLine(google::protobuf::LogLevel level, const char*, int, const
     const int priority = level >= google::protobuf::LOGLEVEL_ERROR     ? PLOG_PRIORITY_ERROR
                          : level == google::protobuf::LOGLEVEL_WARNING ? PLOG_PRIORITY_WARN
                                                                        : PLOG_PRIORITY_INFO;
-    std::fprintf(stderr, "[%s] protobuf: %s\n", plog_priority_name(priority), message.c_str());
+    WriteRedacted(priority, "protobuf", message.data(), message.size());
 }
 
 }  // namespace

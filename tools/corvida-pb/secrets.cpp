@@ -9,16 +9,24 @@ namespace corvida_pb {
 namespace {
 
 constexpr size_t kShortestSecret = 8;
-constexpr size_t kShortestHexWord = 16;
+constexpr size_t kShortestKeyRun = 16;
 
 std::vector<std::string>& Remembered() {
     static std::vector<std::string> secrets;
     return secrets;
 }
 
-bool IsHexRun(const std::string& text) {
-    return text.size() >= kShortestHexWord &&
-           std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isxdigit(c) != 0; });
+bool IsAlphanumeric(char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; }
+
+// True when run (letters and digits only) may be key material: at least 16
+// characters, at least three in four of them hex digits. A mistyped key (a
+// stray letter, a "0x" in front) still qualifies; names and words of that
+// length hardly ever do ("PlayerInventoryItem" has 5 hex digits in 19).
+bool MayBeKey(const std::string& run) {
+    if (run.size() < kShortestKeyRun) return false;
+    const size_t hex = static_cast<size_t>(
+        std::count_if(run.begin(), run.end(), [](unsigned char c) { return std::isxdigit(c) != 0; }));
+    return hex * 4 >= run.size() * 3;
 }
 
 }  // namespace
@@ -40,10 +48,17 @@ void RememberSecret(const std::string& text) {
 
 void RememberCommandLineSecrets(const std::vector<std::string>& words) {
     for (const std::string& word : words) {
-        if (IsHexRun(word)) RememberSecret(word);
-        for (size_t eq = word.find('='); eq != std::string::npos; eq = word.find('=', eq + 1)) {
-            const std::string tail = word.substr(eq + 1);
-            if (IsHexRun(tail)) RememberSecret(tail);
+        size_t start = 0;
+        while (start < word.size()) {
+            if (!IsAlphanumeric(word[start])) {
+                ++start;
+                continue;
+            }
+            size_t end = start;
+            while (end < word.size() && IsAlphanumeric(word[end])) ++end;
+            SecretString run(word.substr(start, end - start));
+            if (MayBeKey(run.str())) RememberSecret(run.str());
+            start = end;
         }
     }
 }

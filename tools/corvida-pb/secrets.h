@@ -44,9 +44,11 @@ private:
 // ordinary words and reveal little).
 void RememberSecret(const std::string& text);
 
-// Remembers the words of the command line that may hold key material: each
-// word, and each part of it after an "=", that is a run of 16 or more hex
-// digits (a key given where a name or file was expected is still a key).
+// Remembers the parts of the command-line words that may be key material:
+// every run of 16 or more letters and digits (wherever it stands in a word:
+// "--colour=KEY", "NAME=KEY") of which at least three in four are hex
+// digits. A key given where a name or file was expected, or mistyped, is
+// still a key; table names, file names and message text stay readable.
 void RememberCommandLineSecrets(const std::vector<std::string>& words);
 
 // message with every remembered secret replaced by "<hidden>".
