@@ -393,6 +393,34 @@ TEST_F(CliTest, ProtoFromStandardInput) {
     EXPECT_NE(r.out.find("hex: 084d"), std::string::npos) << r.out;
 }
 
+// One file reached under two names is loaded once, whichever comes first;
+// so is a file given after a file that imports it.
+TEST_F(CliTest, SameFileUnderAnySpellingIsLoadedOnce) {
+    const std::string absolute = std::string(CORVIDA_PB_SOURCE_DIR) + "/" + kGame;
+    const std::string link = m_tmp + "/game_link.proto";
+    ASSERT_EQ(::symlink(absolute.c_str(), link.c_str()), 0);
+    const std::vector<std::string> query = {"--table", "Guild", "--text", "guild_id: 77"};
+    std::vector<std::string> once = {"key", "--proto", kGame};
+    once.insert(once.end(), query.begin(), query.end());
+    const ProcessResult expected = Pb(once);
+    ASSERT_EQ(expected.status, 0) << expected.err;
+    for (const std::string& other : {absolute, std::string("examples/../examples/tables/game.proto"), link}) {
+        for (const bool other_first : {false, true}) {
+            std::vector<std::string> args = {"key", "--proto", other_first ? other : kGame, "--proto",
+                                             other_first ? kGame : other};
+            args.insert(args.end(), query.begin(), query.end());
+            const ProcessResult r = Pb(args);
+            EXPECT_EQ(r.status, 0) << other << "\n" << r.err;
+            EXPECT_EQ(r.out, expected.out) << other;
+        }
+    }
+    const std::string imports = std::string(CORVIDA_PB_SOURCE_DIR) + "/tests/cli/data/imports";
+    const ProcessResult imported =
+        Pb({"schema", "--proto", "sub/importer.proto", "--proto", imports + "/sub/common.proto", "--table", "Holder"},
+           InDirectory(imports));
+    EXPECT_EQ(imported.status, 0) << imported.err;
+}
+
 TEST_F(CliTest, EveryOptionTakesItsValueAfterAnEqualsSign) {
     const ProcessResult spaced =
         Pb({"key", "--proto", kGame, "--table", "Guild", "--text", "guild_id: 77", "--log-level", "error"});

@@ -1,10 +1,14 @@
 #include "corvida-pb/schema_loader.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <list>
+#include <map>
 #include <optional>
 #include <set>
+#include <tuple>
 #include <utility>
 
 #include <google/protobuf/io/tokenizer.h>
@@ -74,15 +78,23 @@ void AddWithImports(const FileDescriptor* file, std::set<std::string>* seen, Fil
     file->CopyTo(set->add_file());
 }
 
+// True when the paths a and b name the same file on disk.
+bool SameFile(const std::string& a, const std::string& b) {
+    struct stat sa, sb;
+    return ::stat(a.c_str(), &sa) == 0 && ::stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
+           sa.st_ino == sb.st_ino;
+}
+
 // The name under which the search path of disk finds the file proto. Throws
 // Failure when proto cannot be read or the search path finds another file
-// under that name first.
+// under that name first (the same file under another spelling is no other).
 std::string VirtualName(DiskSourceTree* disk, const std::string& proto) {
     ReadFile(proto);  // reports a missing or unreadable file with the system's reason
     std::string virtual_name, shadowing;
     switch (disk->DiskFileToVirtualFile(proto, &virtual_name, &shadowing)) {
         case DiskSourceTree::SUCCESS: return virtual_name;
         case DiskSourceTree::SHADOWED:
+            if (SameFile(proto, shadowing)) return virtual_name;
             throw Failure(proto + " is shadowed by " + shadowing +
                           ", which the search path finds first under the same name; give that file or reorder -I");
         case DiskSourceTree::CANNOT_OPEN: throw Failure("cannot read " + proto);
@@ -126,6 +138,29 @@ void AddBuiltinIfMissing(const std::string& name, google::protobuf::SimpleDescri
     FileDescriptorProto proto;
     file->CopyTo(&proto);
     database->Add(proto);
+}
+
+// What identifies a file: its device and inode where the search path finds
+// it on disk, else its name in the pool (the file read from standard input,
+// a built-in file). One file reached under two names (a relative and an
+// absolute path, "a/../a", a symbolic link) has one identity.
+using FileIdentity = std::tuple<dev_t, ino_t, std::string>;
+
+FileIdentity IdentityOf(DiskSourceTree* disk, const std::string& virtual_name) {
+    std::string disk_file;
+    struct stat st;
+    if (virtual_name != kStandardInputProtoName && disk->VirtualFileToDiskFile(virtual_name, &disk_file) &&
+        ::stat(disk_file.c_str(), &st) == 0) {
+        return FileIdentity(st.st_dev, st.st_ino, "");
+    }
+    return FileIdentity(0, 0, virtual_name);
+}
+
+// Records the identity of file and of every file it imports in *loaded.
+void RememberLoaded(DiskSourceTree* disk, const FileDescriptor* file,
+                    std::map<FileIdentity, const FileDescriptor*>* loaded) {
+    if (!loaded->emplace(IdentityOf(disk, file->name()), file).second) return;
+    for (int i = 0; i < file->dependency_count(); ++i) RememberLoaded(disk, file->dependency(i), loaded);
 }
 
 }  // namespace
@@ -219,7 +254,11 @@ std::unique_ptr<Schema> Schema::FromProtoFiles(const std::vector<std::string>& p
         new google::protobuf::compiler::Importer(schema->m_tree.get(), schema->m_import_errors.get()));
     schema->m_pool = schema->m_importer->pool();
 
-    std::set<std::string> loaded;
+    // Every file in the pool by its identity, imported ones included: a
+    // file given again, under any name, or given after a file that imports
+    // it, is the file already loaded (importing it under a second name
+    // would define everything in it twice).
+    std::map<FileIdentity, const FileDescriptor*> loaded;
     for (const std::string& proto : protos) {
         std::string virtual_name;
         if (proto == "-") {
@@ -230,13 +269,15 @@ std::unique_ptr<Schema> Schema::FromProtoFiles(const std::vector<std::string>& p
         } else {
             virtual_name = VirtualName(&disk, proto);
         }
-        if (!loaded.insert(virtual_name).second) continue;  // the same file given twice
-        const FileDescriptor* file = schema->m_importer->Import(virtual_name);
+        auto it = loaded.find(IdentityOf(&disk, virtual_name));
+        const FileDescriptor* file = it != loaded.end() ? it->second : schema->m_importer->Import(virtual_name);
         if (file == nullptr) {
             const std::string errors = schema->m_import_errors->TakeText();
             throw Failure(errors.empty() ? "cannot load " + DisplayName(proto) : errors);
         }
-        schema->m_files.push_back(file);
+        RememberLoaded(&disk, file, &loaded);
+        const auto& files = schema->m_files;
+        if (std::find(files.begin(), files.end(), file) == files.end()) schema->m_files.push_back(file);
     }
     schema->m_factory.reset(new google::protobuf::DynamicMessageFactory(schema->m_pool));
     return schema;

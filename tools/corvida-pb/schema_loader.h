@@ -38,8 +38,9 @@ public:
     // there are served built in. A relative name that is not a file on disk
     // is looked up on the search path and among the built-in files (so
     // "google/protobuf/timestamp.proto" works anywhere). "-" reads one file
-    // from standard input, named kStandardInputProtoName. A file given twice
-    // is loaded once.
+    // from standard input, named kStandardInputProtoName. A file given twice,
+    // under any spelling (relative or absolute path, "a/../a", a symbolic
+    // or hard link), or given after a file that imports it, is loaded once.
     // Throws Failure with every error ("file:line:column: message").
     static std::unique_ptr<Schema> FromProtoFiles(const std::vector<std::string>& protos,
                                                   const std::vector<std::string>& include_dirs);
