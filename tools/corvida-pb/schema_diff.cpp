@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 #include <utility>
 
 #include <google/protobuf/descriptor.pb.h>
@@ -143,15 +144,15 @@ public:
     std::vector<SchemaDifference> TakeDifferences() { return std::move(m_differences); }
 
     // Compares a pair of types; top_code is the code of the outermost field
-    // that led here (0 at the top), context names that field chain.
+    // that led here (0 at the top), context names that field chain. A pair
+    // already compared (further up, as the library does, or through another
+    // field) adds nothing: its differences are listed once, under the first
+    // field that leads to them.
     void Compare(const Descriptor* svr, const Descriptor* client, int top_code, const std::string& context) {
-        const auto pair = std::make_pair(svr, client);
-        if (std::find(m_path.begin(), m_path.end(), pair) != m_path.end()) return;
-        m_path.push_back(pair);
+        if (!m_compared.insert(std::make_pair(svr, client)).second) return;
         CompareHeader(svr, client, top_code, context);
         CompareFields(svr, client, top_code, context);
         CompareIndexes(svr, client, top_code, context);
-        m_path.pop_back();
     }
 
 private:
@@ -186,10 +187,11 @@ private:
                 "syntax differs: the server's file of " + svr->full_name() + " is " + SyntaxName(svr->file()) +
                     ", the client's is " + SyntaxName(client->file()));
         }
-        if (svr->full_name() != client->full_name()) {
+        if (svr->full_name() != client->full_name() && !RenameListed(svr->full_name(), client->full_name())) {
             AddAtMessage(-4, top_code, context, client, {},
                          "message type name differs: the server's is " + svr->full_name() + ", the client's " +
                              client->full_name());
+            ListRename(svr->full_name(), client->full_name());
         }
         ComparePrimaryKeys(svr, client, top_code, context);
         const std::string svr_suite = StringOption(svr, corvidaservice::corvida_field_cipher_suite);
@@ -253,7 +255,10 @@ private:
             return;
         }
         const Path path = FieldPath(client_field);
-        if (svr_field->full_name() != client_field->full_name()) {
+        // The library compares full names; where the types' full names
+        // differ, the type-name line already says so, and the field's own
+        // name is what is left to compare.
+        if (svr_field->name() != client_field->name()) {
             Add(-14, top_code, context, client_field->file(), Extended(path, {1}),
                 "required field number " + std::to_string(svr_field->number()) + " of " + client->full_name() +
                     " is " + svr_field->name() + " on the server but " + client_field->name() + " in the client");
@@ -275,7 +280,7 @@ private:
     void CompareLenient(const FieldDescriptor* svr_field, const FieldDescriptor* client_field, int top_code,
                         const std::string& context) {
         const Path path = FieldPath(client_field);
-        if (svr_field->full_name() != client_field->full_name()) {
+        if (svr_field->name() != client_field->name()) {  // see CompareRequired
             Add(-10, top_code, context, client_field->file(), Extended(path, {1}),
                 "field number " + std::to_string(svr_field->number()) + " of " +
                     client_field->containing_type()->full_name() + " is " + svr_field->name() +
@@ -305,8 +310,68 @@ private:
         const bool svr_nested =
             svr_field->type() == FieldDescriptor::TYPE_MESSAGE || svr_field->type() == FieldDescriptor::TYPE_GROUP;
         if (!svr_nested || svr_field->type() != client_field->type()) return;
+        const std::string inner_context =
+            context + "in " + client_field->containing_type()->name() + "." + client_field->name() + ": ";
+        if (svr_field->is_map() && client_field->is_map()) {
+            CompareMap(code, svr_field, client_field, top_code, context, inner_context);
+            return;
+        }
         Compare(svr_field->message_type(), client_field->message_type(), top_code != 0 ? top_code : code,
-                context + "in " + client_field->containing_type()->name() + "." + client_field->name() + ": ");
+                inner_context);
+    }
+
+    // The entry types of two map fields are generated from the fields: their
+    // names follow the field's name and scope (differences there have lines
+    // of their own), their fields are always key and value, and they carry
+    // no options. What can differ is the type of the keys or of the values,
+    // reported at the map field, and a value type's own differences.
+    void CompareMap(int code, const FieldDescriptor* svr_field, const FieldDescriptor* client_field, int top_code,
+                    const std::string& context, const std::string& inner_context) {
+        for (int number : {1, 2}) {
+            const FieldDescriptor* svr_part = svr_field->message_type()->FindFieldByNumber(number);
+            const FieldDescriptor* client_part = client_field->message_type()->FindFieldByNumber(number);
+            if (svr_part == nullptr || client_part == nullptr) continue;
+            if (svr_part->type() != client_part->type()) {
+                Add(code, top_code, context, client_field->file(), FieldPath(client_field),
+                    "map " + FieldWords(client_field) + " has " + svr_part->name() + "s of type " +
+                        TypeWords(svr_part) + " on the server but " + TypeWords(client_part) + " in the client");
+            } else if (svr_part->message_type() != nullptr) {
+                Compare(svr_part->message_type(), client_part->message_type(), top_code != 0 ? top_code : code,
+                        inner_context);
+            }
+        }
+    }
+
+    // True when the full names svr and client differ only in an enclosing
+    // scope (a package, an outer message) whose rename a line already
+    // lists: "a.Outer.Sub" against "a.Outer2.Sub" once "a.Outer" against
+    // "a.Outer2" is listed, "p.Inner" against "q.Inner" once "p.Outer"
+    // against "q.Outer" is.
+    bool RenameListed(std::string svr, std::string client) const {
+        while (LastName(svr) == LastName(client) && svr.find('.') != std::string::npos &&
+               client.find('.') != std::string::npos) {
+            svr.erase(svr.rfind('.'));
+            client.erase(client.rfind('.'));
+            if (m_renames.count(std::make_pair(svr, client)) != 0) return true;
+        }
+        return false;
+    }
+
+    // Records that a line lists the rename of svr to client, and so the
+    // rename of the scopes in which alone they differ.
+    void ListRename(std::string svr, std::string client) {
+        m_renames.insert(std::make_pair(svr, client));
+        while (LastName(svr) == LastName(client) && svr.find('.') != std::string::npos &&
+               client.find('.') != std::string::npos) {
+            svr.erase(svr.rfind('.'));
+            client.erase(client.rfind('.'));
+            m_renames.insert(std::make_pair(svr, client));
+        }
+    }
+
+    static std::string LastName(const std::string& full_name) {
+        const size_t dot = full_name.rfind('.');
+        return dot == std::string::npos ? full_name : full_name.substr(dot + 1);
     }
 
     void CompareIndexes(const Descriptor* svr, const Descriptor* client, int top_code, const std::string& context) {
@@ -346,7 +411,8 @@ private:
         }
     }
 
-    std::vector<std::pair<const Descriptor*, const Descriptor*>> m_path;
+    std::set<std::pair<const Descriptor*, const Descriptor*>> m_compared;
+    std::set<std::pair<std::string, std::string>> m_renames;  // server and client full names
     std::map<const FileDescriptor*, SourceSpans> m_spans;
     std::vector<SchemaDifference> m_differences;
 };

@@ -10,6 +10,12 @@
 // GetMetaAndCompare reports, with the same code, and an empty list means the
 // library finds the types compatible.
 //
+// Each difference is listed once: a nested pair of types under the first
+// field that leads to it; a renamed type or package in one line (fields are
+// compared by their own names, and the types in a renamed scope are not
+// listed again); a map field's key and value types at the map field, not at
+// its generated entry type.
+//
 // Each difference points at the client's declaration that must change: the
 // field, the option or the message, with its line and column where the
 // client's file carries source locations (files loaded from .proto text).
