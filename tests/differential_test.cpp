@@ -1065,6 +1065,58 @@ TEST_P(CutDifferential, FieldsAtTheEndOfTheValueBuffer) {
     m_tally.ExpectSeen("cuts at the end of the buffer", {0, CorvErrCode::GEN_ERR_ERR});
 }
 
+// The first name of a dotted path, as the key names are matched against it.
+std::string FirstName(const std::string& path) {
+    std::string name = path.substr(0, path.find('.'));
+    return PROTOBUF_UTIL::trim(name);
+}
+
+// The most paths a call takes, all beginning with one long name: each a
+// prefix of many others ("p", "p_", "p__", ...), with characters that sort
+// before and after "." and NUL bytes; in some cases trailing dots, or one
+// path under another somewhere in the set. Most first names are key names,
+// so that each path is checked against the others and then passed over.
+TEST_P(CutDifferential, ManyPathsSharingALongPrefix) {
+    Rng rng(Seed(7));
+    Types types(GetParam());
+    const Message* prototype = types.Named("corvida.test.Player2");
+    ASSERT_NE(prototype, nullptr);
+    std::unique_ptr<Message> msg = RandomMessage(*prototype, rng);
+    const std::string prefix(600, 'p');
+    static const char kTail[] = {'_', '_', '!', ' ', 'a', '-', '\0'};
+    const int cases = 40 * Rounds();
+    for (int n = 0; n < cases; ++n) {
+        Paths paths;
+        if (n == 0) {
+            // Each path a prefix of all that follow it, none under another.
+            for (size_t k = 0; paths.size() < MAX_DBFIELD_NUM; ++k) paths.insert(prefix + std::string(k, '_'));
+        } else {
+            const size_t longest = 4 + Pick(rng, 9);  // of 6 characters: room for many more than 256 paths
+            const int trailing_dots = n % 4 == 2 ? 3 : 0;
+            while (paths.size() < MAX_DBFIELD_NUM) {
+                std::string p = prefix;
+                for (size_t k = Pick(rng, longest + 1); k > 0; --k) p += kTail[Pick(rng, sizeof(kTail))];
+                if (Chance(rng, trailing_dots)) p += Chance(rng, 50) ? "." : "..";
+                paths.insert(p);
+            }
+            if (n % 4 == 3) {
+                // One path replaced by one under another path of the set.
+                paths.erase(std::next(paths.begin(), static_cast<long>(Pick(rng, paths.size()))));
+                const std::string& above = *std::next(paths.begin(), static_cast<long>(Pick(rng, paths.size())));
+                paths.insert(above + (Chance(rng, 50) ? ".x" : ".."));
+            }
+        }
+        // Now and then a path that is no key names no field either.
+        const int strays = n % 4 == 1 ? 1 : 0;
+        Paths keys;
+        for (const std::string& p : paths) {
+            if (!Chance(rng, strays)) keys.insert(FirstName(p));
+        }
+        if (!Case(*msg, keys, paths, LogSetup{}, n)) return;
+    }
+    m_tally.ExpectSeen("cuts of paths sharing a prefix", {0, CorvErrCode::GEN_ERR_INVALID_ARGUMENTS});
+}
+
 // Every singular field of the all-types tables, set to each boundary value
 // of its type in turn and left unset: presence and encoding of each value.
 TEST_P(CutDifferential, EdgeValuesOfEverySingularField) {

@@ -229,16 +229,22 @@ private:
     bool m_has_nul;
 };
 
-// True when `path` (without a NUL byte) followed by "." begins an element of
-// the set from `next` on, the element after path: the elements that begin
-// with path follow it in the set's order, one after another.
+// True when an element of `set` begins with `path` (without a NUL byte)
+// followed by "." -- VerifyTagPath's test. `next` is the element after path.
+// The elements that begin with path follow it in the set's order, one after
+// another, and those that begin with path + "." are one run of them starting
+// at its lower bound: one search and one comparison decide, however many
+// elements share a prefix with path ("item", "item_id", ...).
 bool LeadsAnother(const std::string& path, std::set<std::string>::const_iterator next,
-                  std::set<std::string>::const_iterator end) {
-    for (; next != end && next->size() >= path.size() && std::memcmp(next->data(), path.data(), path.size()) == 0;
-         ++next) {
-        if (next->size() > path.size() && (*next)[path.size()] == '.') return true;
-    }
-    return false;
+                  const std::set<std::string>& set) {
+    // Commonly the next element does not even begin with path: no search.
+    if (next == set.end() || next->compare(0, path.size(), path) != 0) return false;
+    // Kept per thread so that a long path costs no allocation after the first.
+    thread_local std::string dotted;
+    dotted.assign(path);
+    dotted.push_back('.');
+    const auto first = set.lower_bound(dotted);
+    return first != set.end() && first->compare(0, dotted.size(), dotted) == 0;
 }
 
 // Checks dotted path p, whose names are `names` and which the set holds
@@ -253,7 +259,7 @@ int CheckDottedPath(const std::string& p, std::set<std::string>::const_iterator 
     // Against every requested path, not only those already cut: a sub-message
     // and a field inside it cannot both be written. VerifyTagPath reads the
     // path up to a NUL byte; only such a path is not judged by its neighbours.
-    const bool suspect = names.has_nul() || LeadsAnother(p, next, dottedpaths.end());
+    const bool suspect = names.has_nul() || LeadsAnother(p, next, dottedpaths);
     if (suspect && VerifyTagPath(p, dottedpaths, log.get()) != 0) {
         PBU_LOG_IN(kFill, log.get(), PLOG_PRIORITY_ERROR, "dottedpath:%s duplicated.", p.c_str());
         return GEN_ERR_INVALID_ARGUMENTS;
