@@ -132,7 +132,9 @@ public:
 
         const int ret = PROTOBUF_UTIL::GetMetaAndCompare(client->name(), blob, client, log.category());
         if (ret == -1 || ret == -2) {
-            throw Failure("cannot compare: " + ExplainCompareResult(ret) + " (result " + std::to_string(ret) + ")");
+            const std::string missing = ret == -1 ? ExplainMissingTable(client->name(), blob) : std::string();
+            throw Failure("cannot compare: " + (missing.empty() ? ExplainCompareResult(ret) : missing) + " (result " +
+                          std::to_string(ret) + ")");
         }
         std::vector<SchemaDifference> differences;
         if (ret != 0 && m_all) differences = Differences(server_table, client, ret);

@@ -124,8 +124,7 @@ public:
         UnpackValueSet(ReadFile(m_packed), DisplayName(m_packed), set.get());
         std::set<std::string> failed;
         size_t records = 0;
-        const int ret = MergeValueSet(*set, msg, &failed, &records, log.category());
-        if (ret != 0) throw Failure(ExplainMergeResult(ret) + " (result " + std::to_string(ret) + ")");
+        MergeValueSet(*set, msg, &failed, &records, log.category());
         if (json()) {
             PrintJson(std::cout, {{"table", table->full_name()},
                                   {"records", records},

@@ -242,12 +242,48 @@ std::string ExplainCutResult(int code, const Descriptor* table, const std::set<s
                : "a path is invalid (the log line above says which)";
 }
 
-std::string ExplainMergeResult(int code) {
-    if (code == CorvErrCode::GEN_ERR_INVALID_ARGUMENTS) {
-        return "a tag path of the value set names no field of the table, or is empty (the log line above says "
-               "which); the fields before it are merged";
+namespace {
+
+// Why the library cannot walk tag_path (of record index) in table, or ""
+// when it can. Numbers are read as the library reads them: decimal digits,
+// none naming a field beyond the largest int.
+std::string TagPathProblem(const Descriptor* table, const std::string& tag_path, size_t index) {
+    const std::string where = "tag path " + Quoted(tag_path) + " (record " + std::to_string(index) + ")";
+    if (tag_path.empty()) return "record " + std::to_string(index) + " of the value set has an empty tag path";
+    const std::vector<std::string> numbers = Split(tag_path, ".");
+    const Descriptor* type = table;
+    for (size_t i = 0; i < numbers.size(); ++i) {
+        const std::string& text = numbers[i];
+        if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) {
+            return where + " holds " + Quoted(text) + ", which is not a field number";
+        }
+        const FieldDescriptor* field =
+            text.size() <= 9 ? type->FindFieldByNumber(std::stoi(text)) : nullptr;  // more digits: above any field
+        if (field == nullptr) return where + " names field number " + text + ", which " + type->full_name() + " lacks";
+        if (i + 1 == numbers.size()) break;
+        if (field->message_type() == nullptr || field->is_repeated()) {
+            return where + " goes on after field " + text + " (" + field->name() + ") of " + type->full_name() +
+                   ", which is " + (field->is_repeated() ? "repeated" : field->type_name()) +
+                   ", not a singular message";
+        }
+        type = field->message_type();
     }
-    return Unexpected(code);
+    return "";
+}
+
+}  // namespace
+
+std::string ExplainMergeResult(int code, const Descriptor* table, const std::vector<std::string>& tag_paths) {
+    if (code != CorvErrCode::GEN_ERR_INVALID_ARGUMENTS) return Unexpected(code);
+    for (size_t i = 0; i < tag_paths.size(); ++i) {
+        const std::string problem = TagPathProblem(table, tag_paths[i], i);
+        if (!problem.empty()) {
+            return problem + ": the value set was made for another table, or for another version of " +
+                   table->full_name() + "; the records before it are merged";
+        }
+    }
+    return "a tag path of the value set cannot be walked in " + table->full_name() +
+           " (the log line above says which); the records before it are merged";
 }
 
 namespace {
@@ -309,18 +345,22 @@ std::vector<std::string> DeclaredTables(const google::protobuf::FileDescriptorSe
 
 }  // namespace
 
-std::string ExplainGroupFailure(const std::string& tablename, const std::string& blob,
-                                const PROTOBUF_UTIL::MsgDescGroup& group) {
-    if (group.m_desc != nullptr) return ExplainOptions(group.m_desc);
+std::string ExplainMissingTable(const std::string& tablename, const std::string& blob) {
     google::protobuf::FileDescriptorSet set;
     if (!set.ParseFromString(blob)) return "the schema blob is not a serialized FileDescriptorSet";
     const std::vector<std::string> tables = DeclaredTables(set);
-    if (std::find(tables.begin(), tables.end(), tablename) == tables.end()) {
-        std::string list;
-        for (const std::string& table : tables) list += (list.empty() ? "" : ", ") + table;
-        return "no file of the schema blob declares a top-level message " + Quoted(tablename) +
-               (list.empty() ? std::string("; it declares none") : "; it declares: " + list);
-    }
+    if (std::find(tables.begin(), tables.end(), tablename) != tables.end()) return "";
+    std::string list;
+    for (const std::string& table : tables) list += (list.empty() ? "" : ", ") + table;
+    return "no file of the schema blob declares a top-level message " + Quoted(tablename) +
+           (list.empty() ? std::string("; it declares none") : "; it declares: " + list);
+}
+
+std::string ExplainGroupFailure(const std::string& tablename, const std::string& blob,
+                                const PROTOBUF_UTIL::MsgDescGroup& group) {
+    if (group.m_desc != nullptr) return ExplainOptions(group.m_desc);
+    const std::string missing = ExplainMissingTable(tablename, blob);
+    if (!missing.empty()) return missing;
     return "a file of the schema blob cannot be built (the log line above names it): it imports a file the blob "
            "lacks (make the blob with --include_imports) or holds an invalid definition";
 }

@@ -35,8 +35,17 @@ std::vector<std::string> UnsetKeyFields(const google::protobuf::Message& msg);
 std::string ExplainCutResult(int code, const google::protobuf::Descriptor* table, const std::set<std::string>& paths,
                              const std::set<std::string>& key_names);
 
-// Why FillMsgFromField returned code.
-std::string ExplainMergeResult(int code);
+// Why FillMsgFromField returned code when merging records with these tag
+// paths (in merging order) into a message of table: the first tag path it
+// cannot walk, by its record and the number that names no field, with the
+// message the number was looked up in.
+std::string ExplainMergeResult(int code, const google::protobuf::Descriptor* table,
+                               const std::vector<std::string>& tag_paths);
+
+// Why blob cannot serve the table called tablename (a top-level message's
+// name): it does not parse, or no file of it declares that message (the
+// message names the ones declared). "" when it declares the table.
+std::string ExplainMissingTable(const std::string& tablename, const std::string& blob);
 
 // Why FillMessageGroup returned null for the table called tablename in blob,
 // given what it left in group.

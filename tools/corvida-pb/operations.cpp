@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 
+#include "corvida-pb/explain.h"
 #include "corvida-pb/status.h"
 #include "corvida-pb/wire_view.h"
 
@@ -116,11 +117,15 @@ void UnpackValueSet(const std::string& data, const std::string& source, Protobuf
     }
 }
 
-int MergeValueSet(const ProtobufValueSet_& set, Message* msg, std::set<std::string>* failed, size_t* records,
-                  LPPLOGCATEGORYINST log) {
+void MergeValueSet(const ProtobufValueSet_& set, Message* msg, std::set<std::string>* failed, size_t* records,
+                   LPPLOGCATEGORYINST log) {
     std::vector<PbValueSetBuffer::Field> fields = ValueSetFields(set, log);
     *records = fields.size();
-    return PROTOBUF_UTIL::FillMsgFromField(fields, *failed, msg, nullptr, 0, log);
+    const int ret = PROTOBUF_UTIL::FillMsgFromField(fields, *failed, msg, nullptr, 0, log);
+    if (ret == 0) return;
+    std::vector<std::string> tag_paths;
+    for (const PbValueSetBuffer::Field& field : fields) tag_paths.push_back(field.path != nullptr ? field.path : "");
+    throw Failure(ExplainMergeResult(ret, msg->GetDescriptor(), tag_paths) + " (result " + std::to_string(ret) + ")");
 }
 
 }  // namespace corvida_pb

@@ -52,12 +52,12 @@ void UnpackValueSet(const std::string& data, const std::string& source, Protobuf
 
 // Merges the fields of set into msg (FillMsgFromField), adding the tag paths
 // it could not merge to *failed; *records is the number of fields in the
-// set. Returns the library's result. Throws
-// Failure, before anything is merged, when a tag path passes through a field
-// that is not a singular message of msg's type: such a set was made for
-// another table.
-int MergeValueSet(const ProtobufValueSet_& set, google::protobuf::Message* msg, std::set<std::string>* failed,
-                  size_t* records, LPPLOGCATEGORYINST log);
+// set. Throws Failure when the library stops at a tag path it cannot walk in
+// msg's type (one that names no field, or goes on after a field that is not
+// a singular message: a set made for another table), naming that tag path
+// and the message it was looked up in; the records before it stay merged.
+void MergeValueSet(const ProtobufValueSet_& set, google::protobuf::Message* msg, std::set<std::string>* failed,
+                   size_t* records, LPPLOGCATEGORYINST log);
 
 }  // namespace corvida_pb
 
