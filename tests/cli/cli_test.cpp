@@ -26,11 +26,25 @@ TEST_F(CliTest, KeyJson) {
                                 "--cipher", GameCipher(), "--format", "json"});
     ASSERT_EQ(r.status, 0) << r.err;
     const Json json = ParseOne(r.out);
-    EXPECT_EQ(Keys(json), (std::vector<std::string>{"table", "key", "length", "hex"}));
+    EXPECT_EQ(Keys(json), (std::vector<std::string>{"table", "key", "length", "hex", "unset_fields"}));
     EXPECT_EQ(json["table"], "corvida.example.Player");
     EXPECT_EQ(json["key"], "primary");
     EXPECT_EQ(json["length"], 40);
     EXPECT_EQ(json["hex"], "080310e9071a2179c01e7ce56616b06296f05008a0090785378874b6847d7928d4cc1a0d332c7563");
+    EXPECT_EQ(json["unset_fields"], Json::array());
+}
+
+// A primary key that leaves out unset proto2 key fields succeeds (as the
+// library does without --check) and says which fields it left out.
+TEST_F(CliTest, KeyJsonListsTheUnsetKeyFields) {
+    const ProcessResult r = Pb({"key", "--proto", "tests/protos/tables2.proto", "--table", "IntKeys2", "--text",
+                                "k_int32: 1 k_bool: true k_sint64: -2", "--format", "json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.err.find("warning: key fields k_int64, k_uint32"), std::string::npos) << r.err;
+    const Json json = ParseOne(r.out);
+    EXPECT_EQ(Keys(json), (std::vector<std::string>{"table", "key", "length", "hex", "unset_fields"}));
+    EXPECT_EQ(json["unset_fields"], Json::parse(R"(["k_int64", "k_uint32", "k_uint64", "k_sint32", "k_fixed32",
+                                                    "k_fixed64", "k_sfixed32", "k_sfixed64"])"));
 }
 
 TEST_F(CliTest, FieldKeyJson) {
@@ -38,11 +52,12 @@ TEST_F(CliTest, FieldKeyJson) {
                                 "--cipher", GameCipher(), "--fields", "4,1", "--format=json"});
     ASSERT_EQ(r.status, 0) << r.err;
     const Json json = ParseOne(r.out);
-    EXPECT_EQ(Keys(json), (std::vector<std::string>{"table", "key", "fields", "length", "hex"}));
+    EXPECT_EQ(Keys(json), (std::vector<std::string>{"table", "key", "fields", "length", "hex", "unset_fields"}));
     EXPECT_EQ(json["key"], "fields");
     EXPECT_EQ(json["fields"], Json::array({4, 1}));
     EXPECT_EQ(json["length"], 4);
     EXPECT_EQ(json["hex"], "202a0803");
+    EXPECT_EQ(json["unset_fields"], Json::array());
 }
 
 TEST_F(CliTest, CutJson) {

@@ -81,9 +81,10 @@ public:
             throw Failure(ExplainKeyResult(ret, *msg, field_key ? &numbers : nullptr, &api, key.size()) +
                           " (result " + std::to_string(ret) + ")");
         }
-        if (!field_key) CheckComplete(*msg, key);
+        const std::vector<std::string> unset = field_key ? std::vector<std::string>() : UnsetKeyFields(*msg);
+        if (!field_key) CheckComplete(*msg, key, unset);
         if (json()) {
-            PrintJson(std::cout, KeyJson(table, field_key ? &numbers : nullptr, key));
+            PrintJson(std::cout, KeyJson(table, field_key ? &numbers : nullptr, key, unset));
         } else {
             PrintKey(std::cout, table, field_key ? FieldKeyName(numbers) : "primary key", key);
         }
@@ -110,9 +111,10 @@ private:
         }
     }
 
-    // Fails for an empty key, warns for one that lacks fields.
-    void CheckComplete(const google::protobuf::Message& msg, const std::string& key) const {
-        const std::vector<std::string> unset = UnsetKeyFields(msg);
+    // Fails for an empty key, warns for one that lacks fields (unset, the
+    // key fields of msg that are not set).
+    void CheckComplete(const google::protobuf::Message& msg, const std::string& key,
+                       const std::vector<std::string>& unset) const {
         if (key.empty()) {
             throw Failure("the primary key of " + msg.GetDescriptor()->full_name() +
                           " is empty: none of its key fields is set (" + JoinComma(unset) + ")");

@@ -111,11 +111,13 @@ void PrintJson(std::ostream& out, const Json& json) {
     out << json.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
 }
 
-Json KeyJson(const Descriptor* table, const std::vector<int>* fields, const std::string& key) {
+Json KeyJson(const Descriptor* table, const std::vector<int>* fields, const std::string& key,
+             const std::vector<std::string>& unset_fields) {
     Json json = {{"table", table->full_name()}, {"key", fields == nullptr ? "primary" : "fields"}};
     if (fields != nullptr) json["fields"] = *fields;
     json["length"] = key.size();
     json["hex"] = HexEncode(key);
+    json["unset_fields"] = unset_fields;
     return json;
 }
 

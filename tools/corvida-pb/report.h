@@ -52,8 +52,11 @@ using Json = nlohmann::ordered_json;
 void PrintJson(std::ostream& out, const Json& json);
 
 // {"table", "key": "primary" | "fields", "fields": [N...] (field keys only),
-//  "length", "hex"}.
-Json KeyJson(const google::protobuf::Descriptor* table, const std::vector<int>* fields, const std::string& key);
+//  "length", "hex", "unset_fields": [NAME...]}: unset_fields names the key
+// fields the key leaves out because they are not set (a primary key without
+// --check; always empty for a field key, which refuses unset fields).
+Json KeyJson(const google::protobuf::Descriptor* table, const std::vector<int>* fields, const std::string& key,
+             const std::vector<std::string>& unset_fields);
 
 // [{"index", "tag_path", "path", "length", "hex"}...] for the records of set.
 Json RecordsJson(const google::protobuf::Descriptor* table, const ProtobufValueSet_& set, LPPLOGCATEGORYINST log);
