@@ -183,6 +183,17 @@ TEST_F(StoreCliTest, WrongCipherKeyIsRefusedAndNothingIsWritten) {
     EXPECT_EQ(Store("get", {"--text", kAlice}).status, 3);
 }
 
+TEST_F(StoreCliTest, EmptyPathListsAreMalformed) {
+    PutTwoPlayers();
+    for (const char* paths : {"", "level,,faction"}) {
+        const ProcessResult update = Store("update", {"--text", std::string(kAlice) + " level: 7", "--paths", paths});
+        EXPECT_EQ(update.status, 2) << update.err;
+        EXPECT_EQ(update.err.rfind("corvida-pb store update: --paths: ", 0), 0u) << update.err;
+        EXPECT_EQ(Store("get", {"--text", kAlice, "--paths", paths}).status, 2);
+    }
+    EXPECT_NE(Store("get", {"--text", kAlice}).out.find("level: 42"), std::string::npos) << "nothing was written";
+}
+
 TEST_F(StoreCliTest, CipherFileFromStandardInputIsAReader) {
     const std::vector<std::string> args = {"store", "put", "--db", m_db, "--proto", kGame, "--table", "Player",
                                            "--text-file", "-", "--cipher-file", "-"};

@@ -385,6 +385,24 @@ TEST_F(CliTest, OnlyOneOptionReadsStandardInput) {
     EXPECT_NE(r.err.find("only one option can read standard input"), std::string::npos) << r.err;
 }
 
+// An empty list, or an empty item in one, is a malformed command line: not
+// a request for no fields ("0 records" and exit 0 before).
+TEST_F(CliTest, EmptyListsAreMalformed) {
+    for (const char* paths : {"", " ", "level,,faction", "level,", ",level"}) {
+        const ProcessResult r = Pb({"cut", "--proto", kGame, "--table", "Player", "--paths", paths});
+        EXPECT_EQ(r.status, 2) << "--paths '" << paths << "'\n" << r.out;
+        EXPECT_EQ(r.out, "");
+        EXPECT_EQ(r.err.rfind("corvida-pb cut: --paths: ", 0), 0u) << r.err;
+    }
+    // Checked before any input is read.
+    EXPECT_EQ(Pb({"cut", "--proto", "tests/cli/data/no_such.proto", "--table", "Player", "--paths", ""}).status, 2);
+    EXPECT_EQ(Pb({"key", "--proto", kGame, "--table", "Guild", "--fields", "", "--text", "guild_id: 1"}).status, 2);
+    EXPECT_EQ(Pb({"key", "--proto", kGame, "--table", "Guild", "--fields", "1,,2", "--text", "guild_id: 1"}).status,
+              2);
+    EXPECT_EQ(Pb({"key", "--proto", kGame, "--table", "Guild", "--fields", " 1 ", "--text", "guild_id: 1"}).status,
+              0);
+}
+
 // The cipher file is a reader too: with the message, it would leave the
 // message empty and still print a key.
 TEST_F(CliTest, CipherFileFromStandardInputIsAReader) {

@@ -127,6 +127,15 @@ private:
     std::vector<CLI::Option*> m_readers;
 };
 
+// The CLI11 check of a comma-separated list option ("--paths a,b.c"); what
+// names an item in messages ("path"). Refuses, as a malformed command line,
+// a list without items or with an empty item (two commas in a row, or one at
+// either end): that is a mistake, not a request for nothing.
+CLI::Validator CommaList(const std::string& what);
+
+// The items of a list that CommaList() accepted, each trimmed of white space.
+std::vector<std::string> SplitCommaList(const std::string& text);
+
 // "corvida-pb store get" for the app of that subcommand.
 std::string CommandPath(const CLI::App* app);
 

@@ -23,11 +23,8 @@ const char kDescription[] =
     "(or, with --check, an error).\n";
 
 std::vector<int> ParseFieldNumbers(const std::string& text) {
-    std::vector<std::string> tokens;
-    PROTOBUF_UTIL::TokenSplit(text, ",", tokens);
-    if (tokens.empty()) throw UsageError("--fields needs at least one field number");
     std::vector<int> numbers;
-    for (const std::string& token : tokens) {
+    for (const std::string& token : SplitCommaList(text)) {
         int number = 0;
         if (!ParseFieldNumber(token, &number)) throw UsageError("--fields: \"" + token + "\" is not a field number");
         numbers.push_back(number);
@@ -48,7 +45,10 @@ public:
         AddSchemaOptions("the table: its message type, by full or short name");
         AddTextOptions("the message");
         m_fields_option =
-            app()->add_option("--fields", m_fields, "the key of these field numbers, in this order")->type_name("N,N...");
+            app()
+                ->add_option("--fields", m_fields, "the key of these field numbers, in this order")
+                ->type_name("N,N...")
+                ->check(CommaList("field number"));
         ReadsFile(m_ciphers.Add(app()));
         app()->add_flag("--check", m_check, "fail when a primary-key field adds no bytes (is not set)");
         AddFormatOption();

@@ -44,12 +44,6 @@ std::string TextOf(const Message& msg) {
     return text;
 }
 
-std::vector<std::string> SplitPaths(const std::string& text) {
-    std::vector<std::string> paths;
-    PROTOBUF_UTIL::TokenSplit(text, ",", paths);
-    return paths;
-}
-
 // What a store subcommand is: its name and help, what its --text or
 // --text-file holds (null: the subcommand takes no message), and whether it
 // writes (and so takes --sync).
@@ -265,12 +259,13 @@ public:
     explicit UpdateCommand(CLI::App* parent) : TableCommand(parent, kUpdate) {
         app()->add_option("--paths", m_paths, "the fields to write, as dotted field names (a,b.c)")
             ->type_name("PATH,PATH...")
+            ->check(CommaList("path"))
             ->required();
     }
 
 private:
     void RunOnTable() override {
-        const std::vector<std::string> paths = SplitPaths(m_paths);
+        const std::vector<std::string> paths = SplitCommaList(m_paths);
         Check(table().Update(message(), paths));
         PrintWritten("update", paths);
     }
@@ -288,19 +283,26 @@ const StoreCommandTraits kGet = {
 class GetCommand : public TableCommand {
 public:
     explicit GetCommand(CLI::App* parent) : TableCommand(parent, kGet) {
-        app()->add_option("--paths", m_paths, "read only these fields (dotted field names)")->type_name("PATH,...");
+        m_paths_option =
+            app()
+                ->add_option("--paths", m_paths, "read only these fields (dotted field names)")
+                ->type_name("PATH,...")
+                ->check(CommaList("path"));
     }
 
 private:
     void RunOnTable() override {
         std::unique_ptr<Message> record = NewMessage();
         std::set<std::string> failed;
-        CheckRecord(table().Get(message(), SplitPaths(m_paths), record.get(), &failed));
+        const std::vector<std::string> paths =
+            Given(m_paths_option) ? SplitCommaList(m_paths) : std::vector<std::string>();
+        CheckRecord(table().Get(message(), paths, record.get(), &failed));
         WarnFailedPaths(failed, "");
         PrintRecord(*record);
     }
 
     std::string m_paths;
+    CLI::Option* m_paths_option = nullptr;
 };
 
 const StoreCommandTraits kDelete = {

@@ -38,6 +38,7 @@ public:
         AddTextOptions("the message");
         app()->add_option("--paths", m_paths, "the fields to cut, as dotted field names (a,b.c)")
             ->type_name("PATH,PATH...")
+            ->check(CommaList("path"))
             ->required();
         m_packed_option = app()
                               ->add_option("--packed", m_packed,
@@ -54,8 +55,7 @@ public:
         const google::protobuf::Descriptor* table = loaded.table;
         google::protobuf::Message* msg = loaded.msg.get();
 
-        std::vector<std::string> path_list;
-        PROTOBUF_UTIL::TokenSplit(m_paths, ",", path_list);
+        const std::vector<std::string> path_list = SplitCommaList(m_paths);
         const std::set<std::string> paths(path_list.begin(), path_list.end());
         std::unique_ptr<ProtobufValueSet_> set = NewValueSet();
         const int ret = CutValueSet(msg, paths, m_with_keys, set.get(), log.category());
