@@ -55,6 +55,8 @@
 #include "support/records.h"
 #include "tables2.pb.h"
 #include "tables3.pb.h"
+#include "wide2.pb.h"
+#include "wide3.pb.h"
 
 namespace {
 
@@ -314,17 +316,22 @@ private:
 // ---------------------------------------------------------------------------
 
 std::vector<const FileDescriptor*> TestFiles() {
-    return {corvida::test::Player2::descriptor()->file(), corvida::test3::Player3::descriptor()->file(),
-            corvida::test::AllTypes2::descriptor()->file(), corvida::test::AllTypes3::descriptor()->file()};
+    return {corvida::test::Player2::descriptor()->file(),   corvida::test3::Player3::descriptor()->file(),
+            corvida::test::AllTypes2::descriptor()->file(), corvida::test::AllTypes3::descriptor()->file(),
+            corvida::test::Wide2::descriptor()->file(),     corvida::test3::Wide3::descriptor()->file()};
 }
 
-// Field numbers of every message field moved by 100 (map entries keep theirs):
-// the rebuilt pool's types have the names and options of the first but other
-// bytes, so whatever survived the first pool would show.
+// Field numbers of every message field moved by 100 (map entries keep theirs;
+// the largest numbers move down): the rebuilt pool's types have the names and
+// options of the first but other bytes, so whatever survived the first pool
+// would show.
 void Renumber(FileDescriptorProto* file) {
+    constexpr int kLargest = FieldDescriptor::kMaxNumber;
     std::function<void(google::protobuf::DescriptorProto*)> renumber = [&](google::protobuf::DescriptorProto* type) {
         if (type->options().map_entry()) return;
-        for (auto& field : *type->mutable_field()) field.set_number(field.number() + 100);
+        for (auto& field : *type->mutable_field()) {
+            field.set_number(field.number() <= kLargest - 100 ? field.number() + 100 : field.number() - 100);
+        }
         for (auto& nested : *type->mutable_nested_type()) renumber(&nested);
     };
     for (auto& type : *file->mutable_message_type()) renumber(&type);
@@ -620,13 +627,15 @@ void SetEdgeValue(Message* msg, const FieldDescriptor* field, int which) {
 }
 
 // The tables whose every singular field the edge-value cases try.
-const char* const kEdgeTables[] = {"corvida.test.AllTypes2", "corvida.test.AllTypes3", "corvida.test3.Player3"};
+const char* const kEdgeTables[] = {"corvida.test.AllTypes2", "corvida.test.AllTypes3", "corvida.test3.Player3",
+                                   "corvida.test.Defaults2", "corvida.test.Wide2",     "corvida.test.WideInner2",
+                                   "corvida.test3.Wide3"};
 constexpr int kEdgeValues = 7;
 
 // Calls test(msg, field, n) with a message of each edge table (of the kind
 // types hands out) holding each boundary value of one singular field in
-// turn, and with that field unset; its sizes are cached. Stops at the first
-// case for which test returns false.
+// turn, its declared default, and with that field unset; its sizes are
+// cached. Stops at the first case for which test returns false.
 template <typename Test>
 void ForEachEdgeValue(Types& types, Test test) {
     int n = 0;
@@ -637,9 +646,13 @@ void ForEachEdgeValue(Types& types, Test test) {
         for (int i = 0; i < desc->field_count(); ++i) {
             const FieldDescriptor* field = desc->field(i);
             if (field->is_repeated()) continue;
-            for (int which = -1; which < kEdgeValues; ++which) {
+            for (int which = -1; which <= kEdgeValues; ++which) {
                 std::unique_ptr<Message> msg(prototype->New());
-                if (which >= 0) SetEdgeValue(msg.get(), field, which);
+                if (which == kEdgeValues) {
+                    corvida_test::SetToDefault(msg.get(), field);
+                } else if (which >= 0) {
+                    SetEdgeValue(msg.get(), field, which);
+                }
                 msg->ByteSizeLong();
                 if (!test(*msg, field, n++)) return;
             }
@@ -814,7 +827,8 @@ TEST_P(KeyDifferential, KeyTables) {
         "corvida.test.LongKey2",        "corvida.test.Secret2",     "corvida.test3.Secret3",
         "corvida.test.ManyKeys2",       "corvida.test.MixedKeys2",  "corvida.test3.MixedKeys3",
         "corvida.test.IntKeys2",        "corvida.test.FloatKeys2",  "corvida.test.CompositeKey2",
-        "corvida.test.CryptoRepeated2", "corvida.test.SpacedKeys2", "corvida.test3.Player3"};
+        "corvida.test.CryptoRepeated2", "corvida.test.SpacedKeys2", "corvida.test3.Player3",
+        "corvida.test.Defaults2",       "corvida.test.Wide2",       "corvida.test3.Wide3"};
     const int cases = 3000 * Rounds();
     for (int n = 0; n < cases; ++n) {
         const Message* prototype = types.Named(kNames[Pick(rng, sizeof(kNames) / sizeof(kNames[0]))]);
@@ -1229,6 +1243,15 @@ std::string HostileTagPath(const std::string& real, Rng& rng) {
         case 10: return "1.1.1";
         case 11: return "abc";
         case 12: return real + ".." + real;
+        case 13: {
+            // Numbers around the ends of the ranges fields are looked up in.
+            static const char* const kEdges[] = {"1022",      "1023",      "1024",       "1025",      "2047",
+                                                 "65535",     "65536",     "536870910",  "536870911", "536870912",
+                                                 "999999999", "1000000000", "2147483647", "2147483648"};
+            const std::string number = kEdges[Pick(rng, sizeof(kEdges) / sizeof(kEdges[0]))];
+            const size_t dot = real.rfind('.');
+            return dot == std::string::npos ? number : real.substr(0, dot + 1) + number;
+        }
         default: return real;
     }
 }
@@ -1388,7 +1411,8 @@ TEST_P(MergeDifferential, RunsOverNestedMessagesAndOneofs) {
     Types types(GetParam());
     const char* const kTables[] = {"corvida.test.AllTypes2", "corvida.test.AllTypes3", "corvida.test.Player2",
                                    "corvida.test3.Player3",  "corvida.test.TreeNode2", "corvida.test.Secret2",
-                                   "corvida.test.Choice2",   "corvida.test.Choice3"};
+                                   "corvida.test.Choice2",   "corvida.test.Choice3",   "corvida.test.Wide2",
+                                   "corvida.test3.Wide3",    "corvida.test.Defaults2"};
     const int cases = 400 * Rounds();
     for (int n = 0; n < cases; ++n) {
         const Message* prototype = types.Named(kTables[Pick(m_rng, sizeof(kTables) / sizeof(kTables[0]))]);

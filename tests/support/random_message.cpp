@@ -98,6 +98,10 @@ void FillField(Message* msg, const FieldDescriptor* field, std::mt19937_64& rng,
         for (int i = 0; i < n; ++i) SetOne(msg, field, rng, options, depth);
         return;
     }
+    if (!all && field->has_default_value() && rng() % 4 == 0) {
+        SetToDefault(msg, field);
+        return;
+    }
     // Retry a few times so that "all" really ends with a non-default value.
     for (int attempt = 0; attempt < 16; ++attempt) {
         SetOne(msg, field, rng, options, depth);
@@ -141,6 +145,22 @@ bool IsDefault(const Message& msg, const FieldDescriptor* field) {
 }
 
 }  // namespace
+
+void SetToDefault(Message* msg, const FieldDescriptor* field) {
+    const Reflection* r = msg->GetReflection();
+    switch (field->cpp_type()) {
+        case FieldDescriptor::CPPTYPE_INT32: r->SetInt32(msg, field, field->default_value_int32()); break;
+        case FieldDescriptor::CPPTYPE_INT64: r->SetInt64(msg, field, field->default_value_int64()); break;
+        case FieldDescriptor::CPPTYPE_UINT32: r->SetUInt32(msg, field, field->default_value_uint32()); break;
+        case FieldDescriptor::CPPTYPE_UINT64: r->SetUInt64(msg, field, field->default_value_uint64()); break;
+        case FieldDescriptor::CPPTYPE_FLOAT: r->SetFloat(msg, field, field->default_value_float()); break;
+        case FieldDescriptor::CPPTYPE_DOUBLE: r->SetDouble(msg, field, field->default_value_double()); break;
+        case FieldDescriptor::CPPTYPE_BOOL: r->SetBool(msg, field, field->default_value_bool()); break;
+        case FieldDescriptor::CPPTYPE_STRING: r->SetString(msg, field, field->default_value_string()); break;
+        case FieldDescriptor::CPPTYPE_ENUM: r->SetEnumValue(msg, field, field->default_value_enum()->number()); break;
+        case FieldDescriptor::CPPTYPE_MESSAGE: r->MutableMessage(msg, field); break;
+    }
+}
 
 void FillRandom(Message* msg, std::mt19937_64& rng, const RandomFillOptions& options) {
     FillMessage(msg, rng, options, 0, false);

@@ -18,9 +18,14 @@ struct RandomFillOptions {
 
 // Sets random values on the fields of msg (extensions left alone). Integers
 // are drawn from boundary values and uniform values of their range; floats are
-// finite; strings are ASCII text, bytes arbitrary. At most one member of each
+// finite; strings are ASCII text, bytes arbitrary. A field with a default of
+// its own is now and then set to that default. At most one member of each
 // oneof is set.
 void FillRandom(google::protobuf::Message* msg, std::mt19937_64& rng, const RandomFillOptions& options = {});
+
+// Sets singular field of msg to the default its declaration names (or its
+// type's), so that it is present with that value.
+void SetToDefault(google::protobuf::Message* msg, const google::protobuf::FieldDescriptor* field);
 
 // Sets every singular field of msg (not repeated, not oneof members beyond the
 // first of each oneof) to a random value that differs from the field's default,
