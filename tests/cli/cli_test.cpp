@@ -477,6 +477,42 @@ TEST_F(CliTest, ProtocSpellingsAndImportRoot) {
     EXPECT_EQ(Pb({"key", "--descriptor_set_in", set, "--table", "Guild", "--text", "guild_id: 77"}).status, 0);
 }
 
+// protoc's lists separated by ':', and its warning for a search directory
+// that is not there (the outcome is still that of the load).
+TEST_F(CliTest, ProtocListsAndMissingDirectories) {
+    const std::string holder = "tests/cli/data/imports/sub/importer.proto";
+    ProcessResult r = Pb({"schema", "--proto_path=/nonexistent:tests/cli/data/imports", "--proto", holder, "--table",
+                          "Holder"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, "corvida-pb schema: warning: -I /nonexistent: directory does not exist\n");
+    // The import "sub/common.proto" is found only through the second
+    // directory of the list.
+    EXPECT_EQ(Pb({"schema", "-I", "tests/cli/data", "--proto", holder, "--table", "Holder"}).status, 1);
+    r = Pb({"schema", "-I", "tests/cli/data:tests/cli/data/imports", "--proto", holder, "--table", "Holder"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    r = Pb({"schema", "-I", "/nonexistent", "--proto", holder, "--table", "Holder"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err.rfind("corvida-pb schema: warning: -I /nonexistent: directory does not exist\n", 0), 0u) << r.err;
+
+    const std::string game = m_tmp + "/game.pb";
+    const std::string other = m_tmp + "/other.pb";
+    const std::string changed = m_tmp + "/changed.pb";
+    ASSERT_EQ(Pb({"blob", "--proto", kGame, "-o", game}).status, 0);
+    ASSERT_EQ(Pb({"blob", "--proto", "tests/cli/data/other_table.proto", "-o", other}).status, 0);
+    ASSERT_EQ(Pb({"blob", "--proto", "tests/cli/data/player_level_int64.proto", "-o", changed}).status, 0);
+    // Both sets hold the option file and descriptor.proto: the same copies.
+    for (const char* table : {"Guild", "Other"}) {
+        r = Pb({"schema", "--descriptor_set_in=" + game + ":" + other, "--table", table});
+        EXPECT_EQ(r.status, 0) << table << "\n" << r.err;
+    }
+    EXPECT_EQ(Pb({"schema", "--descriptor-set", game, "--descriptor-set", other, "--table", "Other"}).status, 0);
+    r = Pb({"schema", "--descriptor_set_in=" + game + ":" + changed, "--table", "Guild"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find(changed + ": the file tests/cli/data/player_level_int64.proto cannot be added"),
+              std::string::npos)
+        << r.err;
+}
+
 TEST_F(CliTest, EveryFormOfATableName) {
     for (const char* command : {"key", "schema", "blob"}) {
         for (const char* name : {"Guild", "example.Guild", "corvida.example.Guild", ".corvida.example.Guild"}) {
@@ -507,10 +543,10 @@ TEST_F(CliTest, HelpCommandEqualsHelpOption) {
 
 TEST_F(CliTest, UsageLinesMarkRequiredOptions) {
     EXPECT_EQ(Pb({"compare", "--help"}).out.substr(0, Pb({"compare", "--help"}).out.find('\n')),
-              "Usage: corvida-pb compare --schema FILE (--proto FILE... | --descriptor-set FILE) --table NAME "
+              "Usage: corvida-pb compare --schema FILE (--proto FILE... | --descriptor-set FILE...) --table NAME "
               "[OPTIONS]");
     EXPECT_EQ(Pb({"schema", "--help"}).out.substr(0, Pb({"schema", "--help"}).out.find('\n')),
-              "Usage: corvida-pb schema (--schema FILE | --proto FILE... | --descriptor-set FILE) --table NAME "
+              "Usage: corvida-pb schema (--schema FILE | --proto FILE... | --descriptor-set FILE...) --table NAME "
               "[OPTIONS]");
 }
 

@@ -1,5 +1,7 @@
 #include "corvida-pb/cli.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <exception>
 #include <iostream>
@@ -193,19 +195,27 @@ void Command::AddSchemaOptions(const std::string& table_help, bool table_require
                          ->expected(1)
                          ->allow_extra_args(false)
                          ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    // As protoc takes them, -I and --descriptor_set_in also take lists
+    // separated by ':' ("-I a:b").
     m_include_option = m_app
                            ->add_option("-I,--proto-path,--proto_path", m_include_dirs,
                                         "search DIR for the .proto files and their imports (default: the current "
-                                        "directory)")
+                                        "directory); DIR:DIR... as protoc takes it")
                            ->type_name("DIR")
                            ->expected(1)
                            ->allow_extra_args(false)
+                           ->delimiter(':')
                            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     m_descriptor_set_option =
         m_app
-            ->add_option("--descriptor-set,--descriptor_set_in", m_descriptor_set,
-                         "a serialized FileDescriptorSet instead of --proto files ('-' for standard input)")
-            ->type_name("FILE");
+            ->add_option("--descriptor-set,--descriptor_set_in", m_descriptor_sets,
+                         "a serialized FileDescriptorSet instead of --proto files ('-' for standard input); "
+                         "FILE:FILE... as protoc takes it")
+            ->type_name("FILE")
+            ->expected(1)
+            ->allow_extra_args(false)
+            ->delimiter(':')
+            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     ReadsFile(m_proto_option);
     ReadsFile(m_descriptor_set_option);
     m_descriptor_set_option->excludes(m_proto_option);
@@ -248,7 +258,17 @@ void Command::Exclusive(const std::vector<CLI::Option*>& options) {
 int Command::log_priority() const { return ParseLogLevel(m_log_level); }
 
 std::unique_ptr<Schema> Command::LoadSchema() const {
-    if (Given(m_descriptor_set_option)) return Schema::FromDescriptorSet(m_descriptor_set);
+    if (Given(m_descriptor_set_option)) return Schema::FromDescriptorSets(m_descriptor_sets);
+    // As protoc does, a directory that is not there is worth a warning but
+    // no error: the files may well be found in the other directories.
+    for (const std::string& dir : m_include_dirs) {
+        struct stat st;
+        if (::stat(dir.c_str(), &st) != 0) {
+            PrintWarning(m_app, "-I " + dir + ": directory does not exist");
+        } else if (!S_ISDIR(st.st_mode)) {
+            PrintWarning(m_app, "-I " + dir + ": not a directory");
+        }
+    }
     return Schema::FromProtoFiles(m_protos, m_include_dirs);
 }
 

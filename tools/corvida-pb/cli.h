@@ -51,7 +51,8 @@ protected:
     Command(CLI::App* parent, const std::string& name, const std::string& summary, const std::string& description);
 
     // --proto FILE... (-I/--proto-path/--proto_path DIR...) or
-    // --descriptor-set/--descriptor_set_in FILE, and --table NAME. With
+    // --descriptor-set/--descriptor_set_in FILE..., and --table NAME. -I and
+    // --descriptor-set also take protoc's lists separated by ':'. With
     // one_required, exactly one of --proto and --descriptor-set must be given.
     void AddSchemaOptions(const std::string& table_help, bool table_required = true, bool one_required = true);
     CLI::Option* proto_option() const { return m_proto_option; }
@@ -82,7 +83,8 @@ protected:
     int log_priority() const;
     // --table: a short, package-qualified or full name ("" when absent).
     std::string table_name() const;
-    // Loads --proto or --descriptor-set.
+    // Loads --proto or --descriptor-set, warning about -I directories that
+    // do not exist.
     std::unique_ptr<Schema> LoadSchema() const;
     // The table named by --table in schema.
     const google::protobuf::Descriptor* FindTable(const Schema& schema) const;
@@ -111,7 +113,7 @@ private:
 
     std::vector<std::string> m_protos;
     std::vector<std::string> m_include_dirs;
-    std::string m_descriptor_set;
+    std::vector<std::string> m_descriptor_sets;
     std::string m_table;
     std::string m_text;
     std::string m_text_file;

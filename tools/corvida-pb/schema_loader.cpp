@@ -283,24 +283,48 @@ std::unique_ptr<Schema> Schema::FromProtoFiles(const std::vector<std::string>& p
     return schema;
 }
 
-std::unique_ptr<Schema> Schema::FromDescriptorSet(const std::string& path) {
-    return FromDescriptorSetBytes(ReadFile(path), DisplayName(path));
+std::unique_ptr<Schema> Schema::FromDescriptorSets(const std::vector<std::string>& paths) {
+    FileDescriptorSet merged;
+    std::vector<std::string> sources;
+    std::map<std::string, size_t> index;  // file name -> its place in merged
+    for (const std::string& path : paths) {
+        const std::string source = DisplayName(path);
+        FileDescriptorSet set;
+        if (!set.ParseFromString(ReadFile(path))) throw Failure(source + " is not a serialized FileDescriptorSet");
+        std::set<std::string> own;
+        for (const FileDescriptorProto& file : set.file()) {
+            if (!own.insert(file.name()).second) throw Failure(source + " holds the file " + file.name() + " twice");
+            auto it = index.find(file.name());
+            if (it == index.end()) {
+                index.emplace(file.name(), static_cast<size_t>(merged.file_size()));
+                *merged.add_file() = file;
+                sources.push_back(source);
+            } else if (merged.file(static_cast<int>(it->second)).SerializeAsString() != file.SerializeAsString()) {
+                throw Failure(source + " holds another version of the file " + file.name() + " than " +
+                              sources[it->second] + " does");
+            }
+        }
+    }
+    return FromFileSet(merged, sources);
 }
 
 std::unique_ptr<Schema> Schema::FromDescriptorSetBytes(const std::string& data, const std::string& source) {
     FileDescriptorSet set;
     if (!set.ParseFromString(data)) throw Failure(source + " is not a serialized FileDescriptorSet");
-
-    std::unique_ptr<Schema> schema(new Schema);
-    schema->m_database.reset(new google::protobuf::SimpleDescriptorDatabase);
     std::set<std::string> names;
     for (const FileDescriptorProto& file : set.file()) {
-        if (!names.insert(file.name()).second) {
-            throw Failure(source + " holds the file " + file.name() + " twice");
-        }
-        if (!schema->m_database->Add(file)) {
-            throw Failure(source + ": the file " + file.name() +
-                          " cannot be added: it redefines a name of an earlier file of the set, or is invalid");
+        if (!names.insert(file.name()).second) throw Failure(source + " holds the file " + file.name() + " twice");
+    }
+    return FromFileSet(set, std::vector<std::string>(static_cast<size_t>(set.file_size()), source));
+}
+
+std::unique_ptr<Schema> Schema::FromFileSet(const FileDescriptorSet& set, const std::vector<std::string>& sources) {
+    std::unique_ptr<Schema> schema(new Schema);
+    schema->m_database.reset(new google::protobuf::SimpleDescriptorDatabase);
+    for (int i = 0; i < set.file_size(); ++i) {
+        if (!schema->m_database->Add(set.file(i))) {
+            throw Failure(sources[static_cast<size_t>(i)] + ": the file " + set.file(i).name() +
+                          " cannot be added: it redefines a name of an earlier file, or is invalid");
         }
     }
     for (const FileDescriptorProto& file : set.file()) {
@@ -312,11 +336,11 @@ std::unique_ptr<Schema> Schema::FromDescriptorSetBytes(const std::string& data, 
     schema->m_pool_errors.reset(new PoolErrors);
     schema->m_own_pool.reset(new DescriptorPool(schema->m_database.get(), schema->m_pool_errors.get()));
     schema->m_pool = schema->m_own_pool.get();
-    for (const FileDescriptorProto& proto : set.file()) {
-        const FileDescriptor* file = schema->m_pool->FindFileByName(proto.name());
+    for (int i = 0; i < set.file_size(); ++i) {
+        const FileDescriptor* file = schema->m_pool->FindFileByName(set.file(i).name());
         if (file == nullptr) {
             const std::string errors = schema->m_pool_errors->TakeText();
-            throw Failure(source + ": the file " + proto.name() + " cannot be built" +
+            throw Failure(sources[static_cast<size_t>(i)] + ": the file " + set.file(i).name() + " cannot be built" +
                           (errors.empty() ? "" : ":\n" + errors));
         }
         if (IsUserFile(file)) schema->m_files.push_back(file);

@@ -45,13 +45,15 @@ public:
     static std::unique_ptr<Schema> FromProtoFiles(const std::vector<std::string>& protos,
                                                   const std::vector<std::string>& include_dirs);
 
-    // Builds every file of the serialized FileDescriptorSet at path. The
-    // option file and google/protobuf/ files that the set lacks are taken
-    // from the runtime. Throws Failure.
-    static std::unique_ptr<Schema> FromDescriptorSet(const std::string& path);
+    // Builds every file of the serialized FileDescriptorSets at paths ("-"
+    // for standard input), as protoc --descriptor_set_in does: a file that
+    // several sets hold (an import each was made with) must be the same in
+    // each. The option file and google/protobuf/ files that the sets lack
+    // are taken from the runtime. Throws Failure.
+    static std::unique_ptr<Schema> FromDescriptorSets(const std::vector<std::string>& paths);
 
-    // The same for the bytes of a serialized FileDescriptorSet; source names
-    // them in messages.
+    // The same for the bytes of one serialized FileDescriptorSet; source
+    // names them in messages.
     static std::unique_ptr<Schema> FromDescriptorSetBytes(const std::string& data, const std::string& source);
 
     // The message type name: a full name, or a name that ends one full name
@@ -82,6 +84,10 @@ private:
     class PoolErrors;
 
     Schema();
+
+    // Builds the files of set; source[i] names where set.file(i) came from.
+    static std::unique_ptr<Schema> FromFileSet(const google::protobuf::FileDescriptorSet& set,
+                                               const std::vector<std::string>& sources);
 
     // Members are destroyed in reverse order: the factory before the pool,
     // the pool before its database and error collector.
