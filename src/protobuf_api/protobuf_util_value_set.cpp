@@ -13,6 +13,7 @@
 #include <sys/types.h>
 
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <climits>
 #include <cstdint>
@@ -62,6 +63,38 @@ constexpr char kMerge[] = "FillMsgFromField";
 // The fields of a message type as the value-set operations use them.
 // ---------------------------------------------------------------------------
 
+struct MessageFields;
+
+// How Vouch reads the value of a grouped field: by the wire type of its key,
+// with what protobuf's parser checks on top.
+enum class ValueKind : uint8_t {
+    kNone,       // not grouped
+    kVarint,     // any varint of at most ten bytes
+    kKnownEnum,  // a varint naming a value of the field's (proto2) enum
+    kFixed32,
+    kFixed64,
+    kBytes,   // length-delimited
+    kString,  // length-delimited, valid UTF-8
+};
+
+// The fields of a message field's type, found once (KeptFields) and then kept
+// with the field: a pointer that is null until first asked, and that copies
+// of the entry share the value of.
+class KeptLink {
+public:
+    KeptLink() = default;
+    KeptLink(const KeptLink& other) : m_fields(other.m_fields.load(std::memory_order_acquire)) {}
+    KeptLink& operator=(const KeptLink& other) {
+        m_fields.store(other.m_fields.load(std::memory_order_acquire), std::memory_order_release);
+        return *this;
+    }
+    const MessageFields* load() const { return m_fields.load(std::memory_order_acquire); }
+    void store(const MessageFields* fields) const { m_fields.store(fields, std::memory_order_release); }
+
+private:
+    mutable std::atomic<const MessageFields*> m_fields{nullptr};
+};
+
 // One field: what a walk through it, a cut of it and a merge into it need.
 struct FieldEntry {
     const FieldDescriptor* field = nullptr;
@@ -73,7 +106,34 @@ struct FieldEntry {
     uint32_t key = 0;      // the field's key as its writers write it (WireFormat::MakeTag)
     bool crypto = false;   // corvida_crypto
     bool grouped = false;  // merged together with other fields of its message (Vouch)
+    // A grouped field that is encrypted: its path is reported as failed.
+    bool crypto_string = false;
+    ValueKind value_kind = ValueKind::kNone;  // of a grouped field
+    uint64_t known_values = 0;                // kKnownEnum: bit n set when n (below 64) is a value of the enum
+    // A singular message field outside a oneof: records of fields inside it
+    // can be merged as part of their parent (PendingMerges::Add with a
+    // frame), a length-delimited value under `frame_key`.
+    bool framed = false;
+    uint8_t frame_key_size = 0;
+    uint8_t frame_key[5] = {};
+    KeptLink inner;  // of a framed field: the kept fields of its type, once asked (InnerFields)
 };
+
+// The kind of value Vouch reads for a grouped field.
+ValueKind KindOf(const FieldDescriptor* field) {
+    switch (WireFormat::WireTypeForFieldType(field->type())) {
+        case WireFormatLite::WIRETYPE_VARINT:
+            return field->type() == FieldDescriptor::TYPE_ENUM &&
+                           field->file()->syntax() != google::protobuf::FileDescriptor::SYNTAX_PROTO3
+                       ? ValueKind::kKnownEnum
+                       : ValueKind::kVarint;
+        case WireFormatLite::WIRETYPE_FIXED32: return ValueKind::kFixed32;
+        case WireFormatLite::WIRETYPE_FIXED64: return ValueKind::kFixed64;
+        case WireFormatLite::WIRETYPE_LENGTH_DELIMITED:
+            return field->type() == FieldDescriptor::TYPE_STRING ? ValueKind::kString : ValueKind::kBytes;
+        default: return ValueKind::kNone;
+    }
+}
 
 FieldEntry MakeEntry(const FieldDescriptor* field) {
     FieldEntry entry;
@@ -86,6 +146,30 @@ FieldEntry MakeEntry(const FieldDescriptor* field) {
     // A field of a oneof clears the others when it is merged, which depends
     // on the order of the merges.
     entry.grouped = entry.plain && field->real_containing_oneof() == nullptr;
+    entry.crypto_string = entry.crypto && field->cpp_type() == FieldDescriptor::CPPTYPE_STRING;
+    if (entry.grouped) {
+        entry.value_kind = KindOf(field);
+        // Vouch expects the key the writers write, of the value's wire type.
+        if (WireFormatLite::GetTagWireType(entry.key) != WireFormat::WireTypeForFieldType(field->type())) {
+            entry.value_kind = ValueKind::kNone;
+        }
+        if (entry.value_kind == ValueKind::kNone) entry.grouped = false;
+    }
+    if (entry.value_kind == ValueKind::kKnownEnum) {
+        const google::protobuf::EnumDescriptor* type = field->enum_type();
+        for (int i = 0; i < type->value_count(); ++i) {
+            const int number = type->value(i)->number();
+            if (number >= 0 && number < 64) entry.known_values |= uint64_t{1} << number;
+        }
+    }
+    if (entry.message_type != nullptr && !field->is_repeated() && field->real_containing_oneof() == nullptr &&
+        field->type() == FieldDescriptor::TYPE_MESSAGE) {
+        entry.framed = true;
+        entry.frame_key_size = static_cast<uint8_t>(
+            CodedOutputStream::WriteVarint32ToArray(
+                WireFormatLite::MakeTag(field->number(), WireFormatLite::WIRETYPE_LENGTH_DELIMITED), entry.frame_key) -
+            entry.frame_key);
+    }
     // The decimal text ConcatFieldPath writes: the number taken as unsigned.
     const std::to_chars_result end =
         std::to_chars(entry.number, entry.number + sizeof(entry.number), static_cast<unsigned>(field->number()));
@@ -100,17 +184,14 @@ struct MessageFields {
     std::vector<FieldEntry> entries;
     std::vector<int> slots;  // open addressing by NameHash: entry index + 1, 0 for none
     size_t mask = 0;
-    std::vector<int> numbers;   // by field number: entry index + 1, 0 for none; up to kNumbers
-    unsigned number_count = 0;  // numbers.size()
+    std::vector<const FieldEntry*> numbers;  // by field number, null for none; up to kNumbers
+    unsigned number_count = 0;               // numbers.size()
 
     static constexpr int kNumbers = 1024;
 
     // The field numbered `number` (the one FindFieldByNumber finds), or null.
     const FieldEntry* FindNumber(const Descriptor* desc, int number) const {
-        if (static_cast<unsigned>(number) < number_count) {
-            const int slot = numbers[static_cast<size_t>(number)];
-            return slot == 0 ? nullptr : &entries[static_cast<size_t>(slot - 1)];
-        }
+        if (static_cast<unsigned>(number) < number_count) return numbers[static_cast<size_t>(number)];
         if (number < kNumbers) return nullptr;
         const FieldDescriptor* field = desc->FindFieldByNumber(number);
         return field == nullptr ? nullptr : &entries[static_cast<size_t>(field->index())];
@@ -155,11 +236,21 @@ const MessageFields* KeptFields(const Descriptor* desc) {
         fields->slots[at & fields->mask] = static_cast<int>(i) + 1;
         const int number = fields->entries[i].field->number();
         if (number >= MessageFields::kNumbers) continue;
-        if (fields->numbers.size() <= static_cast<size_t>(number)) fields->numbers.resize(number + 1, 0);
-        fields->numbers[static_cast<size_t>(number)] = static_cast<int>(i) + 1;
+        if (fields->numbers.size() <= static_cast<size_t>(number)) fields->numbers.resize(number + 1, nullptr);
+        fields->numbers[static_cast<size_t>(number)] = &fields->entries[i];
     }
     fields->number_count = static_cast<unsigned>(fields->numbers.size());
     return Plans::Publish(fields);
+}
+
+// The kept fields of the type of framed field `entry` (KeptFields), or null.
+const MessageFields* InnerFields(const FieldEntry& entry) {
+    const MessageFields* inner = entry.inner.load();
+    if (inner == nullptr) {
+        inner = KeptFields(entry.message_type);
+        entry.inner.store(inner);
+    }
+    return inner;
 }
 
 // The field of desc named `name` (as FindFieldByName), or null; fields are
@@ -543,44 +634,54 @@ bool SkipVarint(const uint8_t** at, const uint8_t* end, int max, uint64_t* value
 // varint), a string valid UTF-8 (else protobuf fails or reports it), an
 // enum of a proto2 field one of its values (else protobuf keeps it aside, in
 // ways that differ), and the whole not long.
-int Vouch(const FieldEntry& entry, const char* buf, int buf_len) {
+inline int Vouch(const FieldEntry& entry, const char* buf, int buf_len) {
     const internal::PlainField& plain = entry.encoding;
-    if (buf_len <= plain.tag_size || static_cast<uint8_t>(buf[0]) != plain.tag[0]) return 0;
+    const uint8_t* const begin = reinterpret_cast<const uint8_t*>(buf);
+    if (buf_len <= plain.tag_size || begin[0] != plain.tag[0]) return 0;
     for (int i = 1; i < plain.tag_size; ++i) {
-        if (static_cast<uint8_t>(buf[i]) != plain.tag[i]) return 0;
+        if (begin[i] != plain.tag[i]) return 0;
     }
-    const uint8_t* at = reinterpret_cast<const uint8_t*>(buf) + plain.tag_size;
-    const uint8_t* end = reinterpret_cast<const uint8_t*>(buf) + buf_len;
+    const uint8_t* at = begin + plain.tag_size;
+    const uint8_t* const end = begin + buf_len;
     uint64_t value = 0;
-    switch (WireFormatLite::GetTagWireType(entry.key)) {
-        case WireFormatLite::WIRETYPE_VARINT:
+    switch (entry.value_kind) {
+        case ValueKind::kVarint:
+            // One byte: the commonest value.
+            if (*at < 0x80) {
+                ++at;
+                break;
+            }
             if (!SkipVarint(&at, end, 10, &value)) return 0;
-            if (plain.type == FieldDescriptor::TYPE_ENUM && !plain.proto3 &&
-                entry.field->enum_type()->FindValueByNumber(static_cast<int>(static_cast<uint32_t>(value))) ==
-                    nullptr) {
+            break;
+        case ValueKind::kKnownEnum: {
+            if (!SkipVarint(&at, end, 10, &value)) return 0;
+            const uint32_t number = static_cast<uint32_t>(value);
+            if (number < 64 ? (entry.known_values >> number & 1) == 0
+                            : entry.field->enum_type()->FindValueByNumber(static_cast<int>(number)) == nullptr) {
                 return 0;
             }
             break;
-        case WireFormatLite::WIRETYPE_FIXED32:
+        }
+        case ValueKind::kFixed32:
             if (end - at < 4) return 0;
             at += 4;
             break;
-        case WireFormatLite::WIRETYPE_FIXED64:
+        case ValueKind::kFixed64:
             if (end - at < 8) return 0;
             at += 8;
             break;
-        case WireFormatLite::WIRETYPE_LENGTH_DELIMITED:
+        case ValueKind::kBytes:
+        case ValueKind::kString:
             if (!SkipVarint(&at, end, 4, &value) || value > static_cast<uint64_t>(end - at)) return 0;
-            if (plain.type == FieldDescriptor::TYPE_STRING &&
-                !google::protobuf::internal::IsStructurallyValidUTF8(reinterpret_cast<const char*>(at),
-                                                                     static_cast<int>(value))) {
+            if (entry.value_kind == ValueKind::kString &&
+                !internal::IsValidUtf8(reinterpret_cast<const char*>(at), static_cast<size_t>(value))) {
                 return 0;
             }
             at += value;
             break;
         default: return 0;
     }
-    const int size = static_cast<int>(at - reinterpret_cast<const uint8_t*>(buf));
+    const int size = static_cast<int>(at - begin);
     return size - plain.tag_size <= kGroupedValueBytes ? size : 0;
 }
 
@@ -595,6 +696,14 @@ int Vouch(const FieldEntry& entry, const char* buf, int buf_len) {
 // merge gives it, and neither clearing them first nor anything else would
 // change a byte. Before anything that may (a record that is not vouched for,
 // a walk that switches a oneof) everything pending is merged.
+//
+// A record of a field inside a framed field (FieldEntry::framed) of a message
+// may wait with that message's records instead, as part of a value of the
+// framed field (a frame): parsing it merges into the sub-message exactly what
+// parsing the record into the sub-message does, and creates the sub-message
+// as asking for it (MutableMessage) would. Records of one sub-message wait
+// either framed in its parent or on their own, never both at once, so that
+// they stay in their order.
 class PendingMerges {
 public:
     PendingMerges() = default;
@@ -603,11 +712,18 @@ public:
     ~PendingMerges() { Flush(); }
 
     // Adds the key and first value of a vouched record of a field of holder
-    // (size at most kGroupedValueBytes plus a key).
-    void Add(Message* holder, const char* bytes, int size) {
+    // (size at most kGroupedValueBytes plus a key); with `frame`, of a field
+    // of holder's sub-message under framed field *frame.
+    __attribute__((noinline)) void Add(Message* holder, const char* bytes, int size,
+                                       const FieldEntry* frame = nullptr) {
         size_t h = 0;
         while (h < m_count && m_holder[h].msg != holder) ++h;
-        if (h == kMaxHolders) {
+        if (frame != nullptr ? m_count > (h == m_count ? 0 : 1) : h == m_count && m_framed) {
+            // A framed record with records of other messages waiting, or a
+            // record of a new message while framed ones wait.
+            Flush();
+            h = 0;
+        } else if (h == kMaxHolders) {
             Flush();
             h = 0;
         }
@@ -616,32 +732,86 @@ public:
             ++m_count;
             group.msg = holder;
             group.used = 0;
-        } else if (group.used + static_cast<size_t>(size) > sizeof(group.bytes)) {
-            Merge(group);
+            group.frame = nullptr;
+        }
+        const size_t head = frame == nullptr || frame == group.frame ? 0 : frame->frame_key_size + kFrameLengthBytes;
+        if (group.used + head + static_cast<size_t>(size) > sizeof(group.bytes)) Merge(group);
+        char* to = group.bytes + group.used;
+        if (frame != group.frame) {
+            CloseFrame(group);
+            if (frame != nullptr) {
+                std::memcpy(to, frame->frame_key, sizeof(frame->frame_key));
+                to += frame->frame_key_size;
+                group.frame = frame;
+                group.frame_at = static_cast<size_t>(to - group.bytes);
+                to += kFrameLengthBytes;
+                m_framed = true;
+            }
         }
         if (size <= 16) {
-            internal::CopySmall(reinterpret_cast<uint8_t*>(group.bytes + group.used),
-                                reinterpret_cast<const uint8_t*>(bytes), size);
+            internal::CopySmall(reinterpret_cast<uint8_t*>(to), reinterpret_cast<const uint8_t*>(bytes), size);
         } else {
-            std::memcpy(group.bytes + group.used, bytes, static_cast<size_t>(size));
+            std::memcpy(to, bytes, static_cast<size_t>(size));
         }
-        group.used += static_cast<size_t>(size);
+        group.used = static_cast<size_t>(to - group.bytes) + static_cast<size_t>(size);
+    }
+
+    // Add, for the records of one message (and its framed sub-messages) in a
+    // row: in the commonest case, the bytes are only copied.
+    void AddShort(Message* holder, const char* bytes, int size, const FieldEntry* frame) {
+        Holder& group = m_holder[0];
+        if (m_count == 0) {
+            m_count = 1;
+            group.msg = holder;
+            group.used = 0;
+            group.frame = nullptr;
+        }
+        if (m_count == 1 && group.msg == holder && group.frame == frame &&
+            group.used + static_cast<size_t>(size) <= sizeof(group.bytes)) {
+            char* to = group.bytes + group.used;
+            if (size <= 16) {
+                internal::CopySmall(reinterpret_cast<uint8_t*>(to), reinterpret_cast<const uint8_t*>(bytes), size);
+            } else {
+                std::memcpy(to, bytes, static_cast<size_t>(size));
+            }
+            group.used += static_cast<size_t>(size);
+            return;
+        }
+        Add(holder, bytes, size, frame);
     }
 
     void Flush() {
         for (size_t h = 0; h < m_count; ++h) Merge(m_holder[h]);
         m_count = 0;
+        m_framed = false;
     }
 
 private:
+    // A frame's length: two bytes of varint whatever its value (protobuf's
+    // parser reads a length of more bytes than it needs alike).
+    static constexpr size_t kFrameLengthBytes = 2;
+
     // The records of one message, one after another.
     struct Holder {
         Message* msg;
         size_t used;
-        char bytes[1040];  // a record of kGroupedValueBytes fits with its key
+        const FieldEntry* frame;  // of the frame the last records are in, or null
+        size_t frame_at;          // where that frame's length goes
+        // A record of kGroupedValueBytes fits with its key and a frame's head.
+        char bytes[1048];
     };
 
+    // Writes the length of the frame the last records are in, if any.
+    static void CloseFrame(Holder& group) {
+        if (group.frame == nullptr) return;
+        const size_t length = group.used - group.frame_at - kFrameLengthBytes;
+        group.bytes[group.frame_at] = static_cast<char>(0x80 | (length & 0x7f));
+        group.bytes[group.frame_at + 1] = static_cast<char>(length >> 7);
+        group.frame = nullptr;
+    }
+
     static void Merge(Holder& group) {
+        CloseFrame(group);
         // Cannot fail: every record was vouched for. Partial: the merge of a
         // field never checks that the message's required fields are set.
         group.msg->ParseFrom<google::protobuf::MessageLite::kMergePartial>(
@@ -652,6 +822,7 @@ private:
     static constexpr size_t kMaxHolders = 4;
     Holder m_holder[kMaxHolders];
     size_t m_count = 0;
+    bool m_framed = false;  // some records wait in a frame
 };
 
 // The walk of one tag path: the field it names, the message that holds it,
@@ -773,72 +944,80 @@ bool ParseFieldBytes(size_t i, const PbValueSetBuffer::Field& field, const char*
     return false;
 }
 
-// Reads the decimal number at *at, of 1 to 9 digits (so below INT_MAX), and
-// moves *at past the character after it, which is returned; -1 when there
-// are no digits or too many.
-int ReadShortNumber(const char** at, int* number) {
+// Reads the decimal number at *at, whose first character is a digit, when it
+// is below MessageFields::kNumbers, and moves *at past the character after
+// it, which is returned; -1 for a larger number, with *number set to
+// kNumbers.
+int ReadShortNumber(const char** at, unsigned* number) {
     const char* p = *at;
-    int value = 0;
-    for (; static_cast<unsigned>(*p - '0') <= 9u; ++p) {
-        if (p - *at == 9) return -1;  // a tenth digit
-        value = value * 10 + (*p - '0');
+    unsigned value = static_cast<unsigned>(*p - '0');
+    // Commonly one or two digits.
+    unsigned digit = static_cast<unsigned>(p[1] - '0');
+    if (digit > 9u) {
+        *number = value;
+        *at = p + 2;
+        return p[1];
     }
-    if (p == *at) return -1;
+    value = value * 10 + digit;
+    ++p;
+    while ((digit = static_cast<unsigned>(*++p - '0')) <= 9u) {
+        value = value * 10 + digit;
+        if (value >= static_cast<unsigned>(MessageFields::kNumbers)) {
+            *number = MessageFields::kNumbers;
+            return -1;
+        }
+    }
     *number = value;
     *at = p + 1;
     return *p;
 }
 
-// Merges fields[i] the short way when it is of the commonest kind, and
-// returns true: no debug line wanted, a tag path of one or two numbers
-// through generated types, a grouped field whose bytes are vouched for.
-// Otherwise returns false, having done nothing but walk into the sub-message
-// the path names (which the straightforward way does first too).
-bool MergeCommon(const PbValueSetBuffer::Field& field, std::set<std::string>& failedpaths, const WalkRoot& root,
-                 WalkMemo* memo, PendingMerges* pending, CallLog& log) {
-    if (log.open() || root.fields == nullptr || root.reflection == nullptr || field.path == nullptr ||
-        field.buf == nullptr || field.buf_len <= 0) {
-        return false;
-    }
-    const char* at = field.path;
-    int first = 0;
-    int second = 0;
-    const int after = ReadShortNumber(&at, &first);
-    const bool nested = after == '.';
-    if (!nested && after != '\0') return false;
-    if (nested && ReadShortNumber(&at, &second) != '\0') return false;
-    const FieldEntry* entry = root.fields->FindNumber(root.desc, first);
-    if (entry == nullptr) return false;
-    Message* holder = root.msg;
-    if (nested) {
-        const FieldDescriptor* field0 = entry->field;
-        // A oneof's member may replace another: the straightforward way
-        // merges what is pending first.
-        if (entry->message_type == nullptr || field0->is_repeated() || field0->real_containing_oneof() != nullptr) {
-            return false;
+// Merges fields[i] and the records after it the short way while they are of
+// the commonest kind: a tag path of one or two numbers through kept fields of
+// generated types, outside oneofs, to a grouped field whose bytes are vouched
+// for. Returns the index of the first record it leaves (n when none): it has
+// done nothing for that one. The caller makes sure that no debug line is
+// wanted and that root's fields are kept; the short way stops after a line
+// that may have changed that.
+size_t MergeCommon(const PbValueSetBuffer::Field* fields, size_t i, size_t n, std::set<std::string>& failedpaths,
+                   const WalkRoot& root, PendingMerges* pending, CallLog& log) {
+    const MessageFields& top = *root.fields;
+    for (; i < n; ++i) {
+        const PbValueSetBuffer::Field& field = fields[i];
+        const char* at = field.path;
+        if (at == nullptr || field.buf == nullptr || field.buf_len <= 0) break;
+        if (static_cast<unsigned>(*at - '0') > 9u) break;
+        unsigned number = 0;
+        int after = ReadShortNumber(&at, &number);
+        if (number >= top.number_count) break;
+        const FieldEntry* entry = top.numbers[number];
+        if (entry == nullptr) break;
+        const FieldEntry* frame = nullptr;
+        if (after == '.') {
+            // A member of a oneof may replace another: the straightforward
+            // way merges what is pending first.
+            if (!entry->framed) break;
+            const MessageFields* inner = InnerFields(*entry);
+            if (inner == nullptr || static_cast<unsigned>(*at - '0') > 9u) break;
+            frame = entry;
+            after = ReadShortNumber(&at, &number);
+            if (number >= inner->number_count) break;
+            entry = inner->numbers[number];
+            if (entry == nullptr) break;
         }
-        if (memo->depth == 0 || memo->levels[0].field != field0) {
-            Message* sub = root.reflection->MutableMessage(root.msg, field0);
-            memo->levels[0] = WalkMemo::Level{field0, sub, sub->GetReflection(), KeptFields(entry->message_type)};
-            memo->depth = 1;
+        if (after != '\0' || !entry->grouped) break;
+        const int vouched = Vouch(*entry, field.buf, field.buf_len);
+        if (vouched == 0) break;
+        pending->AddShort(root.msg, field.buf, vouched, frame);
+        // See FillOneField.
+        if (entry->crypto_string) {
+            failedpaths.insert(field.path);
+            PBU_LOG_IN(kMerge, log.get(), PLOG_PRIORITY_ERROR, "suite name not valid");
+            log.Wrote();
+            if (log.open()) return i + 1;
         }
-        const WalkMemo::Level& level = memo->levels[0];
-        if (level.fields == nullptr || level.reflection == nullptr) return false;
-        entry = level.fields->FindNumber(entry->message_type, second);
-        if (entry == nullptr) return false;
-        holder = level.msg;
     }
-    if (!entry->grouped) return false;
-    const int vouched = Vouch(*entry, field.buf, field.buf_len);
-    if (vouched == 0) return false;
-    pending->Add(holder, field.buf, vouched);
-    // See FillOneField.
-    if (entry->crypto && entry->field->cpp_type() == FieldDescriptor::CPPTYPE_STRING) {
-        failedpaths.insert(field.path);
-        PBU_LOG_IN(kMerge, log.get(), PLOG_PRIORITY_ERROR, "suite name not valid");
-        log.Wrote();
-    }
-    return true;
+    return i;
 }
 
 // Merges fields[i] into root.msg: vouched for, its key and value are added
@@ -962,9 +1141,16 @@ int FillMsgFromField(std::vector<PbValueSetBuffer::Field>& fields, std::set<std:
     FieldEntry scratch;
     // Merges what is still pending on every return.
     PendingMerges pending;
-    for (size_t i = 0; i < fields.size(); ++i) {
-        if (MergeCommon(fields[i], failedpaths, root, &memo, &pending, call_log)) continue;
-        const int ret = FillOneField(i, fields[i], failedpaths, root, &memo, &pending, &scratch, call_log);
+    // The short way needs the fields of root's type kept, and no debug line.
+    const bool common = root.fields != nullptr && root.reflection != nullptr;
+    const PbValueSetBuffer::Field* const records = fields.data();
+    const size_t count = fields.size();
+    for (size_t i = 0; i < count; ++i) {
+        if (common && !call_log.open()) {
+            i = MergeCommon(records, i, count, failedpaths, root, &pending, call_log);
+            if (i == count) break;
+        }
+        const int ret = FillOneField(i, records[i], failedpaths, root, &memo, &pending, &scratch, call_log);
         if (ret != 0) return ret;
     }
     return 0;
