@@ -80,12 +80,42 @@ enum class KeyWrite : uint8_t {
     kGeneric,    // anything else: the serializers
 };
 
+// Copies a field's tag, of tag_size bytes (1 to 5), to at.
+inline uint8_t* PutTag(const internal::PlainField& plain, uint8_t* at) {
+    at[0] = plain.tag[0];
+    for (int i = 1; i < plain.tag_size; ++i) at[i] = plain.tag[i];
+    return at + plain.tag_size;
+}
+
 // One key field and how it is written.
 struct KeyField {
     const FieldDescriptor* field = nullptr;
     KeyWrite how = KeyWrite::kGeneric;
     internal::PlainField plain;  // for kPlain
+    // For kPlain: a value other than the default (of BitsOf default_bits, or
+    // for a string, the empty default) is set; true for fields of every type
+    // but floating point and strings with another default.
+    bool set_unless_default = false;
+    uint64_t default_bits = 0;
 };
+
+// The bits of the default value of a scalar field (BitsOf), and whether a
+// value of other bits is surely set (not for floating point, whose default
+// may be a NaN of any bits).
+bool DefaultBits(const FieldDescriptor* field, uint64_t* bits) {
+    switch (field->cpp_type()) {
+        case FieldDescriptor::CPPTYPE_INT32: *bits = internal::BitsOf(field->default_value_int32()); return true;
+        case FieldDescriptor::CPPTYPE_INT64: *bits = internal::BitsOf(field->default_value_int64()); return true;
+        case FieldDescriptor::CPPTYPE_UINT32: *bits = internal::BitsOf(field->default_value_uint32()); return true;
+        case FieldDescriptor::CPPTYPE_UINT64: *bits = internal::BitsOf(field->default_value_uint64()); return true;
+        case FieldDescriptor::CPPTYPE_BOOL: *bits = internal::BitsOf(field->default_value_bool()); return true;
+        case FieldDescriptor::CPPTYPE_ENUM:
+            *bits = internal::BitsOf(static_cast<int32_t>(field->default_value_enum()->number()));
+            return true;
+        case FieldDescriptor::CPPTYPE_STRING: return field->default_value_string().empty();
+        default: return false;
+    }
+}
 
 // A mark corvida_crypto on a field that is not a string or bytes field is
 // ignored.
@@ -98,8 +128,87 @@ KeyField PlanKeyField(const FieldDescriptor* field) {
     } else if (internal::IsPlain(field)) {
         key.how = KeyWrite::kPlain;
         key.plain = internal::PlanPlainField(field);
+        key.set_unless_default = DefaultBits(field, &key.default_bits);
     }
     return key;
+}
+
+// Writes the plain key fields from *key on (up to end) of m (whose reflection
+// is r) from `at` on, as WritePlainKeyField writes them, while each surely
+// ends at or before `limit`. Stops at the first field that might not, or
+// that only the general way writes as protobuf does (a string that is not
+// valid UTF-8), having written nothing of it; *key is then that field.
+// Returns the end of what was written. With bCheck, also stops at a field
+// that writes nothing (*key is that field, *unset set).
+//
+// A proto2 field is written when HasField reports it set. A field that is
+// not set reads as its default value, so one that reads otherwise is set:
+// HasField is asked only about a value equal to the default
+// (KeyField::set_unless_default). kProto3: every field is of a proto3 file
+// (the fields of one message are).
+template <bool kProto3>
+uint8_t* WriteShortKey(const KeyField** key, const KeyField* end, const Reflection* r, const Message& m, uint8_t* at,
+                       const uint8_t* limit, bool bCheck, bool* unset) {
+    using google::protobuf::FieldDescriptor;
+    // Unused for the fields of generated messages, whose strings reflection
+    // hands out by reference.
+    std::string scratch;
+    const KeyField* k = *key;
+    for (; k != end; ++k) {
+        const internal::PlainField& plain = k->plain;
+        const FieldDescriptor* f = plain.field;
+        // The tag and a varint of ten bytes, the longest scalar.
+        if (limit - at < plain.tag_size + 10) break;
+        // A proto3 key field is written even when unset.
+        const bool presence = !kProto3;
+        switch (plain.type) {
+#define CORVIDA_SHORT_CASE(TYPE, GETTER, WRITER)                                                      \
+    case FieldDescriptor::TYPE: {                                                                     \
+        const auto value = r->Get##GETTER(m, f);                                                      \
+        if (presence && (!k->set_unless_default || internal::BitsOf(value) == k->default_bits) &&     \
+            !r->HasField(m, f)) {                                                                     \
+            break;                                                                                    \
+        }                                                                                             \
+        at = WireFormatLite::Write##WRITER##NoTagToArray(value, PutTag(plain, at));                   \
+        continue;                                                                                     \
+    }
+            CORVIDA_FOR_EACH_SCALAR_TYPE(CORVIDA_SHORT_CASE)
+#undef CORVIDA_SHORT_CASE
+            case FieldDescriptor::TYPE_STRING:
+            case FieldDescriptor::TYPE_BYTES: {
+                const std::string& value = r->GetStringReference(m, f, &scratch);
+                const size_t size = value.size();
+                if (presence && (!k->set_unless_default || size == 0) && !r->HasField(m, f)) break;
+                // The tag, a length of at most five bytes, the value.
+                if (size > static_cast<size_t>(limit - at) ||
+                    limit - at - static_cast<ptrdiff_t>(size) < plain.tag_size + 5) {
+                    *key = k;
+                    return at;
+                }
+                if (plain.type == FieldDescriptor::TYPE_STRING && !internal::IsValidUtf8(value.data(), size)) {
+                    *key = k;
+                    return at;
+                }
+                at = CodedOutputStream::WriteVarint32ToArray(static_cast<uint32_t>(size), PutTag(plain, at));
+                if (size <= 16) {
+                    internal::CopySmall(at, reinterpret_cast<const uint8_t*>(value.data()), static_cast<int>(size));
+                } else {
+                    std::memcpy(at, value.data(), size);
+                }
+                at += size;
+                continue;
+            }
+            default:  // messages and groups are never plain
+                *key = k;
+                return at;
+        }
+        // Not set: nothing is written.
+        if (!bCheck) continue;
+        *unset = true;
+        break;
+    }
+    *key = k;
+    return at;
 }
 
 // Writes a plain key field as SerializeFieldWithCachedSizesEx and protobuf's
@@ -364,6 +473,7 @@ struct KeyPlan {
     const std::string* suite_name = nullptr;  // corvida_field_cipher_suite of desc
     int primary_result = 0;                   // 0, or -5 when a primary-key name is not a field
     KeyFieldList primary;
+    bool short_primary = false;  // every primary-key field is plain: WriteShortKey writes them
     std::vector<KeyField> by_index;  // every field of desc, by index; empty when planned for one call
 };
 
@@ -391,6 +501,12 @@ void PlanOptions(KeyPlan* plan, bool primary) {
     plan->primary_result = CollectPrimaryKeyFields(plan->desc, &plan->primary);
     // Key bytes must not depend on the order the option lists the names in.
     plan->primary.SortByNumber();
+    plan->short_primary = plan->primary_result == 0 && plan->primary.begin() != plan->primary.end();
+    for (const KeyField& key : plan->primary) {
+        if (key.how != KeyWrite::kPlain || key.plain.proto3 != plan->primary.begin()->plain.proto3) {
+            plan->short_primary = false;
+        }
+    }
 }
 
 // Plans msg's type into *local, with the primary-key fields when `primary`
@@ -509,6 +625,48 @@ int WritePrimaryKey(const KeyPlan& plan, CorvidaKVApi* pKVApi, const Message& ms
     return FinishKey(kMsgKey, &output, buf, size, trace);
 }
 
+// The primary key of msg under kept plan (see ExtractMsgKey) when every key
+// field is plain, nothing is encrypted and no trace line is wanted: the
+// fields are written straight into buf, where KeyOutput would write them in
+// place. Returns true with the result in *ret, or false when the general way
+// must write the key (WritePrimaryKey): the arguments or the buffer are not
+// of the commonest kind, or a field would end near the buffer's end. Only
+// bytes that the general way writes alike may have been written then.
+bool WriteShortPrimaryKey(const KeyPlan& plan, const Message& msg, uint8_t* buf, int32_t& size, tagtbl_idl* idl,
+                          LPPLOGCATEGORYINST log, bool bCheck, int* ret) {
+    // OpenKeySource's and OpenCipherSuite's checks pass, and the trace is
+    // closed (CallLog).
+    if (idl == nullptr || log == nullptr || plan.reflection == nullptr || !plan.suite_name->empty() ||
+        size <= EpsCopyOutputStream::kSlopBytes + 1 || plog_category_accepts(log, PLOG_PRIORITY_TRACE) != 0) {
+        return false;
+    }
+    const KeyField* key = plan.primary.begin();
+    const KeyField* const end = plan.primary.end();
+    bool unset = false;
+    uint8_t* const limit = buf + (size - EpsCopyOutputStream::kSlopBytes - 1);
+    const uint8_t* const at = plan.primary.begin()->plain.proto3
+                                  ? WriteShortKey<true>(&key, end, plan.reflection, msg, buf, limit, bCheck, &unset)
+                                  : WriteShortKey<false>(&key, end, plan.reflection, msg, buf, limit, bCheck, &unset);
+    const int written = static_cast<int>(at - buf);
+    if (unset) {
+        // As WritePrimaryKey reports a field that wrote nothing.
+        PBU_LOG_IN(kMsgKey, log, PLOG_PRIORITY_ERROR, "key %s serialize bCheck:%d count:%d <= before:%d",
+                   key->field->name().c_str(), 1, written, written);
+        *ret = -9;
+        return true;
+    }
+    if (key != end) return false;
+    // As FinishKey publishes it.
+    size = written;
+    if (size > kMaxKeyBytes) {
+        PBU_LOG_IN(kMsgKey, log, PLOG_PRIORITY_ERROR, "key byte count:%d exceed max:%d", size, kMaxKeyBytes);
+        *ret = -10;
+        return true;
+    }
+    *ret = 0;
+    return true;
+}
+
 // The key of the fields numbered in vecFields of msg under plan (see
 // ExtractFieldKey).
 int WriteFieldKey(const KeyPlan& plan, CorvidaKVApi* pKVApi, const Message& msg, const std::vector<int>& vecFields,
@@ -546,15 +704,24 @@ int WriteFieldKey(const KeyPlan& plan, CorvidaKVApi* pKVApi, const Message& msg,
     return FinishKey(kFieldKey, &output, buf, size, trace);
 }
 
+// The primary key of msg, whose type has no kept plan: planned now. Kept out
+// of ExtractMsgKey, whose common path then needs no room for a plan.
+__attribute__((noinline)) int WritePrimaryKeyNow(CorvidaKVApi* pKVApi, const Message& msg, uint8_t* buf,
+                                                 int32_t& size, tagtbl_idl* idl, LPPLOGCATEGORYINST log, bool bCheck) {
+    std::optional<KeyPlan> local;
+    return WritePrimaryKey(*PlanNow(msg, true, &local), pKVApi, msg, buf, size, idl, log, bCheck);
+}
+
 }  // namespace
 
 int ProtobufUtil::ExtractMsgKey(CorvidaKVApi* pKVApi, const Message& msg, uint8_t* buf, int32_t& size, tagtbl_idl* idl,
                                 LPPLOGCATEGORYINST log, bool bCheck) {
     if (const KeyPlan* kept = KeyPlans::Find(&typeid(msg))) {
+        int ret = 0;
+        if (kept->short_primary && WriteShortPrimaryKey(*kept, msg, buf, size, idl, log, bCheck, &ret)) return ret;
         return WritePrimaryKey(*kept, pKVApi, msg, buf, size, idl, log, bCheck);
     }
-    std::optional<KeyPlan> local;
-    return WritePrimaryKey(*PlanNow(msg, true, &local), pKVApi, msg, buf, size, idl, log, bCheck);
+    return WritePrimaryKeyNow(pKVApi, msg, buf, size, idl, log, bCheck);
 }
 
 int ProtobufUtil::GetMsgKeyNames(const Message& msg, std::set<std::string>& setKeyNames) {
