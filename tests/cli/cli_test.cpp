@@ -80,6 +80,16 @@ TEST_F(CliTest, CutJson) {
     struct stat st;
     ASSERT_EQ(::stat(packed.c_str(), &st), 0);
     EXPECT_EQ(json["packed"]["bytes"], st.st_size);
+
+    // Standard output cannot carry both the packed set and the JSON object:
+    // refused, as blob -o - --format json is.
+    const ProcessResult both = Pb({"cut", "--proto", kGame, "--table", "Player", "--text-file", kPlayerText,
+                                   "--paths", "level", "--packed", "-", "--format", "json"});
+    EXPECT_EQ(both.status, 2);
+    EXPECT_EQ(both.out, "");
+    EXPECT_EQ(both.err.rfind("corvida-pb cut: --format json reports on standard output, which --packed - fills", 0),
+              0u)
+        << both.err;
 }
 
 TEST_F(CliTest, MergeJsonUsesProtobufsJsonMapping) {

@@ -257,6 +257,12 @@ void Command::Exclusive(const std::vector<CLI::Option*>& options) {
 
 int Command::log_priority() const { return ParseLogLevel(m_log_level); }
 
+void Command::RefuseJsonBeside(const CLI::Option* option, const std::string& output, const std::string& what) const {
+    if (!json() || !Given(option) || output != "-") return;
+    throw UsageError("--format json reports on standard output, which " + option->get_name() + " - fills with " +
+                     what + "; write " + what + " to a file");
+}
+
 std::unique_ptr<Schema> Command::LoadSchema() const {
     if (Given(m_descriptor_set_option)) return Schema::FromDescriptorSets(m_descriptor_sets);
     // As protoc does, a directory that is not there is worth a warning but

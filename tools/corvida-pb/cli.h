@@ -78,6 +78,10 @@ protected:
 
     // After parsing.
     bool Given(const CLI::Option* option) const { return option != nullptr && option->count() > 0; }
+    // Throws UsageError when --format json is given together with output
+    // "-" of option, which fills standard output with what (binary data):
+    // the JSON report would have nowhere to go.
+    void RefuseJsonBeside(const CLI::Option* option, const std::string& output, const std::string& what) const;
     bool has_schema_options() const { return Given(m_proto_option) || Given(m_descriptor_set_option); }
     bool json() const { return m_format == "json"; }
     int log_priority() const;

@@ -215,17 +215,16 @@ public:
     explicit BlobCommand(CLI::App* parent)
         : Command(parent, "blob", "write the schema blob of .proto files", kBlobDescription) {
         AddSchemaOptions("write only this table's file and its imports", false);
-        app()->add_option("-o,--output", m_output, "where to write the blob ('-' for standard output)")
-            ->type_name("FILE")
-            ->required();
+        m_output_option = app()
+                              ->add_option("-o,--output", m_output, "where to write the blob ('-' for standard output)")
+                              ->type_name("FILE")
+                              ->required();
         AddFormatOption();
         AddLogLevelOption();
     }
 
     int Run() override {
-        if (m_output == "-" && json()) {
-            throw UsageError("--format json reports on standard output, which -o - fills with the blob");
-        }
+        RefuseJsonBeside(m_output_option, m_output, "the blob");
         CliLog log(log_priority());
         std::unique_ptr<Schema> schema = LoadSchema();
         std::vector<const FileDescriptor*> roots = schema->files();
@@ -249,6 +248,7 @@ public:
 
 private:
     std::string m_output;
+    CLI::Option* m_output_option = nullptr;
 };
 
 }  // namespace

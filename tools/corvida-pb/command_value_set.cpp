@@ -50,6 +50,7 @@ public:
     }
 
     int Run() override {
+        RefuseJsonBeside(m_packed_option, m_packed, "the packed value set");
         CliLog log(log_priority());
         const TableMessage loaded = LoadTableMessage();
         const google::protobuf::Descriptor* table = loaded.table;
@@ -66,6 +67,8 @@ public:
 
         const std::vector<std::string> skipped =
             m_with_keys ? std::vector<std::string>() : SkippedKeyPaths(*msg, paths);
+        // With --packed -, the packed set fills standard output and the text
+        // report goes to standard error (JSON is refused above).
         const bool packed_to_stdout = Given(m_packed_option) && m_packed == "-";
         std::ostream& report = packed_to_stdout ? std::cerr : std::cout;
         const std::string packed = Given(m_packed_option) ? PackValueSet(*set) : std::string();
