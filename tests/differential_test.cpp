@@ -959,13 +959,34 @@ public:
             out += std::to_string(index.iOffset) + " " + std::to_string(index.iSize) + " " +
                    std::to_string(index.iFlag) + "\n";
         }
-        const size_t used = static_cast<size_t>(std::max(compact.iValueBufLen, 0));
-        out.append(compact.szValueBuf, std::min(used + kTail, kValueBuf));
+        out.append(compact.szValueBuf, Compared(set));
         return out;
     }
 
-private:
+    // True when Contents(a) == Contents(b), without copying the bytes.
+    static bool SameContents(const ProtobufValueSet_& a, const ProtobufValueSet_& b) {
+        const CompactValueSet& x = a.stCompactValueSet;
+        const CompactValueSet& y = b.stCompactValueSet;
+        if (a.iVersion_ != b.iVersion_ || x.iFieldIndexNum != y.iFieldIndexNum || x.iValueBufLen != y.iValueBufLen) {
+            return false;
+        }
+        const int num = std::max(0, std::min<int>(x.iFieldIndexNum, CORVIDA_PROTOBUF_MAX_FIELD_INDEX_NUM));
+        for (int i = 0; i < num; ++i) {
+            const FieldIndex& p = x.astFieldIndexs[i];
+            const FieldIndex& q = y.astFieldIndexs[i];
+            if (p.iOffset != q.iOffset || p.iSize != q.iSize || p.iFlag != q.iFlag) return false;
+        }
+        return std::memcmp(x.szValueBuf, y.szValueBuf, Compared(a)) == 0;
+    }
+
     static constexpr size_t kValueBuf = CORVIDA_PROTOBUF_MAX_VALUE_BUF;
+
+private:
+    // The bytes of szValueBuf compared: the used ones and kTail after them.
+    static size_t Compared(const ProtobufValueSet_& set) {
+        const size_t used = static_cast<size_t>(std::max(set.stCompactValueSet.iValueBufLen, 0));
+        return std::min(used + kTail, kValueBuf);
+    }
 
     std::unique_ptr<ProtobufValueSet_> m_reference = corvida_test::NewValueSet();
     std::unique_ptr<ProtobufValueSet_> m_fast = corvida_test::NewValueSet();
@@ -983,27 +1004,39 @@ protected:
             fast_msg->ByteSizeLong();
         }
         m_sets.Scribble(scribbled);
+        return Cut(reference_msg.get(), fast_msg.get(), keys, paths, setup, n);
+    }
 
+    // Cuts paths of reference_msg with the reference and of fast_msg with the
+    // library, into the value sets as they stand, and compares. The two may be
+    // one message when no path leads into a sub-message (which a cut may
+    // create): neither side then changes it.
+    bool Cut(Message* reference_msg, Message* fast_msg, const Paths& keys, const Paths& paths, const LogSetup& setup,
+             int n) {
         Side reference(setup);
         reference.Run([&](LPPLOGCATEGORYINST log) {
-            return corvida_reference::FillValueSetWithMsg(reference_msg.get(), keys, paths, m_sets.reference(), log);
+            return corvida_reference::FillValueSetWithMsg(reference_msg, keys, paths, m_sets.reference(), log);
         });
         Side fast(setup);
         fast.Run([&](LPPLOGCATEGORYINST log) {
-            return PROTOBUF_UTIL::FillValueSetWithMsg(fast_msg.get(), keys, paths, m_sets.fast(), log);
+            return PROTOBUF_UTIL::FillValueSetWithMsg(fast_msg, keys, paths, m_sets.fast(), log);
         });
 
         std::string context = "cut case " + std::to_string(n) + " (" + KindName(GetParam()) + ") of " +
-                              msg.GetDescriptor()->full_name() + ", threshold " + std::to_string(setup.threshold) +
-                              "; paths:";
+                              reference_msg->GetDescriptor()->full_name() + ", threshold " +
+                              std::to_string(setup.threshold) + "; paths:";
         for (const std::string& p : paths) context += " [" + p.substr(0, 80) + "]";
         context += "; keys:";
         for (const std::string& k : keys) context += " [" + k + "]";
         Diff diff(context);
         m_tally.Add(reference.ret());
         diff.Same("result", reference.ret(), fast.ret());
-        diff.SameBytes("value set", ValueSets::Contents(m_sets.reference()), ValueSets::Contents(m_sets.fast()));
-        if (!SameMessage(*reference_msg, *fast_msg)) diff.Note("message after the cut differs");
+        if (!ValueSets::SameContents(m_sets.reference(), m_sets.fast())) {
+            diff.SameBytes("value set", ValueSets::Contents(m_sets.reference()), ValueSets::Contents(m_sets.fast()));
+        }
+        if (reference_msg != fast_msg && !SameMessage(*reference_msg, *fast_msg)) {
+            diff.Note("message after the cut differs");
+        }
         diff.SameLogs(reference, fast);
         return diff.Check();
     }
@@ -1083,6 +1116,76 @@ TEST_P(CutDifferential, FieldsAtTheEndOfTheValueBuffer) {
 std::string FirstName(const std::string& path) {
     std::string name = path.substr(0, path.find('.'));
     return PROTOBUF_UTIL::trim(name);
+}
+
+// Records ending at every offset from 40 bytes before to 40 bytes past the
+// end of the value buffer (cuts write version-1 sets, whose records share
+// one buffer): a bytes field as large as the buffer, alone or followed by a
+// field of another encoding that then ends there. Past the end a record is
+// cut short, or finds no room. Each offset takes one of the cases in turn;
+// CORVIDA_DIFFERENTIAL_ROUNDS runs more of them at each offset.
+TEST_P(CutDifferential, RecordsEndingAroundTheEndOfTheValueBuffer) {
+    struct Last {
+        const char* table;
+        const char* path;  // of the field cut after avatar; "": none
+    };
+    const Last kLast[] = {{"corvida.test.Player2", ""},       {"corvida.test3.Player3", "flags"},
+                          {"corvida.test.Player2", "level"},  {"corvida.test3.Player3", "name"},
+                          {"corvida.test.Player2", "rating"}, {"corvida.test3.Player3", ""},
+                          {"corvida.test.Player2", "delta"},  {"corvida.test3.Player3", "kind"},
+                          {"corvida.test.Player2", "pos"}};
+    constexpr size_t kCases = sizeof(kLast) / sizeof(kLast[0]);
+    constexpr int kAround = 40;
+    const int end = static_cast<int>(ValueSets::kValueBuf);
+    Rng rng(Seed(9));
+    Types types(GetParam());
+    // The messages are too large to copy for each case: both sides cut the
+    // same one, through top-level fields only, which a cut leaves alone.
+    std::unique_ptr<Message> msgs[kCases];
+    int base[kCases];         // avatar's size at which the last record ends at the end
+    int avatar_ends[kCases];  // where avatar's record ends when avatar has end - spare bytes
+    const int spare = 4096;
+    m_sets.Scribble(ValueSets::kValueBuf);
+    int n = 0;
+    for (size_t c = 0; c < kCases; ++c) {
+        const Message* prototype = types.Named(kLast[c].table);
+        ASSERT_NE(prototype, nullptr);
+        msgs[c] = RandomMessage(*prototype, rng);
+        const Descriptor* desc = msgs[c]->GetDescriptor();
+        const Reflection* r = msgs[c]->GetReflection();
+        r->SetString(msgs[c].get(), desc->FindFieldByName("name"), "a name");
+        r->SetInt32(msgs[c].get(), desc->FindFieldByName("level"), 300);
+        // Cut once with room to spare, to learn where the records end.
+        r->SetString(msgs[c].get(), desc->FindFieldByName("avatar"), std::string(end - spare, 'a'));
+        msgs[c]->ByteSizeLong();
+        Paths paths = {"avatar"};
+        if (*kLast[c].path != '\0') paths.insert(kLast[c].path);
+        if (!Cut(msgs[c].get(), msgs[c].get(), {}, paths, LogSetup{}, n++)) return;
+        ASSERT_EQ(m_sets.reference().stCompactValueSet.iFieldIndexNum, static_cast<int>(paths.size()));
+        base[c] = end - spare + (end - m_sets.reference().stCompactValueSet.iValueBufLen);
+        const FieldIndex& first = m_sets.reference().stCompactValueSet.astFieldIndexs[0];
+        avatar_ends[c] = first.iOffset + first.iSize;
+    }
+    for (int round = 0; round < Rounds(); ++round) {
+        for (int offset = -kAround; offset <= kAround; ++offset) {
+            const size_t c = static_cast<size_t>(offset + kAround + round) % kCases;
+            Message* msg = msgs[c].get();
+            msg->GetReflection()->SetString(msg, msg->GetDescriptor()->FindFieldByName("avatar"),
+                                            std::string(static_cast<size_t>(base[c] + offset), 'a'));
+            msg->ByteSizeLong();
+            Paths paths = {"avatar"};
+            if (*kLast[c].path != '\0') paths.insert(kLast[c].path);
+            if (!Cut(msg, msg, {}, paths, LogSetup{}, n++)) return;
+            // avatar's record is where the case means it to be, unless it
+            // ends within the last bytes, where a coded stream keeps them.
+            const int avatar_end = avatar_ends[c] + base[c] + offset - (end - spare);
+            const FieldIndex& first = m_sets.reference().stCompactValueSet.astFieldIndexs[0];
+            if (avatar_end <= end - 16) {
+                ASSERT_EQ(first.iOffset + first.iSize, avatar_end) << kLast[c].path << " " << offset;
+            }
+        }
+    }
+    m_tally.ExpectSeen("cuts around the end of the buffer", {0, CorvErrCode::GEN_ERR_ERR});
 }
 
 // The most paths a call takes, all beginning with one long name: each a
@@ -1269,6 +1372,19 @@ protected:
         }
         Paths initial;
         if (Chance(m_rng, 20)) initial.insert(records.empty() ? "0" : records[0].path);
+        std::string described;
+        for (const Record& record : records) {
+            described += "\n  [" + (record.null_path ? std::string("(null)") : record.path.substr(0, 60)) + "] " +
+                         (record.null_buf ? std::string("(null)") : Hex(record.bytes.substr(0, 60))) + " " +
+                         std::to_string(record.length_delta);
+        }
+        return Merge(target, fields, initial, setup, n, null_msg, described);
+    }
+
+    // Merges fields into a copy of target on each side, with failedpaths
+    // holding `initial` before, and compares; `described` tells the records.
+    bool Merge(const Message& target, const std::vector<PbValueSetBuffer::Field>& fields, const Paths& initial,
+               const LogSetup& setup, int n, bool null_msg, const std::string& described) {
         std::unique_ptr<Message> reference_msg = Copy(target);
         std::unique_ptr<Message> fast_msg = Copy(target);
         Paths reference_failed = initial;
@@ -1290,12 +1406,7 @@ protected:
 
         std::string context = "merge case " + std::to_string(n) + " (" + KindName(GetParam()) + ") into " +
                               target.GetDescriptor()->full_name() + ", threshold " + std::to_string(setup.threshold) +
-                              "; records:";
-        for (const Record& record : records) {
-            context += "\n  [" + (record.null_path ? std::string("(null)") : record.path.substr(0, 60)) + "] " +
-                       (record.null_buf ? std::string("(null)") : Hex(record.bytes.substr(0, 60))) + " " +
-                       std::to_string(record.length_delta);
-        }
+                              "; records:" + described;
         Diff diff(context);
         m_tally.Add(reference.ret());
         m_failed.Add(static_cast<int>(std::min<size_t>(reference_failed.size() - initial.size(), 3)));
@@ -1435,6 +1546,130 @@ TEST_P(MergeDifferential, RunsOverNestedMessagesAndOneofs) {
             Chance(m_rng, 50) ? RandomMessage(*prototype, m_rng) : std::unique_ptr<Message>(prototype->New());
         if (!Case(*target, records, RandomLogSetup(m_rng), n, false)) return;
     }
+}
+
+// The bytes of one record of `size` bytes for field `number` (a key of one
+// byte): a length-delimited value whose payload fills the rest, of the kind
+// `kind` names: 'b' bytes, 's' ASCII text, 'm' a message whose field 3 is
+// such text, 'p' packed varints. size must leave room for the key
+// and length of each level.
+std::string RecordOfSize(int number, char kind, size_t size) {
+    // Byte patterns to take payloads from.
+    static const std::string kBytes = [] {
+        std::string bytes(CORVIDA_PROTOBUF_MAX_FIELD_BUFF + 64, '\0');
+        for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i * 7);
+        return bytes;
+    }();
+    // Ten-byte varints (-1), so that a large record holds few elements.
+    static const std::string kVarints = Repeat(std::string(9, '\xff') + '\x01', CORVIDA_PROTOBUF_MAX_FIELD_BUFF / 10 + 8);
+    const std::string key = Varint(static_cast<uint64_t>(number) << 3 | 2);
+    size_t payload = size - key.size();
+    while (Varint(payload).size() + payload > size - key.size()) --payload;
+    std::string inner;
+    switch (kind) {
+        case 'b': inner = kBytes.substr(0, payload); break;
+        case 'm': inner = RecordOfSize(3, 's', payload); break;
+        case 'p': inner = kVarints.substr(0, payload / 10 * 10) + std::string(payload % 10, '\x05'); break;
+        default: inner.assign(payload, 's'); break;
+    }
+    std::string out = key + Varint(inner.size()) + inner;
+    // A length that took fewer bytes than allowed for leaves a short record:
+    // pad the payload once more.
+    while (out.size() < size) out = RecordOfSize(number, kind, size + (size - out.size()));
+    return out.substr(0, size);
+}
+
+// Records ending at every offset from 40 bytes before to 40 bytes past the
+// end of a value set's buffer, in both layouts: version 0, where each record
+// has a buffer of its own, and version 1, where records share one (a record
+// that is not merged fills it up to the one that is). Past the end a record
+// is cut short by the bytes that do not fit. The records: a bytes, a string,
+// a message and a packed field as large as a version-0 buffer and, in
+// version 1, small fields of each encoding. Each offset takes one record in
+// turn; CORVIDA_DIFFERENTIAL_ROUNDS runs more of them at each offset.
+TEST_P(MergeDifferential, RecordsEndingAroundTheEndOfTheValueBuffer) {
+    struct Spec {
+        const char* path;
+        int number;  // of a record RecordOfSize makes; 0: `bytes` below
+        char kind;
+        const char* bytes;
+        size_t size;
+    };
+    const Spec kLong[] = {{"10", 10, 'b', nullptr, 0}, {"3", 3, 's', nullptr, 0},
+                          {"6", 6, 'm', nullptr, 0},  {"12", 12, 'p', nullptr, 0}};
+    const Spec kSmall[] = {{"4", 0, 0, "\x20\xac\x02", 3},
+                           {"14", 0, 0, "\x71\x01\x02\x03\x04\x05\x06\x07\x08", 9},
+                           {"13", 0, 0, "\x69\x00\x00\x00\x00\x00\x00\xf8\x3f", 9},
+                           {"15", 0, 0, "\x78\x03", 2},
+                           {"11", 0, 0, "\x58\x02", 2},
+                           {"5.1", 0, 0, "\x08\x96\x01", 3},
+                           {"3", 0, 0, "\x1a\x03" "abc", 5},
+                           {"10", 0, 0, "\x52\x00", 2}};
+    constexpr int kAround = 40;
+    const int own = CORVIDA_PROTOBUF_MAX_FIELD_BUFF;  // a version-0 record's buffer
+    const size_t longs = sizeof(kLong) / sizeof(kLong[0]);
+    const size_t smalls = sizeof(kSmall) / sizeof(kSmall[0]);
+    Types types(GetParam());
+    const char* const kTables[] = {"corvida.test.Player2", "corvida.test3.Player3"};
+    int n = 0;
+    for (int round = 0; round < Rounds(); ++round) {
+        for (int version = 0; version <= 1; ++version) {
+            for (int offset = -kAround; offset <= kAround; ++offset) {
+                const size_t pick = static_cast<size_t>(offset + kAround + round);
+                // Version 1 takes a small record every other offset.
+                const bool small = version == 1 && pick % 2 == 1;
+                const Spec& spec = small ? kSmall[pick / 2 % smalls] : kLong[pick % longs];
+                const std::string record = spec.bytes != nullptr ? std::string(spec.bytes, spec.size)
+                                                                 : RecordOfSize(spec.number, spec.kind, own + offset);
+                // The record's region ends at the end of the buffer.
+                const int region = static_cast<int>(record.size()) - offset;
+                if (region < 1) continue;  // nothing of it would fit: a region has a byte at least
+                PbValueSetBuffer builder(m_set.get(), version, nullptr);
+                ASSERT_EQ(builder.ResetFieldNum(), 0);
+                if (version == 1) {
+                    // The filler takes what the record's region must not.
+                    PbValueSetBuffer::Field probe{-1, spec.path, nullptr, 0, -1};
+                    PbValueSetBuffer::Field filler{-1, "1", nullptr, 0, -1};
+                    ASSERT_EQ(builder.InsertCutField(filler), 0);
+                    ASSERT_EQ(builder.FinishCutField(filler.idx, 0), 0);
+                    ASSERT_EQ(builder.InsertCutField(probe), 0);
+                    const int room = probe.buf_len;
+                    ASSERT_EQ(builder.ResetFieldNum(), 0);
+                    ASSERT_EQ(builder.InsertCutField(filler), 0);
+                    ASSERT_EQ(builder.FinishCutField(filler.idx, room - region), 0);
+                }
+                PbValueSetBuffer::Field field{-1, spec.path, nullptr, 0, -1};
+                ASSERT_EQ(builder.InsertCutField(field), 0);
+                ASSERT_EQ(field.buf_len, region) << "version " << version << " offset " << offset;
+                const int kept = std::min(region, static_cast<int>(record.size()));
+                std::memcpy(const_cast<char*>(field.buf), record.data(), static_cast<size_t>(kept));
+                ASSERT_EQ(builder.FinishCutField(field.idx, kept), 0);
+                std::vector<PbValueSetBuffer::Field> fields;
+                ASSERT_EQ(builder.GetFields(fields), 0);
+                fields.erase(fields.begin(), fields.end() - 1);  // the filler is not merged
+                // The region ends with the buffer, the record offset bytes before.
+                const ProtobufValueSet_& set = *m_set;
+                const char* buffer_end = version == 0 ? set.astFields_[field.idx].szFieldBuff_ + own
+                                                      : set.stCompactValueSet.szValueBuf + ValueSets::kValueBuf;
+                ASSERT_EQ(field.buf + region, buffer_end);
+                ASSERT_EQ(fields[0].buf + fields[0].buf_len, buffer_end + std::min(offset, 0));
+
+                const Message* prototype = types.Named(kTables[pick / 3 % 2]);
+                ASSERT_NE(prototype, nullptr);
+                std::unique_ptr<Message> target =
+                    pick % 5 < 2 ? RandomMessage(*prototype, m_rng) : std::unique_ptr<Message>(prototype->New());
+                const std::string described = "\n  version " + std::to_string(version) + ", offset " +
+                                              std::to_string(offset) + " [" + spec.path + "] " +
+                                              std::to_string(kept) + " of " + std::to_string(record.size()) +
+                                              " bytes: " + Hex(record.substr(0, 40));
+                // Without debug lines now and then, which merges take a shorter way.
+                LogSetup setup;
+                if (pick % 3 == 0) setup.threshold = PLOG_PRIORITY_ERROR;
+                if (!Merge(*target, fields, {}, setup, n++, false, described)) return;
+            }
+        }
+    }
+    m_failed.ExpectSeen("failed paths per merge around the end of the buffer", {0, 1});
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, MergeDifferential,
