@@ -704,12 +704,16 @@ inline int Vouch(const FieldEntry& entry, const char* buf, int buf_len) {
 // as asking for it (MutableMessage) would. Records of one sub-message wait
 // either framed in its parent or on their own, never both at once, so that
 // they stay in their order.
+//
+// The owner calls Flush before it returns. The destructor merges nothing: a
+// parse may throw (bad_alloc), which must not happen while an exception
+// unwinds the stack; records still pending then are dropped.
 class PendingMerges {
 public:
     PendingMerges() = default;
     PendingMerges(const PendingMerges&) = delete;
     PendingMerges& operator=(const PendingMerges&) = delete;
-    ~PendingMerges() { Flush(); }
+    ~PendingMerges() = default;
 
     // Adds the key and first value of a vouched record of a field of holder
     // (size at most kGroupedValueBytes plus a key); with `frame`, of a field
@@ -1139,21 +1143,23 @@ int FillMsgFromField(std::vector<PbValueSetBuffer::Field>& fields, std::set<std:
     WalkMemo memo;
     CallLog call_log(log, PLOG_PRIORITY_DEBUG);
     FieldEntry scratch;
-    // Merges what is still pending on every return.
     PendingMerges pending;
     // The short way needs the fields of root's type kept, and no debug line.
     const bool common = root.fields != nullptr && root.reflection != nullptr;
     const PbValueSetBuffer::Field* const records = fields.data();
     const size_t count = fields.size();
-    for (size_t i = 0; i < count; ++i) {
+    int ret = 0;
+    for (size_t i = 0; i < count && ret == 0; ++i) {
         if (common && !call_log.open()) {
             i = MergeCommon(records, i, count, failedpaths, root, &pending, call_log);
             if (i == count) break;
         }
-        const int ret = FillOneField(i, records[i], failedpaths, root, &memo, &pending, &scratch, call_log);
-        if (ret != 0) return ret;
+        ret = FillOneField(i, records[i], failedpaths, root, &memo, &pending, &scratch, call_log);
     }
-    return 0;
+    // What is still pending is merged on success and failure alike: the
+    // records before a failing one stay merged.
+    pending.Flush();
+    return ret;
 }
 
 }  // namespace PROTOBUF_UTIL
