@@ -5,6 +5,7 @@
 // same fields (which frees string values and builds them again): it parses
 // into the strings the message holds. The binary replaces the global
 // allocation functions with counting ones.
+#include <cstdint>
 #include <memory>
 #include <set>
 #include <string>
@@ -17,6 +18,7 @@
 #include "protobuf_api/protobuf_util.h"
 #include "support/allocation_counter.h"
 #include "support/log_capture.h"
+#include "support/plan_filler.h"
 #include "support/records.h"
 #include "tables2.pb.h"
 #include "tables3.pb.h"
@@ -172,6 +174,53 @@ TEST_F(MergeAllocations, StringFieldsAllocateNoMoreThanProtobufsMerge) {
     // The strings merged already hold values of the same lengths.
     EXPECT_EQ(ours, 0);
     EXPECT_TRUE(m_log.lines().empty()) << m_log.Dump();
+}
+
+// More generated types than the library keeps plans of: a type that finds
+// no room is planned on every call, which allocates no more than the
+// library's first plan of it did not. Keys, cuts and merges of scalar fields
+// allocate nothing, for the types with kept plans and the others alike.
+TEST(PlanAllocations, TypesBeyondTheKeptPlansAllocateNothing) {
+    corvida_test::InChildProcess([] {
+        LogCapture log(PLOG_PRIORITY_ERROR);  // rejects the debug lines
+        const std::vector<const Message*>& types = corvida_test::PlanFillerTypes();
+        std::vector<std::unique_ptr<Message>> sources;
+        std::vector<std::unique_ptr<Message>> targets;
+        for (const Message* prototype : types) {
+            std::unique_ptr<Message> msg(prototype->New());
+            const google::protobuf::Descriptor* desc = msg->GetDescriptor();
+            const Reflection* r = msg->GetReflection();
+            r->SetInt32(msg.get(), desc->FindFieldByName("id"), static_cast<int32_t>(sources.size()));
+            Message* next = r->MutableMessage(msg.get(), desc->FindFieldByName("next"));
+            next->GetReflection()->SetInt32(next, desc->FindFieldByName("id"), -7);
+            msg->ByteSizeLong();
+            sources.push_back(std::move(msg));
+            targets.emplace_back(prototype->New());
+        }
+        const std::set<std::string> paths = {"id", "next.id"};
+        const std::unique_ptr<ProtobufValueSet_> set = corvida_test::NewValueSet();
+        const std::unique_ptr<tagtbl_idl> idl = corvida_test::NewIdl();
+        std::vector<PbValueSetBuffer::Field> fields;
+        fields.reserve(paths.size());
+        std::set<std::string> failed;
+        uint8_t key[64];
+        int results = 0;
+        const auto run = [&] {
+            for (size_t i = 0; i < sources.size(); ++i) {
+                int32_t size = sizeof(key);
+                results |= PROTOBUF_UTIL::ProtobufUtil::ExtractMsgKey(nullptr, *sources[i], key, size, idl.get(),
+                                                                      log.category(), true);
+                results |= FillValueSetWithMsg(sources[i].get(), {}, paths, *set, log.category());
+                results |= PbValueSetBuffer(set.get(), 1, nullptr).GetFields(fields);
+                results |= FillMsgFromField(fields, failed, targets[i].get(), nullptr, 0, log.category());
+            }
+        };
+        run();  // keeps the plans that find room; creates the sub-messages merged into
+        EXPECT_EQ(AllocationsOf(run), 0);
+        EXPECT_EQ(results, 0);
+        EXPECT_TRUE(failed.empty());
+        EXPECT_TRUE(log.lines().empty()) << log.Dump();
+    });
 }
 
 TEST(CountingAllocator, SeesAllocations) {

@@ -511,15 +511,15 @@ void PlanOptions(KeyPlan* plan, bool primary) {
 
 // Plans msg's type into *local, with the primary-key fields when `primary`
 // (desc or reflection null when msg lacks them, which the caller reports),
-// and keeps a plan of the type when msg is of a generated class. Returns the
-// plan to use.
+// and keeps a plan of the type when msg is of a generated class and the
+// plans have room for it. Returns the plan to use.
 const KeyPlan* PlanNow(const Message& msg, bool primary, std::optional<KeyPlan>* local) {
     KeyPlan& plan = local->emplace();
     plan.desc = msg.GetDescriptor();
     if (plan.desc == nullptr) return &plan;
     plan.reflection = msg.GetReflection();
     if (plan.reflection == nullptr) return &plan;
-    if (internal::IsGeneratedClass(msg, plan.desc)) {
+    if (KeyPlans::HasRoom(&typeid(msg)) && internal::IsGeneratedClass(msg, plan.desc)) {
         std::unique_ptr<KeyPlan> kept(new (std::nothrow) KeyPlan);
         if (kept != nullptr) {
             kept->key = &typeid(msg);

@@ -25,7 +25,8 @@ MessageType TypeOf(const google::protobuf::Message& msg) {
     const std::type_info& type = typeid(msg);
     if (const ClassPlan* kept = PlanCache<ClassPlan>::Find(&type)) return kept->type;
     const MessageType found{msg.GetDescriptor(), msg.GetReflection()};
-    if (found.desc != nullptr && found.reflection != nullptr && IsGeneratedClass(msg, found.desc)) {
+    if (found.desc != nullptr && found.reflection != nullptr && PlanCache<ClassPlan>::HasRoom(&type) &&
+        IsGeneratedClass(msg, found.desc)) {
         std::unique_ptr<ClassPlan> plan(new (std::nothrow) ClassPlan{&type, found});
         if (plan != nullptr) PlanCache<ClassPlan>::Publish(plan);
     }

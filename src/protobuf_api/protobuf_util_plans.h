@@ -18,8 +18,13 @@
 //     planned on every call.
 //   - The hit path takes no lock: slots are atomic pointers to plans that are
 //     immutable once published. A plan is published once and never freed, and
-//     the table is bounded (kSlots plans of each kind); when it is full, plans
-//     of further types are worked out on every call.
+//     the table is bounded (kSlots plans of each kind, each key taking one of
+//     kProbes slots from its home). When the slots a type may take are all
+//     held by others, which lasts for the life of the process, its plan is
+//     worked out on every call, as for types of other pools: callers ask
+//     HasRoom before building a plan to keep, so that such a call allocates
+//     nothing more than one of a type never planned; what it costs is the
+//     lookups by name and number a kept plan saves.
 #ifndef CORVIDA_PROTOBUF_API_PROTOBUF_UTIL_PLANS_H_
 #define CORVIDA_PROTOBUF_API_PROTOBUF_UTIL_PLANS_H_
 
@@ -74,6 +79,18 @@ public:
             if (plan->key == key) return plan;
         }
         return nullptr;
+    }
+
+    // False when a plan for key can never be published: every slot it may
+    // take holds the plan of another key (slots are never freed). A plan for
+    // key may already be published; Find tells.
+    static bool HasRoom(const void* key) {
+        const size_t home = Home(key);
+        for (size_t probe = 0; probe < kProbes; ++probe) {
+            const Plan* plan = s_slots[(home + probe) % kSlots].load(std::memory_order_acquire);
+            if (plan == nullptr || plan->key == key) return true;
+        }
+        return false;
     }
 
     // Publishes plan (of a generated class or type) and returns the plan now

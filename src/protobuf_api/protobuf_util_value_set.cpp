@@ -220,6 +220,7 @@ const MessageFields* KeptFields(const Descriptor* desc) {
     using Plans = internal::PlanCache<MessageFields>;
     if (!internal::IsGeneratedType(desc)) return nullptr;
     if (const MessageFields* kept = Plans::Find(desc)) return kept;
+    if (!Plans::HasRoom(desc)) return nullptr;  // it could not be kept
     std::unique_ptr<MessageFields> fields(new (std::nothrow) MessageFields);
     if (fields == nullptr) return nullptr;
     fields->key = desc;
