@@ -47,10 +47,12 @@
 #include "corvidaservice.optionv1.pb.h"
 #include "protobuf_api/aes_siv_cipher_suite.h"
 #include "protobuf_api/protobuf_util.h"
+#include "protobuf_api/protobuf_util_plans.h"
 #include "reference/reference.h"
 #include "reference/reference_aes_siv_cipher_suite.h"
 #include "support/hex.h"
 #include "support/log_capture.h"
+#include "support/plan_filler.h"
 #include "support/random_message.h"
 #include "support/records.h"
 #include "tables2.pb.h"
@@ -474,6 +476,29 @@ std::unique_ptr<Message> RandomMessage(const Message& prototype, Rng& rng) {
     return msg;
 }
 
+// Only generated classes have plans kept; the filler types are so many that
+// some find no room among them, and are planned on every call.
+static_assert(PROTOBUF_UTIL::internal::PlanCache<int>::kSlots < 300, "more filler types than kept plans");
+
+// Calls test(msg, n) for random messages of every filler type, twice over:
+// the first round keeps the plans of the types that find room, the second
+// finds them kept or, for the others, still no room. Stops at the first
+// case for which test returns false. Only for generated types.
+template <typename Test>
+void ForEachFillerType(Kind kind, Test test) {
+    if (kind != Kind::kGenerated) GTEST_SKIP() << "only generated classes have plans kept";
+    const std::vector<const Message*>& types = corvida_test::PlanFillerTypes();
+    ASSERT_GT(types.size(), PROTOBUF_UTIL::internal::PlanCache<int>::kSlots);
+    corvida_test::InChildProcess([&] {
+        int n = 0;
+        for (int round = 0; round < 2; ++round) {
+            for (const Message* prototype : types) {
+                if (!test(*prototype, n++)) return;
+            }
+        }
+    });
+}
+
 std::unique_ptr<Message> Copy(const Message& msg) {
     std::unique_ptr<Message> copy(msg.New());
     copy->CopyFrom(msg);
@@ -850,6 +875,16 @@ TEST_P(KeyDifferential, EdgeValuesOfEverySingularField) {
     Types types(GetParam());
     ForEachEdgeValue(types, [this](const Message& msg, const FieldDescriptor* field, int n) {
         return FieldKeyCase(msg, {field->number()}, n);
+    });
+}
+
+// More generated types than the library keeps plans of.
+TEST_P(KeyDifferential, TypesBeyondTheKeptPlans) {
+    Rng rng(Seed(10));
+    ForEachFillerType(GetParam(), [&](const Message& prototype, int n) {
+        std::unique_ptr<Message> msg = RandomMessage(prototype, rng);
+        msg->ByteSizeLong();
+        return Case(*msg, Chance(rng, 30), rng, n);
     });
 }
 
@@ -1240,6 +1275,22 @@ TEST_P(CutDifferential, EdgeValuesOfEverySingularField) {
     Types types(GetParam());
     ForEachEdgeValue(types, [this](const Message& msg, const FieldDescriptor* field, int n) {
         return Case(msg, {}, {field->name()}, LogSetup{}, n);
+    });
+}
+
+// More generated types than the library keeps plans of.
+TEST_P(CutDifferential, TypesBeyondTheKeptPlans) {
+    Rng rng(Seed(11));
+    ForEachFillerType(GetParam(), [&](const Message& prototype, int n) {
+        std::unique_ptr<Message> msg = RandomMessage(prototype, rng);
+        std::vector<std::string> real;
+        CollectNamePaths(msg->GetDescriptor(), "", 2, real);
+        Paths paths;
+        for (size_t i = 1 + Pick(rng, 4); i > 0; --i) {
+            paths.insert(Chance(rng, 90) ? real[Pick(rng, real.size())] : HostileNamePath(real, rng));
+        }
+        const Paths keys = Chance(rng, 50) ? Paths{"id"} : Paths{};
+        return Case(*msg, keys, paths, RandomLogSetup(rng), n);
     });
 }
 
@@ -1670,6 +1721,17 @@ TEST_P(MergeDifferential, RecordsEndingAroundTheEndOfTheValueBuffer) {
         }
     }
     m_failed.ExpectSeen("failed paths per merge around the end of the buffer", {0, 1});
+}
+
+// More generated types than the library keeps plans of.
+TEST_P(MergeDifferential, TypesBeyondTheKeptPlans) {
+    ForEachFillerType(GetParam(), [&](const Message& prototype, int n) {
+        std::unique_ptr<Message> source = RandomMessage(prototype, m_rng);
+        std::vector<Record> records = Chance(m_rng, 60) ? CutRecords(source.get()) : RandomRecords(prototype);
+        std::unique_ptr<Message> target =
+            Chance(m_rng, 50) ? RandomMessage(prototype, m_rng) : std::unique_ptr<Message>(prototype.New());
+        return Case(*target, records, RandomLogSetup(m_rng), n, false);
+    });
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, MergeDifferential,
