@@ -12,6 +12,16 @@
  * and above P); the library itself does not consult them. A bound is unset
  * when its pointer is null or points to -1.
  *
+ * A caller may keep an answer for the length of one operation: the protobuf
+ * bridge asks once per call whether a category takes the lines it writes many
+ * of (one per field or path), and asks again only after it wrote a line (a
+ * sink may change its own category while it writes) and after each call of a
+ * cipher suite. So during one call of a bridge operation a category must give
+ * the same answer for a priority (threshold and bounds unchanged) but for
+ * changes made by its sink or a cipher suite; a change made otherwise (by
+ * another thread, which the rule on threads below forbids anyway) may be
+ * seen only after the next line written, or from the next call on.
+ *
  * The sink receives one complete message per call of plog_category_logv() or
  * plog_category_log_hex(), without a trailing newline. A category without a
  * sink writes each message as one line to stderr.

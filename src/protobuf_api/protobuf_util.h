@@ -26,7 +26,9 @@
 //     priority P is skipped when the category's lower bound is set and below
 //     P, or its upper bound is set and above P; otherwise
 //     plog_category_can_write decides. Arguments of a skipped line are never
-//     evaluated, and results never depend on whether a line was written.
+//     evaluated, and results never depend on whether a line was written. A
+//     category must answer the same throughout one call, but for changes its
+//     sink or a cipher suite makes (plog/plog.h).
 //     Priorities: 300 failures, 700 schema loading and path progress, 800
 //     values, byte counts and keys. Every line carries the file text
 //     "corvida/src/protobuf_api/protobuf_util", the line and the function name.
