@@ -1,6 +1,6 @@
 // FillMsgFromField over the test tables. The input decides the table, what
-// the message held before, the number of fields and each field's tag path and
-// bytes. Paths are mostly walks of real fields (see PickTagPath) and bytes
+// the message held before, the number of fields, each field's tag path and
+// bytes, and the log threshold. Paths are mostly walks of real fields (see PickTagPath) and bytes
 // mostly begin with the key the field expects, so the parser is reached
 // rather than the first lookup failing.
 //
@@ -91,12 +91,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         fields.push_back({i, path.c_str(), bytes.data(), static_cast<int>(bytes.size()), -1});
     }
 
+    // Last: whether debug lines are wanted changes the way the merge takes.
+    const int threshold = corvida_fuzz::PickLogThreshold(in);
+
     std::unique_ptr<Message> reference_msg(msg->New());
     reference_msg->CopyFrom(*msg);
     std::vector<PbValueSetBuffer::Field> reference_fields = fields;
 
     std::set<std::string> failedpaths = {"already.listed"};
-    corvida_fuzz::LineLog log;
+    corvida_fuzz::LineLog log(threshold);
     const int ret = PROTOBUF_UTIL::FillMsgFromField(fields, failedpaths, msg.get(), nullptr, 0, log.category());
     FUZZ_CHECK(ret == 0 || ret == CorvErrCode::GEN_ERR_INVALID_ARGUMENTS);
     FUZZ_CHECK(failedpaths.count("already.listed") == 1);
@@ -105,7 +108,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FUZZ_CHECK(msg->SerializePartialToString(&out));
 
     std::set<std::string> reference_failed = {"already.listed"};
-    corvida_fuzz::LineLog reference_log;
+    corvida_fuzz::LineLog reference_log(threshold);
     FUZZ_CHECK(corvida_reference::FillMsgFromField(reference_fields, reference_failed, reference_msg.get(), nullptr, 0,
                                                    reference_log.category()) == ret);
     FUZZ_CHECK(reference_failed == failedpaths);

@@ -60,8 +60,8 @@ LPPLOGCATEGORYINST QuietLog() {
     return &category;
 }
 
-LineLog::LineLog() {
-    plog_category_init(&m_category, "fuzz", PLOG_PRIORITY_TRACE);
+LineLog::LineLog(int threshold) {
+    plog_category_init(&m_category, "fuzz", threshold);
     m_category.pfnWrite = &LineLog::Keep;
     m_category.pvWriteCtx = this;
 }
@@ -70,6 +70,12 @@ void LineLog::Keep(void* ctx, const PLOGEVENT* event, const char* msg, size_t le
     static_cast<LineLog*>(ctx)->m_lines.push_back(std::to_string(event->iPriority) + " " +
                                                   (event->pszFunc != nullptr ? event->pszFunc : "") + ": " +
                                                   std::string(msg, len));
+}
+
+int PickLogThreshold(FuzzedDataProvider& in) {
+    // -1: below every priority, PLOG_PRIORITY_FATAL included.
+    static const int kThresholds[] = {PLOG_PRIORITY_TRACE, PLOG_PRIORITY_DEBUG, PLOG_PRIORITY_ERROR, -1};
+    return kThresholds[in.ConsumeIntegralInRange<size_t>(0, sizeof(kThresholds) / sizeof(kThresholds[0]) - 1)];
 }
 
 std::string DeterministicBytes(const google::protobuf::Message& msg) {

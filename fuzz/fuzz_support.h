@@ -36,12 +36,12 @@ namespace corvida_fuzz {
 // input. Cheap after the first call.
 LPPLOGCATEGORYINST QuietLog();
 
-// A category that takes every line and keeps it (priority, function and
-// text), for targets that compare the library with the straightforward
-// implementation kept in tests/reference.
+// A category that takes the lines up to `threshold` and keeps them
+// (priority, function and text), for targets that compare the library with
+// the straightforward implementation kept in tests/reference.
 class LineLog {
 public:
-    LineLog();
+    explicit LineLog(int threshold = PLOG_PRIORITY_TRACE);
     LineLog(const LineLog&) = delete;
     LineLog& operator=(const LineLog&) = delete;
 
@@ -54,6 +54,12 @@ private:
     PLOGCATEGORYINST m_category;
     std::vector<std::string> m_lines;
 };
+
+// A log threshold the input picks: trace (every line), debug, error (no
+// debug line: some operations take shorter ways only then) or closed (no
+// line at all). Read with the input's last byte, so that an input written
+// before it was read keeps its meaning and picks trace.
+int PickLogThreshold(FuzzedDataProvider& in);
 
 // The message's bytes, maps in key order, unknown fields included: equal for
 // messages that hold the same.
