@@ -256,6 +256,29 @@ std::vector<std::string> PlayerKeyArgs() {
     return {"key", "--proto", kGame, "--table", "Player", "--text-file", kPlayerText};
 }
 
+// --cipher values are taken out of the command line before CLI11 parses it
+// and given back to the cipher options in order: both spellings, any
+// number of them, still reach their suites.
+TEST_F(CliTest, CipherOptionInEitherSpelling) {
+    const std::string other = std::string("other-aes=") + kOtherKey;
+    const std::vector<std::vector<std::string>> spellings = {
+        {"--cipher", GameCipher()},
+        {"--cipher=" + GameCipher()},
+        {"--cipher", other, "--cipher=" + GameCipher()},
+        {"--cipher=" + other, "--cipher", GameCipher()},
+    };
+    for (const std::vector<std::string>& spelling : spellings) {
+        std::vector<std::string> args = PlayerKeyArgs();
+        args.insert(args.end(), spelling.begin(), spelling.end());
+        const ProcessResult r = Pb(args);
+        EXPECT_EQ(r.status, 0) << spelling[0] << "\n" << r.err;
+        EXPECT_NE(r.out.find("hex: 080310e9071a2179c01e"), std::string::npos) << r.out;
+    }
+    std::vector<std::string> wrong_order = PlayerKeyArgs();
+    wrong_order.insert(wrong_order.end(), {"--cipher", "game-aes=" + std::string(kOtherKey), "--cipher", other});
+    EXPECT_EQ(Pb(wrong_order).status, 1) << "game-aes gets its own value, not the next one";
+}
+
 TEST_F(CliTest, CipherFileGivesTheKey) {
     const std::string file = WriteTmp("ciphers", std::string("# demo keys\n\n  game-aes=") + kGameKey + "  \n");
     std::vector<std::string> args = PlayerKeyArgs();
@@ -282,6 +305,42 @@ TEST_F(CliTest, EnvironmentGivesTheKey) {
     options.set_env[kCiphersVariable] = std::string(" other=") + kOtherKey + " ; game-aes=" + kGameKey + ";";
     const ProcessResult r = Pb(PlayerKeyArgs(), options);
     EXPECT_EQ(r.status, 0) << r.err;
+}
+
+// The text of /proc/<pid>/environ: the process's environment block, which
+// shows the variable's value until the process overwrites it in place.
+std::string EnvironmentBlock(int pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/environ", std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+// Once the tool has read CORVIDA_PB_CIPHERS, the keys are gone from its
+// environment. key reads the message from standard input after the keys,
+// so the test looks at the child while it waits for the message.
+TEST_F(CliTest, EnvironmentKeysAreWipedOnceRead) {
+    ProcessOptions options;
+    options.directory = CORVIDA_PB_SOURCE_DIR;
+    options.set_env[kCiphersVariable] = GameCipher();
+    std::vector<std::string> argv = {CORVIDA_PB_EXE};
+    const std::vector<std::string> args = PlayerKeyArgs();
+    argv.insert(argv.end(), args.begin(), args.end());
+    argv.back() = "-";  // --text-file -
+    // Tells the tool's environment block (after exec) from the test's.
+    const std::string marker = "CORVIDA_PB_TEST_MARKER=environment-of-the-tool";
+    options.set_env["CORVIDA_PB_TEST_MARKER"] = "environment-of-the-tool";
+    ChildProcess child;
+    ASSERT_TRUE(child.Start(argv, options));
+    bool wiped = false;
+    for (int i = 0; i < 600 && !wiped; ++i) {  // at most 30 seconds
+        const std::string block = EnvironmentBlock(child.pid());
+        wiped = block.find(marker) != std::string::npos && block.find(kGameKey) == std::string::npos;
+        if (!wiped) ::usleep(50000);
+    }
+    std::ifstream text(std::string(CORVIDA_PB_SOURCE_DIR) + "/" + kPlayerText);
+    const ProcessResult r = child.Finish(std::string((std::istreambuf_iterator<char>(text)), {}));
+    EXPECT_TRUE(wiped) << "the key is still in the environment block of the running tool";
+    EXPECT_EQ(r.status, 0) << r.err;  // and it was the key that made the key
+    EXPECT_NE(r.out.find("primary key of corvida.example.Player: 40 bytes"), std::string::npos) << r.out;
 }
 
 TEST_F(CliTest, CommandLineWinsOverFileWinsOverEnvironment) {

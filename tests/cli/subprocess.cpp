@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 namespace corvida_test {
 namespace {
@@ -47,60 +48,110 @@ struct Pipe {
     ::_exit(127);
 }
 
+// Ignores SIGPIPE while it lives: a child that stops reading must not kill
+// the test.
+class IgnoredSigpipe {
+public:
+    IgnoredSigpipe() {
+        struct sigaction ignore = {};
+        ignore.sa_handler = SIG_IGN;
+        ::sigaction(SIGPIPE, &ignore, &m_previous);
+    }
+    ~IgnoredSigpipe() { ::sigaction(SIGPIPE, &m_previous, nullptr); }
+    IgnoredSigpipe(const IgnoredSigpipe&) = delete;
+    IgnoredSigpipe& operator=(const IgnoredSigpipe&) = delete;
+
+private:
+    struct sigaction m_previous = {};
+};
+
 // Writes input to the child and reads both outputs until they end, without
-// blocking on either side.
-void Exchange(const std::string& input, Pipe& in, Pipe& out, Pipe& err, ProcessResult* result) {
+// blocking on either side; closes the three descriptors.
+void Exchange(const std::string& input, int* in, int* out, int* err, ProcessResult* result) {
+    const auto close_fd = [](int* fd) {
+        if (*fd >= 0) ::close(*fd);
+        *fd = -1;
+    };
     size_t written = 0;
-    if (input.empty()) in.Close(1);
+    if (input.empty()) close_fd(in);
     char buffer[1 << 16];
-    while (out.fd[0] >= 0 || err.fd[0] >= 0) {
-        pollfd fds[3] = {{out.fd[0], POLLIN, 0}, {err.fd[0], POLLIN, 0}, {in.fd[1], POLLOUT, 0}};
-        if (::poll(fds, 3, -1) < 0 && errno != EINTR) return;
+    while (*out >= 0 || *err >= 0) {
+        pollfd fds[3] = {{*out, POLLIN, 0}, {*err, POLLIN, 0}, {*in, POLLOUT, 0}};
+        if (::poll(fds, 3, -1) < 0 && errno != EINTR) break;
         for (int i = 0; i < 2; ++i) {
             if (fds[i].fd < 0 || fds[i].revents == 0) continue;
             const ssize_t n = ::read(fds[i].fd, buffer, sizeof(buffer));
             if (n > 0) {
                 (i == 0 ? result->out : result->err).append(buffer, static_cast<size_t>(n));
             } else {
-                (i == 0 ? out : err).Close(0);
+                close_fd(i == 0 ? out : err);
             }
         }
         if (fds[2].fd >= 0 && fds[2].revents != 0) {
-            const ssize_t n = ::write(in.fd[1], input.data() + written, input.size() - written);
+            const ssize_t n = ::write(*in, input.data() + written, input.size() - written);
             if (n > 0) written += static_cast<size_t>(n);
-            if (n <= 0 || written == input.size()) in.Close(1);
+            if (n <= 0 || written == input.size()) close_fd(in);
         }
     }
+    close_fd(in);
+    close_fd(out);
+    close_fd(err);
 }
 
 }  // namespace
 
-ProcessResult RunProcess(const std::vector<std::string>& argv, const ProcessOptions& options) {
-    ProcessResult result;
+bool ChildProcess::Start(const std::vector<std::string>& argv, const ProcessOptions& options) {
     Pipe in, out, err;
-    if (argv.empty() || !in.Open() || !out.Open() || !err.Open()) {
+    if (argv.empty() || m_pid >= 0 || !in.Open() || !out.Open() || !err.Open()) return false;
+    pid_t pid;
+    {
+        const IgnoredSigpipe ignored;  // the child starts with it ignored too
+        pid = ::fork();
+        if (pid == 0) ExecChild(argv, options, in, out, err);
+    }
+    if (pid < 0) return false;
+    m_pid = pid;
+    std::swap(m_in, in.fd[1]);
+    std::swap(m_out, out.fd[0]);
+    std::swap(m_err, err.fd[0]);
+    return true;
+}
+
+ProcessResult ChildProcess::Finish(const std::string& input) {
+    ProcessResult result;
+    if (m_pid < 0) {
         result.status = 127;
-        result.err = "cannot set up the child's pipes";
+        result.err = "no child was started";
         return result;
     }
-    // A child that stops reading must not kill the test with SIGPIPE.
-    struct sigaction ignore = {}, previous = {};
-    ignore.sa_handler = SIG_IGN;
-    ::sigaction(SIGPIPE, &ignore, &previous);
-    const pid_t pid = ::fork();
-    if (pid == 0) ExecChild(argv, options, in, out, err);
-    in.Close(0);
-    out.Close(1);
-    err.Close(1);
-    if (pid > 0) Exchange(options.input, in, out, err, &result);
-    ::sigaction(SIGPIPE, &previous, nullptr);
+    {
+        const IgnoredSigpipe ignored;
+        Exchange(input, &m_in, &m_out, &m_err, &result);
+    }
     int wait_status = 0;
-    if (pid < 0 || ::waitpid(pid, &wait_status, 0) != pid) {
+    const pid_t pid = m_pid;
+    m_pid = -1;
+    if (::waitpid(pid, &wait_status, 0) != pid) {
         result.status = 127;
         return result;
     }
     result.status = WIFEXITED(wait_status) ? WEXITSTATUS(wait_status) : 128 + WTERMSIG(wait_status);
     return result;
+}
+
+ChildProcess::~ChildProcess() {
+    if (m_pid >= 0) Finish("");
+}
+
+ProcessResult RunProcess(const std::vector<std::string>& argv, const ProcessOptions& options) {
+    ChildProcess child;
+    if (!child.Start(argv, options)) {
+        ProcessResult result;
+        result.status = 127;
+        result.err = "cannot set up the child's pipes";
+        return result;
+    }
+    return child.Finish(options.input);
 }
 
 }  // namespace corvida_test

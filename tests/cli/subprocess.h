@@ -27,6 +27,29 @@ struct ProcessOptions {
 // started gives status 127 and the reason in err.
 ProcessResult RunProcess(const std::vector<std::string>& argv, const ProcessOptions& options = {});
 
+// A child process that runs while the test looks at it (in /proc/PID/...):
+// started with Start(), which leaves its standard input open, and ended with
+// Finish(), which writes the input, closes it and waits. The destructor
+// finishes a child that Finish() has not. options.input is not used.
+class ChildProcess {
+public:
+    ChildProcess() = default;
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    // False when the child cannot be started.
+    bool Start(const std::vector<std::string>& argv, const ProcessOptions& options);
+    int pid() const { return m_pid; }
+    ProcessResult Finish(const std::string& input);
+
+private:
+    int m_pid = -1;
+    int m_in = -1;   // the write end of the child's standard input
+    int m_out = -1;  // the read ends of its outputs
+    int m_err = -1;
+};
+
 }  // namespace corvida_test
 
 #endif  // CORVIDA_TEST_CLI_SUBPROCESS_H_

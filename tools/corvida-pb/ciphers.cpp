@@ -4,7 +4,11 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <set>
+#include <utility>
+
+#include <openssl/crypto.h>
 
 #include "corvida-pb/cli.h"
 #include "corvida-pb/files.h"
@@ -20,11 +24,21 @@ const char kCipherEnvironmentVariable[] = "CORVIDA_PB_CIPHERS";
 namespace {
 
 constexpr char kBlanks[] = " \t\r\n\v\f";
+constexpr char kCipherOption[] = "--cipher";
+constexpr char kStandIn[] = "<hidden>";
 
-std::string Trimmed(const std::string& text) {
-    const size_t first = text.find_first_not_of(kBlanks);
-    if (first == std::string::npos) return "";
-    return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+// The values WithholdCipherValues() took, in command-line order.
+std::vector<SecretString>& Withheld() {
+    static std::vector<SecretString> values;
+    return values;
+}
+
+// Sets *out to text[begin, end) without the white space around it, making
+// no other copy: a temporary would be freed without being wiped.
+void AssignTrimmed(const std::string& text, size_t begin, size_t end, std::string* out) {
+    while (begin < end && std::strchr(kBlanks, text[begin]) != nullptr) ++begin;
+    while (end > begin && std::strchr(kBlanks, text[end - 1]) != nullptr) --end;
+    out->assign(text, begin, end - begin);
 }
 
 // One NAME=HEXKEY entry; where names it in messages ("--cipher",
@@ -50,7 +64,7 @@ void ParseEntry(const std::string& text, const std::string& where, bool usage, C
     if (eq == 0) Refuse(usage, where + " takes NAME=HEXKEY, but the value has no suite name before \"=\"");
     entry->where = where;
     entry->name = text.substr(0, eq);
-    entry->key.str() = Trimmed(text.substr(eq + 1));
+    AssignTrimmed(text, eq + 1, text.size(), &entry->key.str());
     RememberSecret(entry->key.str());
     if (entry->key.str().empty()) Refuse(usage, where + ": cipher suite \"" + entry->name + "\" has no key after \"=\"");
 }
@@ -101,7 +115,8 @@ std::vector<CipherEntry> FileEntries(const std::string& path, const CLI::App* ap
         size_t end = text.str().find('\n', start);
         if (end == std::string::npos) end = text.str().size();
         ++line_number;
-        SecretString line(Trimmed(text.str().substr(start, end - start)));
+        SecretString line;
+        AssignTrimmed(text.str(), start, end, &line.str());
         start = end + 1;
         if (line.str().empty() || line.str()[0] == '#') continue;
         entries.emplace_back();
@@ -110,17 +125,22 @@ std::vector<CipherEntry> FileEntries(const std::string& path, const CLI::App* ap
     return entries;
 }
 
+// The entries of the environment variable, which is then overwritten and
+// removed: nothing later in the process (or started by it) needs the keys.
 std::vector<CipherEntry> EnvironmentEntries() {
-    const char* value = std::getenv(kCipherEnvironmentVariable);
+    char* value = std::getenv(kCipherEnvironmentVariable);
     std::vector<CipherEntry> entries;
     if (value == nullptr) return entries;
     SecretString text(value);
+    OPENSSL_cleanse(value, std::strlen(value));
+    ::unsetenv(kCipherEnvironmentVariable);
     size_t index = 0;
     size_t start = 0;
     while (start <= text.str().size()) {
         size_t end = text.str().find(';', start);
         if (end == std::string::npos) end = text.str().size();
-        SecretString entry(Trimmed(text.str().substr(start, end - start)));
+        SecretString entry;
+        AssignTrimmed(text.str(), start, end, &entry.str());
         start = end + 1;
         if (entry.str().empty()) continue;
         entries.emplace_back();
@@ -160,14 +180,23 @@ void CipherOptions::Configure(CORVIDA_KV::CorvidaKVApi* api) {
     std::set<std::string> taken;
     {
         std::vector<CipherEntry> entries;
+        std::vector<SecretString>& withheld = Withheld();
+        size_t next_withheld = 0;
         for (std::string& cipher : m_ciphers) {
             SecretString value(std::move(cipher));
             WipeString(&cipher);
+            if (value.str() == kStandIn && next_withheld < withheld.size()) {
+                std::swap(value.str(), withheld[next_withheld++].str());
+            }
             const size_t eq = value.str().find('=');
-            if (eq != std::string::npos) RememberSecret(value.str().substr(eq + 1));
+            if (eq != std::string::npos) {
+                SecretString tail(value.str().substr(eq + 1));
+                RememberSecret(tail.str());
+            }
             entries.emplace_back();
             ParseEntry(value.str(), "--cipher", true, &entries.back());
         }
+        ForgetWithheldCipherValues();
         m_ciphers.clear();
         WipeResults(m_cipher_option);
         AddSuites(&entries, true, &taken, api);
@@ -179,6 +208,26 @@ void CipherOptions::Configure(CORVIDA_KV::CorvidaKVApi* api) {
     std::vector<CipherEntry> entries = EnvironmentEntries();
     AddSuites(&entries, false, &taken, api);
 }
+
+void WithholdCipherValues(std::vector<std::string>* words) {
+    const std::string option = kCipherOption;
+    const std::string joined = option + "=";
+    for (size_t i = 0; i < words->size(); ++i) {
+        std::string& word = (*words)[i];
+        if (word == "--") return;  // the rest is positional
+        if (word == option && i + 1 < words->size() && (*words)[i + 1].compare(0, 1, "-") != 0) {
+            std::string& value = (*words)[++i];
+            Withheld().emplace_back(std::move(value));
+            value = kStandIn;
+        } else if (word.compare(0, joined.size(), joined) == 0) {
+            Withheld().emplace_back(word.substr(joined.size()));
+            WipeString(&word);
+            word = joined + kStandIn;
+        }
+    }
+}
+
+void ForgetWithheldCipherValues() { Withheld().clear(); }
 
 std::string CipherOptions::Suggestion(const std::string& suite_name) {
     return "--cipher " + ShellWord(suite_name + "=HEXKEY") + ", or as that NAME=HEXKEY entry in --cipher-file or " +

@@ -15,7 +15,8 @@
 // their suite exactly).
 //
 // Key text is never printed, and every copy the tool makes of it is wiped
-// once the suites hold the keys.
+// once the suites hold the keys; the variable is overwritten and removed
+// from the environment once read.
 #ifndef CORVIDA_PB_CIPHERS_H_
 #define CORVIDA_PB_CIPHERS_H_
 
@@ -54,6 +55,19 @@ private:
     CLI::Option* m_cipher_option = nullptr;
     CLI::Option* m_file_option = nullptr;
 };
+
+// Takes the value of every --cipher out of words (the command line without
+// the program name, before CLI11 parses it) and puts the stand-in
+// "<hidden>" in its place; CipherOptions::Configure takes the values back,
+// in order. CLI11 copies every word it parses and frees the copies without
+// wiping them: so it never holds key text given with --cipher. The words
+// after "--" and values that start with "-" (which CLI11 does not take as
+// values) are left as they are.
+void WithholdCipherValues(std::vector<std::string>* words);
+
+// Wipes the withheld values that no Configure took (a command without
+// --cipher, or one that failed before).
+void ForgetWithheldCipherValues();
 
 // The lowercase hex MD5 of the raw key bytes of hex_key: the value of the
 // corvida_cipher_md5 option of tables encrypted with that key. Throws

@@ -9,6 +9,7 @@
 #include <new>
 #include <set>
 
+#include "corvida-pb/ciphers.h"
 #include "corvida-pb/cli_log.h"
 #include "corvida-pb/commands.h"
 #include "corvida-pb/files.h"
@@ -390,6 +391,7 @@ public:
             return RunHelp(std::vector<std::string>(words.begin() + 1, words.end()));
         }
         std::vector<std::string> args(words.rbegin(), words.rend());  // CLI11 takes them in reverse
+        const StringsWiper wiper(&args);
         try {
             m_root.parse(args);
         } catch (const CLI::CallForHelp&) {
@@ -456,15 +458,18 @@ private:
 
 }  // namespace
 
-int RunCommandLine(const std::vector<std::string>& words) {
-    RememberCommandLineSecrets(words);
+int RunCommandLine(std::vector<std::string>* words) {
     int status = kExitFailed;
     try {
+        RememberCommandLineSecrets(*words);
+        WithholdCipherValues(words);
         CommandLine command_line;
-        status = command_line.Run(words);
+        status = command_line.Run(*words);
     } catch (const std::exception& e) {
         std::cerr << kProgram << ": error: " << RedactSecrets(e.what()) << "\n";
     }
+    WipeStrings(words);
+    ForgetWithheldCipherValues();
     ForgetSecrets();
     return status;
 }

@@ -148,9 +148,10 @@ std::string CommandPath(const CLI::App* app);
 // Prints "<command path>: warning: <message>" on standard error.
 void PrintWarning(const CLI::App* app, const std::string& message);
 
-// Parses words (argv without the program name), runs the subcommand and
-// returns the exit status. Prints errors on standard error; never throws.
-int RunCommandLine(const std::vector<std::string>& words);
+// Parses *words (argv without the program name), runs the subcommand and
+// returns the exit status; *words is wiped by then, as it may hold key text.
+// Prints errors on standard error; never throws.
+int RunCommandLine(std::vector<std::string>* words);
 
 }  // namespace corvida_pb
 

@@ -36,6 +36,10 @@ void WipeString(std::string* s) {
     s->clear();
 }
 
+void WipeStrings(std::vector<std::string>* strings) {
+    for (std::string& s : *strings) WipeString(&s);
+}
+
 void RememberSecret(const std::string& text) {
     if (text.size() < kShortestSecret) return;
     std::vector<std::string>& secrets = Remembered();

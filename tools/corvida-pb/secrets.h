@@ -21,6 +21,22 @@ namespace corvida_pb {
 // Overwrites the characters of s with zeros, then empties it.
 void WipeString(std::string* s);
 
+// WipeString() for every string of strings.
+void WipeStrings(std::vector<std::string>* strings);
+
+// Wipes the strings of a vector when it goes out of scope, on every way out.
+class StringsWiper {
+public:
+    explicit StringsWiper(std::vector<std::string>* strings) : m_strings(strings) {}
+    ~StringsWiper() { WipeStrings(m_strings); }
+
+    StringsWiper(const StringsWiper&) = delete;
+    StringsWiper& operator=(const StringsWiper&) = delete;
+
+private:
+    std::vector<std::string>* m_strings;
+};
+
 // A string that wipes its characters when destroyed.
 class SecretString {
 public:
