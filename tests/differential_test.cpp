@@ -476,14 +476,12 @@ std::unique_ptr<Message> RandomMessage(const Message& prototype, Rng& rng) {
     return msg;
 }
 
-// Only generated classes have plans kept; the filler types are so many that
-// some find no room among them, and are planned on every call.
-static_assert(PROTOBUF_UTIL::internal::PlanCache<int>::kSlots < 300, "more filler types than kept plans");
-
-// Calls test(msg, n) for random messages of every filler type, twice over:
-// the first round keeps the plans of the types that find room, the second
+// Calls test(prototype, n) for every filler type, twice over, in a child
+// process: the filler types outnumber the plans the library keeps, so the
+// first round keeps the plans of the types that find room and the second
 // finds them kept or, for the others, still no room. Stops at the first
-// case for which test returns false. Only for generated types.
+// case for which test returns false. Only generated classes have plans
+// kept: other kinds skip it.
 template <typename Test>
 void ForEachFillerType(Kind kind, Test test) {
     if (kind != Kind::kGenerated) GTEST_SKIP() << "only generated classes have plans kept";
