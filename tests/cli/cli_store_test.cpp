@@ -4,6 +4,7 @@
 // another process holds.
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "cli_fixture.h"
@@ -56,6 +57,60 @@ protected:
 
     std::string m_db;
 };
+
+// Every store subcommand takes every form of a table name, and takes it as
+// the same table (the others are in cli_test.cpp).
+TEST_F(StoreCliTest, EveryFormOfATableName) {
+    int n = 0;
+    for (const char* name : {"Guild", "example.Guild", "corvida.example.Guild", ".corvida.example.Guild"}) {
+        const std::string db = m_tmp + "/guilds" + std::to_string(++n);
+        const auto run = [&db, name](const std::string& command, const std::vector<std::string>& args) {
+            std::vector<std::string> all = {"store", command, "--db", db, "--proto", kGame, "--table", name};
+            all.insert(all.end(), args.begin(), args.end());
+            return Pb(all);
+        };
+        const std::vector<std::pair<std::string, std::vector<std::string>>> steps = {
+            {"create", {}},
+            {"put", {"--text", "guild_id: 7 name: \"Owls\" member_count: 3"}},
+            {"update", {"--text", "guild_id: 7 member_count: 4", "--paths", "member_count"}},
+            {"get", {"--text", "guild_id: 7"}},
+            {"find", {"--index", "by_name", "--text", "name: \"Owls\""}},
+            {"scan", {"--shard-text", "guild_id: 7"}},
+            {"delete", {"--text", "guild_id: 7"}},
+        };
+        for (const auto& step : steps) {
+            const ProcessResult r = run(step.first, step.second);
+            EXPECT_EQ(r.status, 0) << "store " << step.first << " --table " << name << "\n" << r.err;
+            if (step.first == "get") {
+                EXPECT_EQ(r.out, "guild_id: 7\nname: \"Owls\"\nmember_count: 4\n") << name;
+            }
+            if (step.first == "create") {
+                EXPECT_EQ(r.out.rfind("created table corvida.example.Guild in ", 0), 0u) << r.out;
+            }
+        }
+    }
+}
+
+// store create --format json: {"table", "operation", "files", "bytes"},
+// the files and size of the blob that blob --table writes.
+TEST_F(StoreCliTest, CreateJson) {
+    const std::string db = m_tmp + "/json.db";
+    const ProcessResult r = Pb({"store", "create", "--db", db, "--proto", kGame, "--table", "Guild", "--format",
+                                "json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const Json json = ParseOne(r.out);
+    EXPECT_EQ(Keys(json), (std::vector<std::string>{"table", "operation", "files", "bytes"}));
+    EXPECT_EQ(json["table"], "corvida.example.Guild");
+    EXPECT_EQ(json["operation"], "create");
+    const ProcessResult blob =
+        Pb({"blob", "--proto", kGame, "--table", "Guild", "-o", m_tmp + "/guild.pb", "--format", "json"});
+    ASSERT_EQ(blob.status, 0) << blob.err;
+    const Json blob_json = ParseOne(blob.out);
+    EXPECT_EQ(json["files"], blob_json["files"]);
+    EXPECT_EQ(json["files"].back(), kGame);
+    EXPECT_TRUE(json["bytes"].is_number_unsigned());
+    EXPECT_EQ(json["bytes"], blob_json["bytes"]);
+}
 
 TEST_F(StoreCliTest, CreateTwiceFails) {
     const ProcessResult again = Store("create", {});

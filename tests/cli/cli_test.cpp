@@ -582,13 +582,35 @@ TEST_F(CliTest, ProtocListsAndMissingDirectories) {
         << r.err;
 }
 
+// Every subcommand that takes --table (the store's in cli_store_test.cpp)
+// takes every form of the name, and takes it as the same table.
 TEST_F(CliTest, EveryFormOfATableName) {
-    for (const char* command : {"key", "schema", "blob"}) {
+    const std::string blob = m_tmp + "/game.pb";
+    const std::string packed = m_tmp + "/guild.pvs";
+    ASSERT_EQ(Pb({"blob", "--proto", kGame, "-o", blob}).status, 0);
+    ASSERT_EQ(Pb({"cut", "--proto", kGame, "--table", "Guild", "--text", "guild_id: 1 name: \"Owls\"", "--paths",
+                  "name", "--packed", packed})
+                  .status,
+              0);
+    const std::vector<std::vector<std::string>> commands = {
+        {"key", "--proto", kGame, "--text", "guild_id: 1"},
+        {"schema", "--proto", kGame},
+        {"schema", "--schema", blob},
+        {"blob", "--proto", kGame, "-o", m_tmp + "/one.pb"},
+        {"cut", "--proto", kGame, "--text", "guild_id: 1 name: \"Owls\"", "--paths", "name"},
+        {"merge", "--proto", kGame, "--packed", packed},
+        {"compare", "--schema", blob, "--proto", kGame},
+        {"compare", "--schema", blob, "--descriptor-set", blob},
+    };
+    for (const std::vector<std::string>& command : commands) {
+        std::string first_out;
         for (const char* name : {"Guild", "example.Guild", "corvida.example.Guild", ".corvida.example.Guild"}) {
-            std::vector<std::string> args = {command, "--proto", kGame, "--table", name};
-            if (std::string(command) == "blob") args.insert(args.end(), {"-o", m_tmp + "/one.pb"});
-            if (std::string(command) == "key") args.insert(args.end(), {"--text", "guild_id: 1"});
-            EXPECT_EQ(Pb(args).status, 0) << command << " " << name;
+            std::vector<std::string> args = command;
+            args.insert(args.end(), {"--table", name});
+            const ProcessResult r = Pb(args);
+            EXPECT_EQ(r.status, 0) << command[0] << " " << command[1] << " --table " << name << "\n" << r.err;
+            if (first_out.empty()) first_out = r.out;
+            EXPECT_EQ(r.out, first_out) << command[0] << " " << command[1] << " --table " << name;
         }
     }
 }
