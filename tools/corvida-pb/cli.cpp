@@ -324,7 +324,11 @@ CLI::App* SelectedApp(CLI::App* root) {
 }
 
 // Throws UsageError unless exactly one option of each of the command's
-// one-of groups is given (CLI11's excludes() already refuses two).
+// one-of groups is given (CLI11's excludes() already refuses two). CLI11's
+// own way, an option group with require_option(1), moves the options out of
+// the command into the group: the help would list them apart from the
+// command's other options and out of their order, and the usage line could
+// no longer show "(a | b)" where they stand.
 void CheckOneOf(const Command& command) {
     for (const std::vector<CLI::Option*>& group : command.one_of()) {
         std::string names;

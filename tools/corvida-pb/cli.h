@@ -140,6 +140,9 @@ private:
 CLI::Validator CommaList(const std::string& what);
 
 // The items of a list that CommaList() accepted, each trimmed of white space.
+// (CLI11's delimiter(',') would drop empty items without a word, and its
+// conversion of a list of numbers reports a bad item as "not in range
+// 0.000000 to 1.79e308".)
 std::vector<std::string> SplitCommaList(const std::string& text);
 
 // "corvida-pb store get" for the app of that subcommand.
