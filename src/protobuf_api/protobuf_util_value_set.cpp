@@ -739,26 +739,8 @@ public:
             group.used = 0;
             group.frame = nullptr;
         }
-        const size_t head = frame == nullptr || frame == group.frame ? 0 : frame->frame_key_size + kFrameLengthBytes;
-        if (group.used + head + static_cast<size_t>(size) > sizeof(group.bytes)) Merge(group);
-        char* to = group.bytes + group.used;
-        if (frame != group.frame) {
-            CloseFrame(group);
-            if (frame != nullptr) {
-                std::memcpy(to, frame->frame_key, sizeof(frame->frame_key));
-                to += frame->frame_key_size;
-                group.frame = frame;
-                group.frame_at = static_cast<size_t>(to - group.bytes);
-                to += kFrameLengthBytes;
-                m_framed = true;
-            }
-        }
-        if (size <= 16) {
-            internal::CopySmall(reinterpret_cast<uint8_t*>(to), reinterpret_cast<const uint8_t*>(bytes), size);
-        } else {
-            std::memcpy(to, bytes, static_cast<size_t>(size));
-        }
-        group.used = static_cast<size_t>(to - group.bytes) + static_cast<size_t>(size);
+        if (Room(group, size, frame) < 0) Merge(group);
+        Append(group, bytes, size, frame);
     }
 
     // Add, for the records of one message (and its framed sub-messages) in a
@@ -771,15 +753,9 @@ public:
             group.used = 0;
             group.frame = nullptr;
         }
-        if (m_count == 1 && group.msg == holder && group.frame == frame &&
-            group.used + static_cast<size_t>(size) <= sizeof(group.bytes)) {
-            char* to = group.bytes + group.used;
-            if (size <= 16) {
-                internal::CopySmall(reinterpret_cast<uint8_t*>(to), reinterpret_cast<const uint8_t*>(bytes), size);
-            } else {
-                std::memcpy(to, bytes, static_cast<size_t>(size));
-            }
-            group.used += static_cast<size_t>(size);
+        // Add would neither merge what waits first nor find another group.
+        if (m_count == 1 && group.msg == holder && Room(group, size, frame) >= 0) {
+            Append(group, bytes, size, frame);
             return;
         }
         Add(holder, bytes, size, frame);
@@ -805,6 +781,38 @@ private:
         // A record of kGroupedValueBytes fits with its key and a frame's head.
         char bytes[1048];
     };
+
+    // The bytes left in group after a record of `size` bytes in `frame`
+    // (with the frame's head when it is not the one open); negative when the
+    // record does not fit.
+    static int64_t Room(const Holder& group, int size, const FieldEntry* frame) {
+        const size_t head = frame == nullptr || frame == group.frame ? 0 : frame->frame_key_size + kFrameLengthBytes;
+        return static_cast<int64_t>(sizeof(group.bytes)) - static_cast<int64_t>(group.used + head) - size;
+    }
+
+    // Appends a record that fits (Room) to group, in `frame`: the open frame
+    // is closed when the record is in another frame or in none, and the
+    // record's frame opened.
+    void Append(Holder& group, const char* bytes, int size, const FieldEntry* frame) {
+        char* to = group.bytes + group.used;
+        if (frame != group.frame) {
+            CloseFrame(group);
+            if (frame != nullptr) {
+                std::memcpy(to, frame->frame_key, sizeof(frame->frame_key));
+                to += frame->frame_key_size;
+                group.frame = frame;
+                group.frame_at = static_cast<size_t>(to - group.bytes);
+                to += kFrameLengthBytes;
+                m_framed = true;
+            }
+        }
+        if (size <= 16) {
+            internal::CopySmall(reinterpret_cast<uint8_t*>(to), reinterpret_cast<const uint8_t*>(bytes), size);
+        } else {
+            std::memcpy(to, bytes, static_cast<size_t>(size));
+        }
+        group.used = static_cast<size_t>(to - group.bytes) + static_cast<size_t>(size);
+    }
 
     // Writes the length of the frame the last records are in, if any.
     static void CloseFrame(Holder& group) {
