@@ -2,6 +2,8 @@
 // it: every subcommand on the example Player table, JSON records, exit
 // statuses (3 for a missing record and an incompatible client), a store that
 // another process holds.
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <utility>
@@ -224,6 +226,32 @@ TEST_F(StoreCliTest, IncompatibleClientIsRefusedWithTheComparisonsCode) {
     EXPECT_EQ(answer["code"], -10);
     // Nothing was written: alice reads as she was put.
     EXPECT_NE(Store("get", {"--text", kAlice}).out.find("level: 42"), std::string::npos);
+}
+
+// A client that renumbers an index field passes the comparison (it looks
+// fields up by name) but could not keep the index: the store's reason is
+// the explanation.
+TEST_F(StoreCliTest, ClientWithoutAnIndexFieldsNumberIsIncompatible) {
+    PutTwoPlayers();
+    std::ifstream game(std::string(CORVIDA_PB_SOURCE_DIR) + "/" + kGame);
+    std::string text((std::istreambuf_iterator<char>(game)), std::istreambuf_iterator<char>());
+    const size_t at = text.find("int32 level = 4;");
+    ASSERT_NE(at, std::string::npos);
+    text.replace(at, 16, "int32 level = 40;");
+    const std::string renumbered = WriteTmp("renumbered.proto", text);
+    const ProcessResult r = Store("get", {"--text", kAlice}, renumbered);
+    EXPECT_EQ(r.status, 3) << r.err;
+    EXPECT_EQ(r.out,
+              "incompatible (result 0): table Player: index by_level: field 4 is missing in the client's type "
+              "corvida.example.Player\n");
+}
+
+TEST_F(StoreCliTest, ScanLimitMustBeACount) {
+    for (const char* limit : {"-1", "99999999999999999999999", "x"}) {
+        const ProcessResult r = Store("scan", {"--limit", limit});
+        EXPECT_EQ(r.status, 2) << limit;
+        EXPECT_EQ(r.out, "") << limit;
+    }
 }
 
 TEST_F(StoreCliTest, WrongCipherKeyIsRefusedAndNothingIsWritten) {
