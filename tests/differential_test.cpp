@@ -1602,6 +1602,44 @@ TEST_P(MergeDifferential, RunsOverNestedMessagesAndOneofs) {
     }
 }
 
+// Every order of up to four records among: a sub-message written whole,
+// fields inside it at two depths (one under a path with a trailing dot,
+// which is read another way), a field beside it and an empty record. A
+// later record of a field wins over an earlier one, and a whole sub-message
+// over everything merged under it before, whichever records wait together.
+TEST_P(MergeDifferential, EveryOrderOfRecordsInAndAroundASubMessage) {
+    Types types(GetParam());
+    const std::vector<Record> kinds = {
+        {"5", std::string("\x2a\x06\x08\x07\x10\x08\x1a\x00", 8)},  // stats { hp: 7 mp: 8 deep {} }
+        {"5.1", "\x08\x05"},                                           // stats.hp: 5
+        {"5.1.", "\x08\x01"},                                          // stats.hp: 1, a path read the long way
+        {"5.2", "\x10\x09"},                                           // stats.mp: 9
+        {"5.2", ""},                                                    // stats.mp absent
+        {"5.3", "\x1a\x05\x08\x01\x1a\x01t"},                         // stats.deep { v: 1 text: "t" }
+        {"5.3.1", "\x08\x02"},                                         // stats.deep.v: 2
+        {"4", "\x20\x03"},                                             // level: 3
+    };
+    int n = 0;
+    for (const char* table : {"corvida.test.Player2", "corvida.test3.Player3"}) {
+        const Message* prototype = types.Named(table);
+        ASSERT_NE(prototype, nullptr);
+        // Orders of length 1 to 4, counted in base kinds.size().
+        for (size_t length = 1; length <= 4; ++length) {
+            size_t total = 1;
+            for (size_t i = 0; i < length; ++i) total *= kinds.size();
+            for (size_t code = 0; code < total; ++code) {
+                std::vector<Record> records;
+                for (size_t i = 0, rest = code; i < length; ++i, rest /= kinds.size()) {
+                    records.push_back(kinds[rest % kinds.size()]);
+                }
+                std::unique_ptr<Message> target =
+                    code % 2 == 0 ? RandomMessage(*prototype, m_rng) : std::unique_ptr<Message>(prototype->New());
+                if (!Case(*target, records, RandomLogSetup(m_rng), n++, false)) return;
+            }
+        }
+    }
+}
+
 // The bytes of one record of `size` bytes for field `number` (a key of one
 // byte): a length-delimited value whose payload fills the rest, of the kind
 // `kind` names: 'b' bytes, 's' ASCII text, 'm' a message whose field 3 is
@@ -1642,16 +1680,16 @@ std::string RecordOfSize(int number, char kind, size_t size) {
 // version 1, small fields of each encoding. Each offset takes one record in
 // turn; CORVIDA_DIFFERENTIAL_ROUNDS runs more of them at each offset.
 TEST_P(MergeDifferential, RecordsEndingAroundTheEndOfTheValueBuffer) {
-    struct Spec {
+    struct Shape {
         const char* path;
         int number;  // of a record RecordOfSize makes; 0: `bytes` below
         char kind;
         const char* bytes;
         size_t size;
     };
-    const Spec kLong[] = {{"10", 10, 'b', nullptr, 0}, {"3", 3, 's', nullptr, 0},
+    const Shape kLong[] = {{"10", 10, 'b', nullptr, 0}, {"3", 3, 's', nullptr, 0},
                           {"6", 6, 'm', nullptr, 0},  {"12", 12, 'p', nullptr, 0}};
-    const Spec kSmall[] = {{"4", 0, 0, "\x20\xac\x02", 3},
+    const Shape kSmall[] = {{"4", 0, 0, "\x20\xac\x02", 3},
                            {"14", 0, 0, "\x71\x01\x02\x03\x04\x05\x06\x07\x08", 9},
                            {"13", 0, 0, "\x69\x00\x00\x00\x00\x00\x00\xf8\x3f", 9},
                            {"15", 0, 0, "\x78\x03", 2},
@@ -1672,9 +1710,9 @@ TEST_P(MergeDifferential, RecordsEndingAroundTheEndOfTheValueBuffer) {
                 const size_t pick = static_cast<size_t>(offset + kAround + round);
                 // Version 1 takes a small record every other offset.
                 const bool small = version == 1 && pick % 2 == 1;
-                const Spec& spec = small ? kSmall[pick / 2 % smalls] : kLong[pick % longs];
-                const std::string record = spec.bytes != nullptr ? std::string(spec.bytes, spec.size)
-                                                                 : RecordOfSize(spec.number, spec.kind, own + offset);
+                const Shape& shape = small ? kSmall[pick / 2 % smalls] : kLong[pick % longs];
+                const std::string record = shape.bytes != nullptr ? std::string(shape.bytes, shape.size)
+                                                                 : RecordOfSize(shape.number, shape.kind, own + offset);
                 // The record's region ends at the end of the buffer.
                 const int region = static_cast<int>(record.size()) - offset;
                 if (region < 1) continue;  // nothing of it would fit: a region has a byte at least
@@ -1682,7 +1720,7 @@ TEST_P(MergeDifferential, RecordsEndingAroundTheEndOfTheValueBuffer) {
                 ASSERT_EQ(builder.ResetFieldNum(), 0);
                 if (version == 1) {
                     // The filler takes what the record's region must not.
-                    PbValueSetBuffer::Field probe{-1, spec.path, nullptr, 0, -1};
+                    PbValueSetBuffer::Field probe{-1, shape.path, nullptr, 0, -1};
                     PbValueSetBuffer::Field filler{-1, "1", nullptr, 0, -1};
                     ASSERT_EQ(builder.InsertCutField(filler), 0);
                     ASSERT_EQ(builder.FinishCutField(filler.idx, 0), 0);
@@ -1692,7 +1730,7 @@ TEST_P(MergeDifferential, RecordsEndingAroundTheEndOfTheValueBuffer) {
                     ASSERT_EQ(builder.InsertCutField(filler), 0);
                     ASSERT_EQ(builder.FinishCutField(filler.idx, room - region), 0);
                 }
-                PbValueSetBuffer::Field field{-1, spec.path, nullptr, 0, -1};
+                PbValueSetBuffer::Field field{-1, shape.path, nullptr, 0, -1};
                 ASSERT_EQ(builder.InsertCutField(field), 0);
                 ASSERT_EQ(field.buf_len, region) << "version " << version << " offset " << offset;
                 const int kept = std::min(region, static_cast<int>(record.size()));
@@ -1713,7 +1751,7 @@ TEST_P(MergeDifferential, RecordsEndingAroundTheEndOfTheValueBuffer) {
                 std::unique_ptr<Message> target =
                     pick % 5 < 2 ? RandomMessage(*prototype, m_rng) : std::unique_ptr<Message>(prototype->New());
                 const std::string described = "\n  version " + std::to_string(version) + ", offset " +
-                                              std::to_string(offset) + " [" + spec.path + "] " +
+                                              std::to_string(offset) + " [" + shape.path + "] " +
                                               std::to_string(kept) + " of " + std::to_string(record.size()) +
                                               " bytes: " + Hex(record.substr(0, 40));
                 // Without debug lines now and then, which merges take a shorter way.
