@@ -1359,7 +1359,8 @@ std::string RecordBytes(const Message& top, const FieldDescriptor* field, Rng& r
         case 2: return bytes + std::string(1 + Pick(rng, 4), static_cast<char>(rng()));    // trailing junk
         case 3: return Varint(key ^ 1) + bytes.substr(std::min<size_t>(bytes.size(), 1));  // another wire type
         case 4:
-            return Varint(((field->number() + 1) << 3) | (key & 7)) + bytes.substr(std::min<size_t>(bytes.size(), 1));
+            return Varint((static_cast<uint64_t>(field->number()) + 1) << 3 | (key & 7)) +
+                   bytes.substr(std::min<size_t>(bytes.size(), 1));
         case 5: return std::string(1, '\0') + bytes;  // a key of 0 before the value
         case 6: {
             std::string random(Pick(rng, 12), '\0');
@@ -1375,8 +1376,10 @@ std::string RecordBytes(const Message& top, const FieldDescriptor* field, Rng& r
         case 8:
             if (field->type() == FieldDescriptor::TYPE_ENUM) return Varint(key) + Varint(12345 + Pick(rng, 3));
             return bytes;
-        case 9: return Varint(key) + std::string(11, '\xff');                         // overlong varint
-        case 10: return Varint((field->number() << 3) | 2) + "\xff\xff\xff\xff\x0f";  // length beyond the bytes
+        case 9: return Varint(key) + std::string(11, '\xff');  // overlong varint
+        case 10:
+            return Varint(static_cast<uint64_t>(field->number()) << 3 | 2) +
+                   "\xff\xff\xff\xff\x0f";  // length beyond the bytes
         case 11: return std::string();
         case 12: return Varint(key) + Varint(uint64_t{1} << (7 * Pick(rng, 10)));  // wide varints
         case 13: return Varint(key) + std::string("\x80\x80\x80\x80\x80\x80\x80\x80\x80\x01", 1 + Pick(rng, 10));
