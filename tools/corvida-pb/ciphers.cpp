@@ -16,6 +16,7 @@
 #include "corvida-pb/status.h"
 #include "corvida-pb/wire_view.h"
 #include "protobuf_api/aes_siv_cipher_suite.h"
+#include "protobuf_api/protobuf_util.h"
 
 namespace corvida_pb {
 
@@ -23,7 +24,6 @@ const char kCipherEnvironmentVariable[] = "CORVIDA_PB_CIPHERS";
 
 namespace {
 
-constexpr char kBlanks[] = " \t\r\n\v\f";
 constexpr char kCipherOption[] = "--cipher";
 constexpr char kStandIn[] = "<hidden>";
 
@@ -34,10 +34,12 @@ std::vector<SecretString>& Withheld() {
 }
 
 // Sets *out to text[begin, end) without the white space around it, making
-// no other copy: a temporary would be freed without being wiped.
+// no other copy: a temporary would be freed without being wiped, and
+// PROTOBUF_UTIL::trim, which shifts the text within its buffer, would leave
+// a copy of its end behind the string's new end.
 void AssignTrimmed(const std::string& text, size_t begin, size_t end, std::string* out) {
-    while (begin < end && std::strchr(kBlanks, text[begin]) != nullptr) ++begin;
-    while (end > begin && std::strchr(kBlanks, text[end - 1]) != nullptr) --end;
+    while (begin < end && PROTOBUF_UTIL::isWhitespace(text[begin])) ++begin;
+    while (end > begin && PROTOBUF_UTIL::isWhitespace(text[end - 1])) --end;
     out->assign(text, begin, end - begin);
 }
 

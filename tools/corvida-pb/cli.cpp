@@ -16,6 +16,7 @@
 #include "corvida-pb/secrets.h"
 #include "corvida-pb/status.h"
 #include "corvida-pb/version.h"
+#include "protobuf_api/protobuf_util.h"
 
 namespace corvida_pb {
 
@@ -141,22 +142,12 @@ std::string CommandPath(const CLI::App* app) {
     return path.empty() ? kProgram : std::string(kProgram) + " " + path;
 }
 
-namespace {
-
-constexpr char kBlanks[] = " \t\r\n\v\f";
-
-std::string Trimmed(const std::string& text) {
-    const size_t first = text.find_first_not_of(kBlanks);
-    return first == std::string::npos ? "" : text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
-}
-
-}  // namespace
-
 std::vector<std::string> SplitCommaList(const std::string& text) {
     std::vector<std::string> items;
     for (size_t start = 0;;) {
         const size_t comma = std::min(text.find(',', start), text.size());
-        items.push_back(Trimmed(text.substr(start, comma - start)));
+        items.push_back(text.substr(start, comma - start));
+        PROTOBUF_UTIL::trim(items.back());
         if (comma == text.size()) return items;
         start = comma + 1;
     }
@@ -165,8 +156,9 @@ std::vector<std::string> SplitCommaList(const std::string& text) {
 CLI::Validator CommaList(const std::string& what) {
     return CLI::Validator(
         [what](std::string& text) -> std::string {
-            if (Trimmed(text).empty()) return "needs at least one " + what;
-            for (const std::string& item : SplitCommaList(text)) {
+            const std::vector<std::string> items = SplitCommaList(text);
+            if (items.size() == 1 && items[0].empty()) return "needs at least one " + what;
+            for (const std::string& item : items) {
                 if (item.empty()) {
                     return "an empty " + what + " in \"" + text + "\" (two commas in a row, or one at either end)";
                 }

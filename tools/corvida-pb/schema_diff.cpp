@@ -347,26 +347,35 @@ private:
     // lists: "a.Outer.Sub" against "a.Outer2.Sub" once "a.Outer" against
     // "a.Outer2" is listed, "p.Inner" against "q.Inner" once "p.Outer"
     // against "q.Outer" is.
-    bool RenameListed(std::string svr, std::string client) const {
-        while (LastName(svr) == LastName(client) && svr.find('.') != std::string::npos &&
-               client.find('.') != std::string::npos) {
-            svr.erase(svr.rfind('.'));
-            client.erase(client.rfind('.'));
-            if (m_renames.count(std::make_pair(svr, client)) != 0) return true;
-        }
-        return false;
+    bool RenameListed(const std::string& svr, const std::string& client) const {
+        return ForEachEnclosingScope(svr, client, [this](const std::pair<std::string, std::string>& scopes) {
+            return m_renames.count(scopes) != 0;
+        });
     }
 
     // Records that a line lists the rename of svr to client, and so the
     // rename of the scopes in which alone they differ.
-    void ListRename(std::string svr, std::string client) {
+    void ListRename(const std::string& svr, const std::string& client) {
         m_renames.insert(std::make_pair(svr, client));
+        ForEachEnclosingScope(svr, client, [this](const std::pair<std::string, std::string>& scopes) {
+            m_renames.insert(scopes);
+            return false;
+        });
+    }
+
+    // Calls visit with the enclosing scopes of svr and client, innermost
+    // first, while the names they enclose agree ("a.Outer" and "a.Outer2"
+    // for "a.Outer.Sub" and "a.Outer2.Sub"); stops when visit returns true,
+    // and returns whether it did.
+    template <typename Visit>
+    static bool ForEachEnclosingScope(std::string svr, std::string client, Visit visit) {
         while (LastName(svr) == LastName(client) && svr.find('.') != std::string::npos &&
                client.find('.') != std::string::npos) {
             svr.erase(svr.rfind('.'));
             client.erase(client.rfind('.'));
-            m_renames.insert(std::make_pair(svr, client));
+            if (visit(std::make_pair(svr, client))) return true;
         }
+        return false;
     }
 
     static std::string LastName(const std::string& full_name) {
