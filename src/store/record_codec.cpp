@@ -106,6 +106,11 @@ void MergeStoredFields(const std::vector<StoredField>& fields, Message* msg, std
     }
 }
 
+bool IsEncryptedKeyField(const FieldDescriptor* field) {
+    return field->cpp_type() == FieldDescriptor::CPPTYPE_STRING && !field->is_repeated() &&
+           field->options().GetExtension(corvidaservice::corvida_crypto);
+}
+
 void SerializeRepeatedField(const Message& msg, const FieldDescriptor* field, std::string* out) {
     google::protobuf::io::StringOutputStream stream(out);
     google::protobuf::io::CodedOutputStream output(&stream);
@@ -126,9 +131,7 @@ bool ParsePrimaryKey(std::string_view pk, CORVIDA_KV::CorvidaKVApi* kv, Message*
             *why = "the primary key holds bytes that are no field of " + desc->full_name();
             return false;
         }
-        const bool encrypted = field->options().GetExtension(corvidaservice::corvida_crypto) &&
-                               field->cpp_type() == FieldDescriptor::CPPTYPE_STRING && !field->is_repeated();
-        if (!encrypted) {
+        if (!IsEncryptedKeyField(field)) {
             if (!WireFormat::ParseAndMergeField(tag, field, msg, &input)) {
                 *why = "key field " + field->name() + " does not parse";
                 return false;

@@ -44,6 +44,11 @@ void MergeStoredFields(const std::vector<StoredField>& fields, google::protobuf:
 void SerializeRepeatedField(const google::protobuf::Message& msg, const google::protobuf::FieldDescriptor* field,
                             std::string* out);
 
+// True for a singular string or bytes field marked corvida_crypto: the key
+// encoders write the ciphertext of its value (of the empty value when it is
+// not set) in place of the value.
+bool IsEncryptedKeyField(const google::protobuf::FieldDescriptor* field);
+
 // Parses primary key bytes (the output of ExtractMsgKey) into msg's key
 // fields. Encrypted key fields are decrypted with the table's cipher suite
 // from kv, so the plain value comes back. Returns false, with *why set and

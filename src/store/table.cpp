@@ -134,9 +134,7 @@ void KeepOnly(Message* msg, const std::vector<const std::vector<int>*>& paths, s
 bool AddsNoKeyBytes(const Message& msg, const FieldDescriptor* field) {
     const google::protobuf::Reflection* reflection = msg.GetReflection();
     if (field->is_repeated()) return reflection->FieldSize(msg, field) == 0;
-    const bool encrypted = field->cpp_type() == FieldDescriptor::CPPTYPE_STRING &&
-                           field->options().GetExtension(corvidaservice::corvida_crypto);
-    return !encrypted && field->file()->syntax() != google::protobuf::FileDescriptor::SYNTAX_PROTO3 &&
+    return !IsEncryptedKeyField(field) && field->file()->syntax() != google::protobuf::FileDescriptor::SYNTAX_PROTO3 &&
            !reflection->HasField(msg, field);
 }
 
