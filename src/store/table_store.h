@@ -46,17 +46,43 @@
 namespace corvida {
 namespace store {
 
+// How to reach the members of an etcd cluster over TLS. TLS is on when any
+// of the three is set; the members are verified against ca_file (or the
+// system's certificate authorities when it is empty), and the client shows
+// cert_file and key_file when the cluster asks for a client certificate.
+struct EtcdTlsOptions {
+    std::string ca_file;    // PEM certificates of the authorities that sign the members'
+    std::string cert_file;  // PEM certificate of the client
+    std::string key_file;   // PEM private key of the client
+};
+
 struct StoreOptions {
-    // Create the store when the directory does not exist or is empty.
-    // Otherwise a missing store is kNotFound.
+    // Create the store when the directory does not exist or is empty (or the
+    // etcd namespace holds nothing). Otherwise a missing store is kNotFound.
     bool create_if_missing = false;
 
     // Flush the write-ahead log to the disk before a write returns, so that
     // an acknowledged write survives a crash of the machine, not only of the
     // process. Off: a write survives a crash of the process (the log is in
     // the operating system's hands) and costs far less; docs/store.md has the
-    // figures.
+    // figures. On etcd every write is durable on a quorum of members.
     bool sync = false;
+
+    // Open for reading only: nothing is written, no lock is taken, so a
+    // reader works beside a process that writes, and on read-only media.
+    // Writes are refused with kNotSupported.
+    bool read_only = false;
+
+    // How long to wait for a store that another process holds for writing
+    // before answering kBusy (RocksDB; seconds, 0: answer at once).
+    double wait_seconds = 0;
+
+    // The deadline of each call to an etcd cluster, in seconds: a cluster
+    // that cannot answer in time (no quorum, no member reachable) gives an
+    // error instead of a hang.
+    double timeout_seconds = 5;
+
+    EtcdTlsOptions etcd_tls;
 
     // Where the bridge's own log lines go (priorities as the bridge logs
     // them). Null: nowhere. The category must outlive the store and may be
