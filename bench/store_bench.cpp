@@ -29,10 +29,13 @@
 
 #include "bench_support.h"
 #include "bench_tables.pb.h"
+#include "store/key_format.h"
 #include "store/table_store.h"
 
 namespace corvida_bench {
 namespace {
+
+namespace keys = corvida::store::keys;
 
 using corvida::bench::BenchRecord;
 using corvida::store::Record;
@@ -137,25 +140,29 @@ private:
         std::unique_ptr<rocksdb::DB> source(db);
         if (!rocksdb::DB::Open(options, raw_dir, &db).ok()) return false;
         m_raw.reset(db);
-        std::map<std::string, std::string> index_entries;  // primary key -> entry key
+        std::map<std::string, std::string> index_entries;   // primary key -> entry key
+        std::map<std::string, std::string> index_prefixes;  // primary key -> the prefix of its index value
         std::map<std::string, RawRow> rows;                 // primary key -> row
         std::unique_ptr<rocksdb::Iterator> it(source->NewIterator(rocksdb::ReadOptions()));
         rocksdb::WriteBatch batch;
         for (it->SeekToFirst(); it->Valid(); it->Next()) {
             const std::string key = it->key().ToString();
             batch.Put(key, it->value());
-            if (key[0] == 'R') {
-                const size_t n = (static_cast<uint8_t>(key[5]) << 8) | static_cast<uint8_t>(key[6]);
-                RawRow& row = rows[key.substr(7, n)];
-                if (key.size() == 7 + n) row.row_key = key;
+            std::string pk;
+            std::string_view tag;
+            if (key[0] == 'R' && keys::SplitRowKey(std::string_view(key).substr(5), &pk, &tag)) {
+                RawRow& row = rows[pk];
+                if (tag.empty()) row.row_key = key;
                 row.kv.emplace_back(key, it->value().ToString());
-                const std::string tag = key.substr(7 + n);
                 if (tag == "7" || tag == "8") row.update.emplace_back(key, it->value().ToString());
             } else if (key[0] == 'I') {
-                const size_t name = static_cast<uint8_t>(key[5]);
-                const size_t at = 6 + name;
-                const size_t n = (static_cast<uint8_t>(key[at]) << 8) | static_cast<uint8_t>(key[at + 1]);
-                index_entries[key.substr(at + 2 + n)] = key;
+                std::string_view rest = std::string_view(key).substr(5);
+                std::string name;
+                std::string value;
+                if (keys::ReadEscaped(&rest, &name) && keys::SplitSecondaryKey(rest, &value, &pk)) {
+                    index_entries[pk] = key;
+                    index_prefixes[pk] = keys::SecondaryPrefix('I', keys::ReadU32(key.substr(1, 4)), name, value);
+                }
             }
         }
         // Into a table file, as the store's own records are once it reopens.
@@ -171,7 +178,7 @@ private:
             const std::string pk = key.SerializeAsString();  // the key fields in number order, as ExtractMsgKey
             RawRow row = rows[pk];
             row.index_entry = index_entries[pk];
-            row.index_prefix = row.index_entry.substr(0, row.index_entry.size() - pk.size());
+            row.index_prefix = index_prefixes[pk];
             if (row.row_key.empty() || row.index_entry.empty() || row.update.size() != 2) return false;
             m_rows.push_back(row);
         }

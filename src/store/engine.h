@@ -103,6 +103,10 @@ public:
     // namespace, as given when it was opened.
     virtual const std::string& locator() const = 0;
 
+    // What the locator names, for messages: "RocksDB database", "etcd
+    // namespace".
+    virtual const char* kind() const = 0;
+
     // True when the engine was opened for reading only: Commit refuses.
     virtual bool read_only() const = 0;
 

@@ -25,12 +25,22 @@
 //     in that index. Writes move entries.
 //   - Records are grouped by their sharding-key fields (ExtractFieldKey of
 //     them): Scan with a shard lists the records of one shard.
-//   - A write of a record and of its index entries is one atomic RocksDB
-//     write. Writes of one record are serialized by a per-record lock.
+//   - A write of a record and of its index and shard entries is one atomic
+//     commit of the store's engine, made only if the record has not changed
+//     since the write read it; otherwise the write reads again (writers of
+//     one record, in any thread or process, are serialized this way).
 //
 // Records read by FindByIndex and Scan are created with prototype.New(), and
 // their key fields are parsed back from the stored primary key, encrypted
 // fields decrypted with the table's suite.
+//
+// Reads in pages: Scan, FindByIndex and their streaming forms take a Page
+// (at most `limit` records, after the cursor `after`) and hand back the
+// cursor of the last record returned when the limit cut the read short. A
+// cursor is opaque text, valid in any process for the same table and the
+// same read (the same shard or index value); a read resumed from it returns
+// the records after that record in primary-key byte order, as the store
+// holds them when the page is read.
 //
 // Every method may be called from many threads at once. Messages passed in
 // are not changed, but their cached sizes are recomputed: do not pass one
@@ -39,6 +49,8 @@
 #define CORVIDA_STORE_TABLE_H_
 
 #include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -58,70 +70,96 @@ struct Record {
     std::set<std::string> failed_paths;                  // tag paths that did not merge
 };
 
+// Which part of a read to return.
+struct Page {
+    size_t limit = 0;   // at most this many records; 0: all
+    std::string after;  // a cursor handed back by an earlier read: start after its record; empty: from the start
+};
+
+// Called with each record of a streaming read, in order; the record may be
+// moved from. Returning false stops the read (no cursor is handed back then).
+using RecordVisitor = std::function<bool(Record& record)>;
+
 class Table {
 public:
-    ~Table();
+    virtual ~Table() = default;
 
     Table(const Table&) = delete;
     Table& operator=(const Table&) = delete;
 
-    // The table's name (its type name without package) and client type.
-    const std::string& name() const;
-    const google::protobuf::Message& prototype() const;
+    // The table's name (the full name of its type in the stored schema) and
+    // the client type.
+    virtual const std::string& name() const = 0;
+    virtual const google::protobuf::Message& prototype() const = 0;
 
     // The index names of the table, in name order, and whether it has a
     // sharding key.
-    std::vector<std::string> IndexNames() const;
-    bool HasShardingKey() const;
+    virtual std::vector<std::string> IndexNames() const = 0;
+    virtual bool HasShardingKey() const = 0;
 
     // Writes the whole record. kInvalidArgument when record is not of the
     // table's type, its key cannot be built (bridge_code() is ExtractMsgKey's
     // result: -9 for a key field unset in proto2, -10 for a key over 1022
     // bytes), an index key is over 1022 bytes, or the record is larger than
-    // 8 MiB. Nothing is stored on any failure.
-    Status Put(const google::protobuf::Message& record);
+    // 8 MiB (or than one commit of the engine holds). kBusy when other
+    // writers kept changing the record. Nothing is stored on any failure.
+    virtual Status Put(const google::protobuf::Message& record) = 0;
 
     // Writes the fields of record named by paths (dotted field names). Also
     // kInvalidArgument for an empty list, an unknown name, a key field, a
     // path into a repeated field, and paths that overlap ("a" and "a.b").
-    Status Update(const google::protobuf::Message& record, const std::vector<std::string>& paths);
+    virtual Status Update(const google::protobuf::Message& record, const std::vector<std::string>& paths) = 0;
 
     // Reads the record whose key fields key holds into *out (of the table's
     // type), which is cleared first and given key's key fields. paths empty:
     // every field; else only the named fields. kNotFound when there is no
     // such record. failed_paths (may be null) receives the tag paths of
     // fields that did not merge; it is not cleared first.
-    Status Get(const google::protobuf::Message& key, const std::vector<std::string>& paths,
-               google::protobuf::Message* out, std::set<std::string>* failed_paths);
+    virtual Status Get(const google::protobuf::Message& key, const std::vector<std::string>& paths,
+                       google::protobuf::Message* out, std::set<std::string>* failed_paths) = 0;
 
     // Removes the record and its index entries. kNotFound when there is none.
-    Status Delete(const google::protobuf::Message& key);
+    virtual Status Delete(const google::protobuf::Message& key) = 0;
 
     // Appends to *records every record whose fields of index `index` equal
     // those of index_fields (other fields ignored), in primary-key byte
     // order; at most limit records when limit > 0. kInvalidArgument for an
     // unknown index or index fields that cannot form a key.
-    Status FindByIndex(std::string_view index, const google::protobuf::Message& index_fields,
-                       std::vector<Record>* records, size_t limit = 0);
+    virtual Status FindByIndex(std::string_view index, const google::protobuf::Message& index_fields,
+                               std::vector<Record>* records, size_t limit = 0) = 0;
 
     // Appends to *records the records of the shard whose sharding-key fields
     // shard holds, or of the whole table when shard is null; at most limit
     // records when limit > 0. Within a shard and in the whole table, records
     // come in primary-key byte order. kInvalidArgument for a shard of a table
     // without a sharding key.
-    Status Scan(const google::protobuf::Message* shard, size_t limit, std::vector<Record>* records);
+    virtual Status Scan(const google::protobuf::Message* shard, size_t limit, std::vector<Record>* records) = 0;
+
+    // The streaming forms: each record of the page is handed to visit as it
+    // is read, one at a time, so that no result is held in memory. *next
+    // (may be null) receives the cursor to resume from when page.limit cut
+    // the read short, and is cleared when the read reached the end.
+    // kInvalidArgument for a cursor of another table or read, or one that is
+    // not a cursor.
+    virtual Status ScanEach(const google::protobuf::Message* shard, const Page& page, const RecordVisitor& visit,
+                            std::string* next) = 0;
+    virtual Status FindEach(std::string_view index, const google::protobuf::Message& index_fields,
+                            const Page& page, const RecordVisitor& visit, std::string* next) = 0;
+
+    // Counts records without reading them: of the shard (or of the whole
+    // table when shard is null), or those whose index fields equal
+    // index_fields.
+    virtual Status Count(const google::protobuf::Message* shard, uint64_t* count) = 0;
+    virtual Status CountIndex(std::string_view index, const google::protobuf::Message& index_fields,
+                              uint64_t* count) = 0;
 
     // Checks that every record has its index and shard entries and every
-    // entry its record, reading the whole table. kCorruption, with the counts
-    // of what is missing or left over, when not.
-    Status Verify();
+    // entry its record, reading the whole table at one state. kCorruption,
+    // with the counts of what is missing or left over, when not.
+    virtual Status Verify() = 0;
 
-    // Tables are made by TableStore::OpenTable; Impl is private to the store.
-    class Impl;
-    explicit Table(std::unique_ptr<Impl> impl);
-
-private:
-    std::unique_ptr<Impl> m_impl;
+protected:
+    Table() = default;
 };
 
 }  // namespace store

@@ -1,285 +1,188 @@
 #include "store/table_store.h"
 
-#include <charconv>
-#include <filesystem>
-#include <system_error>
-
-#include <rocksdb/iterator.h>
-#include <rocksdb/options.h>
-
 #include "protobuf_api/protobuf_util.h"
-#include "store/key_layout.h"
-#include "store/store_core.h"
+#include "store/catalog.h"
+#include "store/key_format.h"
+#include "store/rocksdb_engine.h"
+#include "store/store_context.h"
+#include "store/table_impl.h"
+#include "store/upgrade.h"
+#if CORVIDA_STORE_WITH_ETCD
+#include "store/etcd_engine.h"
+#endif
 
 namespace corvida {
 namespace store {
 
 namespace {
 
-namespace fs = std::filesystem;
+constexpr std::string_view kEtcdScheme = "etcd://";
 
-// RocksDB's options for a store. Its own LOG files are kept few.
-rocksdb::Options DatabaseOptions(bool create) {
-    rocksdb::Options options;
-    options.create_if_missing = create;
-    options.keep_log_file_num = 4;
-    return options;
+bool IsEtcdLocator(std::string_view where) { return where.substr(0, kEtcdScheme.size()) == kEtcdScheme; }
+
+RocksEngineOptions RocksOptions(const StoreOptions& options) {
+    RocksEngineOptions rocks;
+    rocks.create_if_missing = options.create_if_missing;
+    rocks.read_only = options.read_only;
+    rocks.sync = options.sync;
+    rocks.wait_seconds = options.wait_seconds;
+    rocks.log = options.log;
+    return rocks;
 }
 
-// What the directory holds before any database is opened.
-enum class DirState { kMissingOrEmpty, kDatabase, kOtherFiles, kNotADirectory };
-
-Status InspectDir(const std::string& dir, DirState* state) {
-    std::error_code ec;
-    const fs::file_status st = fs::status(dir, ec);
-    if (ec && ec != std::errc::no_such_file_or_directory) return Status::IOError(dir + ": " + ec.message());
-    if (!fs::exists(st)) {
-        *state = DirState::kMissingOrEmpty;
-    } else if (!fs::is_directory(st)) {
-        *state = DirState::kNotADirectory;
-    } else if (fs::exists(fs::path(dir) / "CURRENT", ec)) {
-        *state = DirState::kDatabase;
-    } else {
-        const bool empty = fs::is_empty(dir, ec);
-        if (ec) return Status::IOError(dir + ": " + ec.message());
-        *state = empty ? DirState::kMissingOrEmpty : DirState::kOtherFiles;
+Status OpenEngine(const std::string& where, const StoreOptions& options, std::unique_ptr<Engine>* engine,
+                  NewStore* made) {
+    if (IsEtcdLocator(where)) {
+#if CORVIDA_STORE_WITH_ETCD
+        return OpenEtcdEngine(where, options, engine);
+#else
+        return Status::NotSupported(where + ": this build of the table store has no etcd engine");
+#endif
     }
-    return Status::OK();
+    return OpenRocksEngine(where, RocksOptions(options), engine, made);
 }
 
-// Reads the layout version of the database in dir without writing to it
-// (read-only: a database that turns out not to be a store is left as it
-// was). *fresh is set for a database without any key, which a crash right
-// after its creation leaves behind.
-Status CheckLayout(const std::string& dir, bool* fresh) {
-    rocksdb::DB* raw = nullptr;
-    rocksdb::Status s = rocksdb::DB::OpenForReadOnly(DatabaseOptions(false), dir, &raw);
-    if (!s.ok()) return FromRocks(s, "opening " + dir);
-    std::unique_ptr<rocksdb::DB> db(raw);
-    std::string value;
-    s = db->Get(rocksdb::ReadOptions(), layout::kLayoutKey, &value);
-    if (s.IsNotFound()) {
-        std::unique_ptr<rocksdb::Iterator> it(db->NewIterator(rocksdb::ReadOptions()));
-        it->SeekToFirst();
-        if (!it->status().ok()) return FromRocks(it->status(), "reading " + dir);
-        if (it->Valid()) return Status::InvalidArgument(dir + " is a RocksDB database but not a table store");
-        *fresh = true;
+class TableStoreImpl : public TableStore {
+public:
+    explicit TableStoreImpl(std::shared_ptr<StoreContext> context)
+        : m_context(std::move(context)), m_catalog(m_context->engine()) {}
+
+    Status CreateTable(std::string_view schema_blob, std::string_view type_name) override;
+    Status ListTables(std::vector<TableInfo>* tables) const override;
+    Status OpenTable(const google::protobuf::Message& prototype, CORVIDA_KV::CorvidaKVApi* kv,
+                     std::unique_ptr<Table>* table) override;
+    Status Compact() override {
+        return NoThrow([&] { return m_context->engine()->Compact(); });
+    }
+    const std::string& dir() const override { return m_context->engine()->locator(); }
+
+private:
+    std::shared_ptr<StoreContext> m_context;
+    Catalog m_catalog;
+};
+
+Status TableStoreImpl::CreateTable(std::string_view schema_blob, std::string_view type_name) {
+    return NoThrow([&] {
+        if (type_name.empty()) return Status::InvalidArgument("CreateTable: empty table name");
+        const std::string short_name(ShortName(type_name));
+        // The blob must load now, as every OpenTable will load it.
+        ErrorLines errors;
+        PROTOBUF_UTIL::MsgDescGroup group;
+        if (PROTOBUF_UTIL::FillMessageGroup(short_name, std::string(schema_blob), &group, errors.category()) ==
+            nullptr) {
+            std::string why = errors.text().empty() ? "the blob has no top-level message " + short_name : errors.text();
+            return Status::InvalidArgument("table " + std::string(type_name) + ": the schema blob does not load: " +
+                                           why);
+        }
+        const std::string& full_name = group.m_desc->full_name();
+        if (type_name != short_name && type_name != full_name) {
+            return Status::InvalidArgument("table " + std::string(type_name) + ": the schema blob holds " + full_name +
+                                           " under that short name");
+        }
+        for (const auto& index : group.m_mapIndex) {
+            if (index.first.size() > keys::kMaxIndexNameBytes) {
+                return Status::InvalidArgument("table " + full_name + ": an index name is longer than 255 bytes");
+            }
+        }
+        return m_catalog.Add(full_name, schema_blob);
+    });
+}
+
+Status TableStoreImpl::ListTables(std::vector<TableInfo>* tables) const {
+    return NoThrow([&] {
+        if (tables == nullptr) return Status::InvalidArgument("ListTables: null output");
+        std::vector<CatalogTable> entries;
+        Status status = m_catalog.List(&entries);
+        if (!status.ok()) return status;
+        for (CatalogTable& entry : entries) {
+            tables->push_back(TableInfo{std::move(entry.name), std::move(entry.schema_blob)});
+        }
         return Status::OK();
-    }
-    if (!s.ok()) return FromRocks(s, "reading the layout version of " + dir);
-    int version = 0;
-    const std::from_chars_result parsed = std::from_chars(value.data(), value.data() + value.size(), version);
-    if (parsed.ec != std::errc() || parsed.ptr != value.data() + value.size() || version < 1) {
-        return Status::Corruption(dir + ": the layout version of the store is not a number");
-    }
-    if (version > layout::kVersion) {
-        return Status::NotSupported(dir + " is a table store of key layout " + std::to_string(version) +
-                                    ", newer than this library reads (layout " + std::to_string(layout::kVersion) +
-                                    "); open it with a newer version");
-    }
-    return Status::OK();
+    });
 }
 
-// The number after the largest table number of the catalog.
-Status NextTableId(rocksdb::DB* db, uint32_t* next) {
-    *next = 1;
-    std::unique_ptr<rocksdb::Iterator> it(db->NewIterator(rocksdb::ReadOptions()));
-    const std::string start(1, layout::kCatalog);
-    for (it->Seek(start); it->Valid() && it->key().starts_with(start); it->Next()) {
-        if (it->value().size() < 4) continue;  // reported when the table is opened
-        const uint32_t id = layout::ReadU32(std::string_view(it->value().data(), 4));
-        if (id >= *next) *next = id + 1;
+Status TableStoreImpl::OpenTable(const google::protobuf::Message& prototype, CORVIDA_KV::CorvidaKVApi* kv,
+                                 std::unique_ptr<Table>* table) {
+    return NoThrow([&] {
+        if (table == nullptr) return Status::InvalidArgument("OpenTable: null output");
+        table->reset();
+        const google::protobuf::Descriptor* desc = prototype.GetDescriptor();
+        CatalogTable entry;
+        Status status = m_catalog.Find(desc->full_name(), &entry);
+        if (status.IsNotFound()) status = m_catalog.Find(desc->name(), &entry);
+        if (status.IsNotFound()) {
+            return Status::NotFound("no table " + desc->full_name() + " in the store (" + m_catalog.Held() + ")");
+        }
+        if (!status.ok()) return status;
+        return TableImpl::Open(m_context, entry, prototype, kv, table);
+    });
+}
+
+// Writes the layout of a new store, or checks the layout of an old one.
+Status PrepareLayout(Engine* engine, const StoreOptions& options) {
+    LayoutState layout;
+    Status status = CheckLayout(engine, &layout);
+    if (!status.ok() || !layout.empty) return status;
+    if (!options.create_if_missing || engine->read_only()) {
+        return Status::NotFound("no table store in " + engine->locator());
     }
-    return FromRocks(it->status(), "reading the catalog");
+    EngineBatch batch;
+    batch.ExpectAbsent(keys::kLayoutKey);
+    batch.Put(keys::kLayoutKey, std::to_string(keys::kLayoutVersion));
+    bool committed = false;
+    status = engine->Commit(batch, &committed);
+    if (!status.ok()) return status;
+    // Another process created the store at the same moment: check its layout.
+    return committed ? Status::OK() : CheckLayout(engine, &layout);
 }
 
 }  // namespace
 
-// ---------------------------------------------------------------------------
-// Shared pieces.
-// ---------------------------------------------------------------------------
-
-ScratchPool::Lease ScratchPool::Acquire() {
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (!m_free.empty()) {
-            std::unique_ptr<Scratch> scratch = std::move(m_free.back());
-            m_free.pop_back();
-            return Lease(this, std::move(scratch));
-        }
-    }
-    return Lease(this, std::unique_ptr<Scratch>(new Scratch));
-}
-
-void ScratchPool::Return(std::unique_ptr<Scratch> scratch) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_free.push_back(std::move(scratch));
-}
-
-ErrorLines::ErrorLines() {
-    plog_category_init(&m_category, "corvida-store", PLOG_PRIORITY_ERROR);
-    m_category.pfnWrite = &ErrorLines::Sink;
-    m_category.pvWriteCtx = this;
-}
-
-void ErrorLines::Sink(void* ctx, const PLOGEVENT* /*event*/, const char* msg, size_t len) {
-    std::string& text = static_cast<ErrorLines*>(ctx)->m_text;
-    if (!text.empty()) text += "; ";
-    text.append(msg, len);
-}
-
-TableStore::Core::Core(std::string dir, std::unique_ptr<rocksdb::DB> db, const StoreOptions& options,
-                       uint32_t next_table_id)
-    : m_dir(std::move(dir)), m_db(std::move(db)), m_next_table_id(next_table_id) {
-    m_write_options.sync = options.sync;
-    plog_category_init(&m_silent, "corvida-store", PLOG_PRIORITY_FATAL);
-    m_log = options.log != nullptr ? options.log : &m_silent;
-}
-
-Status TableStore::Core::AddTable(std::string_view name, std::string_view blob) {
-    const std::string key = layout::CatalogKey(name);
-    std::lock_guard<std::mutex> lock(m_catalog_mutex);
-    std::string existing;
-    rocksdb::Status s = m_db->Get(rocksdb::ReadOptions(), key, &existing);
-    if (s.ok()) return Status::AlreadyExists("table " + std::string(name) + " already exists");
-    if (!s.IsNotFound()) return FromRocks(s, "reading the catalog");
-    std::string value;
-    layout::AppendU32(&value, m_next_table_id);
-    value.append(blob);
-    s = m_db->Put(m_write_options, key, value);
-    if (!s.ok()) return FromRocks(s, "adding table " + std::string(name));
-    ++m_next_table_id;
-    return Status::OK();
-}
-
-Status FromRocks(const rocksdb::Status& s, const std::string& context) {
-    if (s.ok()) return Status::OK();
-    const std::string message = context + ": " + s.ToString();
-    if (s.IsCorruption()) return Status::Corruption(message);
-    if (s.IsNotFound()) return Status::NotFound(message);
-    if (s.IsNotSupported()) return Status::NotSupported(message);
-    if (s.IsInvalidArgument()) return Status::InvalidArgument(message);
-    // RocksDB reports a LOCK file held by another process, or by this one
-    // ("lock hold by current process"), as an I/O error naming the lock.
-    if (s.IsIOError() && s.ToString().find("lock") != std::string::npos) {
-        const bool here = s.ToString().find("current process") != std::string::npos;
-        return Status::Busy(context + ": the store is " +
-                            (here ? "already open in this process" : "in use by another process") + " (" +
-                            s.ToString() + ")");
-    }
-    return Status::IOError(message);
-}
-
-// ---------------------------------------------------------------------------
-// TableStore.
-// ---------------------------------------------------------------------------
-
-TableStore::TableStore(std::shared_ptr<Core> core) : m_core(std::move(core)) {}
-
-TableStore::~TableStore() = default;
-
-const std::string& TableStore::dir() const { return m_core->dir(); }
-
-Status TableStore::Open(std::string_view dir, const StoreOptions& options, std::unique_ptr<TableStore>* store) {
+Status TableStore::Open(std::string_view where, const StoreOptions& options, std::unique_ptr<TableStore>* store) {
     return NoThrow([&] {
         if (store == nullptr) return Status::InvalidArgument("TableStore::Open: null output");
         store->reset();
-        const std::string path(dir);
+        const std::string path(where);
         if (path.empty()) return Status::InvalidArgument("TableStore::Open: empty directory name");
-
-        DirState state;
-        Status status = InspectDir(path, &state);
+        std::unique_ptr<Engine> engine;
+        NewStore made;
+        Status status = OpenEngine(path, options, &engine, &made);
         if (!status.ok()) return status;
-        bool fresh = false;
-        switch (state) {
-            case DirState::kNotADirectory: return Status::InvalidArgument(path + " is not a directory");
-            case DirState::kOtherFiles:
-                return Status::InvalidArgument(path + " holds files but no table store; give an empty or new directory");
-            case DirState::kMissingOrEmpty:
-                if (!options.create_if_missing) return Status::NotFound("no table store in " + path);
-                fresh = true;
-                break;
-            case DirState::kDatabase:
-                status = CheckLayout(path, &fresh);
-                if (!status.ok()) return status;
-                if (fresh && !options.create_if_missing) return Status::NotFound("no table store in " + path);
-                break;
+        status = PrepareLayout(engine.get(), options);
+        if (!status.ok()) {
+            engine.reset();
+            if (made.database) DiscardNewStore(path, made);
+            return status;
         }
-
-        rocksdb::DB* raw = nullptr;
-        rocksdb::Status s = rocksdb::DB::Open(DatabaseOptions(fresh), path, &raw);
-        if (!s.ok()) return FromRocks(s, "opening " + path);
-        std::unique_ptr<rocksdb::DB> db(raw);
-        if (fresh) {
-            rocksdb::WriteOptions durable;
-            durable.sync = true;
-            s = db->Put(durable, layout::kLayoutKey, std::to_string(layout::kVersion));
-            if (!s.ok()) return FromRocks(s, "creating the store in " + path);
-        }
-        uint32_t next_table_id = 0;
-        status = NextTableId(db.get(), &next_table_id);
-        if (!status.ok()) return status;
-        store->reset(new TableStore(std::make_shared<Core>(path, std::move(db), options, next_table_id)));
+        store->reset(new TableStoreImpl(std::make_shared<StoreContext>(std::move(engine), options.log)));
         return Status::OK();
     });
 }
 
-Status TableStore::CreateTable(std::string_view schema_blob, std::string_view type_name) {
+Status UpgradeStore(std::string_view dir, const StoreOptions& options, bool* upgraded) {
     return NoThrow([&] {
-        if (type_name.empty()) return Status::InvalidArgument("CreateTable: empty table name");
-        const std::string name(type_name);
-        // The blob must load now, as every OpenTable will load it.
-        ErrorLines errors;
-        PROTOBUF_UTIL::MsgDescGroup group;
-        if (PROTOBUF_UTIL::FillMessageGroup(name, std::string(schema_blob), &group, errors.category()) == nullptr) {
-            std::string why = errors.text().empty() ? "the blob has no top-level message " + name : errors.text();
-            return Status::InvalidArgument("table " + name + ": the schema blob does not load: " + why);
-        }
-        for (const auto& index : group.m_mapIndex) {
-            if (index.first.size() > layout::kMaxIndexNameBytes) {
-                return Status::InvalidArgument("table " + name + ": an index name is longer than 255 bytes");
-            }
-        }
-        return m_core->AddTable(type_name, schema_blob);
+        if (upgraded == nullptr) return Status::InvalidArgument("UpgradeStore: null output");
+        *upgraded = false;
+        const std::string path(dir);
+        if (IsEtcdLocator(path)) return Status::NotSupported(path + ": stores on etcd are never of an older layout");
+        RocksEngineOptions rocks = RocksOptions(options);
+        rocks.create_if_missing = false;
+        rocks.read_only = false;
+        rocks.sync = true;
+        std::unique_ptr<Engine> engine;
+        NewStore made;
+        Status status = OpenRocksEngine(path, rocks, &engine, &made);
+        if (!status.ok()) return status;
+        return UpgradeLayout(engine.get(), upgraded);
     });
 }
 
-Status TableStore::ListTables(std::vector<TableInfo>* tables) const {
+Status RepairStore(std::string_view dir, std::vector<std::string>* report) {
     return NoThrow([&] {
-        if (tables == nullptr) return Status::InvalidArgument("ListTables: null output");
-        std::unique_ptr<rocksdb::Iterator> it(m_core->db()->NewIterator(rocksdb::ReadOptions()));
-        const std::string start(1, layout::kCatalog);
-        for (it->Seek(start); it->Valid() && it->key().starts_with(start); it->Next()) {
-            const std::string name = it->key().ToString().substr(1);
-            if (it->value().size() < 4) return Status::Corruption("the catalog entry of table " + name + " is cut short");
-            tables->push_back(TableInfo{name, it->value().ToString().substr(4)});
-        }
-        return FromRocks(it->status(), "reading the catalog");
-    });
-}
-
-std::string TableStore::HeldTables() const {
-    std::vector<TableInfo> tables;
-    if (!ListTables(&tables).ok()) return "its catalog does not read";
-    if (tables.empty()) return "it holds no table";
-    std::string names = "it holds ";
-    for (size_t i = 0; i < tables.size(); ++i) names += (i == 0 ? "" : ", ") + tables[i].name;
-    return names;
-}
-
-Status TableStore::OpenTable(const google::protobuf::Message& prototype, CORVIDA_KV::CorvidaKVApi* kv,
-                             std::unique_ptr<Table>* table) {
-    return NoThrow([&] {
-        if (table == nullptr) return Status::InvalidArgument("OpenTable: null output");
-        table->reset();
-        const std::string& name = prototype.GetDescriptor()->name();
-        std::string value;
-        rocksdb::Status s = m_core->db()->Get(rocksdb::ReadOptions(), layout::CatalogKey(name), &value);
-        if (s.IsNotFound()) return Status::NotFound("no table " + name + " in the store (" + HeldTables() + ")");
-        if (!s.ok()) return FromRocks(s, "reading the catalog");
-        if (value.size() < 4) return Status::Corruption("the catalog entry of table " + name + " is cut short");
-        const uint32_t id = layout::ReadU32(value);
-        return LoadTable(m_core, name, id, value.substr(4), prototype, kv, table);
+        if (report == nullptr) return Status::InvalidArgument("RepairStore: null output");
+        const std::string path(dir);
+        if (IsEtcdLocator(path)) return Status::NotSupported(path + ": an etcd cluster repairs itself");
+        return RepairRocksDatabase(path, report);
     });
 }
 

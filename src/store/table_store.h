@@ -1,33 +1,44 @@
-// TableStore: an embedded, persistent store of corvida tables on RocksDB.
+// TableStore: a persistent store of corvida tables on an ordered key-value
+// engine: an embedded RocksDB database in one directory (the default), or an
+// etcd cluster shared by many processes and machines.
 //
-// A store is a directory. It holds a catalog of tables, each created from
-// its schema blob (the serialized FileDescriptorSet that FillMessageGroup
-// takes, playing the server's schema) and its type name, and the records of
-// every table, kept as the service's record model says: a primary key from
-// ExtractMsgKey, one stored field per tag path as FillValueSetWithMsg cuts it,
-// index entries keyed by ExtractFieldKey, records grouped by their sharding
-// key. Table (store/table.h) reads and writes the records of one table.
+// A store holds a catalog of tables, each created from its schema blob (the
+// serialized FileDescriptorSet that FillMessageGroup takes, playing the
+// server's schema) and its type, and the records of every table, kept as the
+// service's record model says: a primary key from ExtractMsgKey, one stored
+// field per tag path as FillValueSetWithMsg cuts it, index entries keyed by
+// ExtractFieldKey, records grouped by their sharding key. Table
+// (store/table.h) reads and writes the records of one table.
 //
 //   std::unique_ptr<TableStore> store;
 //   StoreOptions options;
 //   options.create_if_missing = true;
 //   Status s = TableStore::Open("/var/lib/game", options, &store);
-//   if (s.ok()) s = store->CreateTable(blob, "Player");   // once
+//   if (s.ok()) s = store->CreateTable(blob, "game.Player");   // once
 //   std::unique_ptr<Table> players;
 //   if (s.ok()) s = store->OpenTable(Player::default_instance(), &kv, &players);
 //
 // Every operation returns a Status (store/status.h) and throws nothing.
 //
-// Threads: a TableStore and the Tables opened from it may be used from any
-// number of threads at once without outside locking. Writes of one record
-// are serialized; a reader sees each write whole or not at all.
+// Where: a directory ("/var/lib/game") opens the RocksDB engine;
+// "etcd://HOST:PORT[,HOST:PORT...][/NAMESPACE]" opens the etcd engine, every
+// key of the store under NAMESPACE, so that several stores share a cluster.
 //
-// Processes: one process at a time. A second process opening a store that
-// another holds gets kBusy at once (RocksDB's LOCK file), never a wait.
+// Threads: a TableStore and the Tables opened from it may be used from any
+// number of threads at once without outside locking. A reader sees each
+// write whole or not at all.
+//
+// Processes: on RocksDB one process writes a store at a time; a second
+// writer gets kBusy, or waits StoreOptions::wait_seconds for it. Readers
+// (StoreOptions::read_only) take no lock and work beside the writer, and on
+// read-only media. On etcd, any number of processes on any machines read and
+// write at once.
 //
 // Layout: the store records the version of its key layout; a store written
 // by a newer version of this library is refused with kNotSupported, never
-// read. docs/store.md describes the layout and what the store is and is not.
+// read, and a store of layout 1 is refused with kNotSupported naming
+// UpgradeStore (corvida-pb store upgrade). docs/store.md describes the
+// layout and what the store is and is not.
 #ifndef CORVIDA_STORE_TABLE_STORE_H_
 #define CORVIDA_STORE_TABLE_STORE_H_
 
@@ -92,52 +103,58 @@ struct StoreOptions {
 
 // One table of the catalog.
 struct TableInfo {
-    std::string name;         // the table's type name, as given to CreateTable
+    std::string name;         // the table's full type name
     std::string schema_blob;  // the schema blob stored for it
 };
 
 class TableStore {
 public:
-    // Opens the store in directory dir. Results:
+    // Opens the store at where (a directory, or an etcd:// locator). Results:
     //   kNotFound         no store there (and create_if_missing is off)
-    //   kInvalidArgument  dir holds something that is not a table store: files
-    //                     without a RocksDB database, or a RocksDB database
-    //                     that is not a table store (nothing is written to it)
-    //   kNotSupported     a store of a newer key layout
-    //   kCorruption       the database files are damaged
-    //   kBusy             another process holds the store, or this one has
-    //                     it open already
-    //   kIOError          the file system refused
-    static Status Open(std::string_view dir, const StoreOptions& options, std::unique_ptr<TableStore>* store);
+    //   kInvalidArgument  where holds something that is not a table store:
+    //                     files without a RocksDB database, or a database
+    //                     that is not a table store (none of its keys is
+    //                     written); a malformed locator
+    //   kNotSupported     a store of a newer key layout, or of layout 1
+    //   kCorruption       the database files are damaged: a table file, or a
+    //                     write-ahead log damaged before its last record (the
+    //                     message names the file; RepairStore salvages it)
+    //   kBusy             another process holds the store for writing (after
+    //                     waiting wait_seconds), or this one has it open
+    //   kIOError          the file system or the network refused, or the
+    //                     cluster did not answer within timeout_seconds
+    static Status Open(std::string_view where, const StoreOptions& options, std::unique_ptr<TableStore>* store);
 
     // Closes the store once every Table opened from it is gone too.
-    ~TableStore();
+    virtual ~TableStore() = default;
 
     TableStore(const TableStore&) = delete;
     TableStore& operator=(const TableStore&) = delete;
 
-    // Adds table type_name (the top-level message name without its package,
-    // as FillMessageGroup looks it up) with its schema blob to the catalog.
-    // The blob must load: it parses, holds the type, and the type names a
-    // primary key and only existing fields in its key, sharding-key and index
-    // options. kAlreadyExists when the catalog has the name; kInvalidArgument
-    // for a blob that does not load (the bridge's error lines in the message).
-    Status CreateTable(std::string_view schema_blob, std::string_view type_name);
+    // Adds the table of type type_name (its full name, or its name without
+    // package) with its schema blob to the catalog, under the type's full
+    // name. The blob must load: it parses, holds the type as a top-level
+    // message, and the type names a primary key and only existing fields in
+    // its key, sharding-key and index options. kAlreadyExists when the
+    // catalog has the name; kInvalidArgument for a blob that does not load
+    // (the bridge's error lines in the message).
+    virtual Status CreateTable(std::string_view schema_blob, std::string_view type_name) = 0;
 
     // Every table of the catalog, ordered by name.
-    Status ListTables(std::vector<TableInfo>* tables) const;
+    virtual Status ListTables(std::vector<TableInfo>* tables) const = 0;
 
-    // Opens the table of prototype's type (looked up by the type's name
-    // without package) for reading and writing, as a client whose type is
-    // prototype's and whose cipher suites are kv's. The client type is
-    // checked against the stored schema blob with GetMetaAndCompare; an
-    // incompatible one gets kIncompatibleSchema with the comparison's code
-    // (bridge_code()) and its explanation, and nothing is read or written.
-    // A client that passes the comparison but lacks a field of the table's
-    // indexes or sharding key could not keep their entries: it also gets
-    // kIncompatibleSchema, with bridge_code() 0 and the field in the message.
-    // The blob is loaded once, with FillMessageGroup, for the table's key,
-    // sharding-key and index fields.
+    // Opens the table of prototype's type for reading and writing, as a
+    // client whose type is prototype's and whose cipher suites are kv's. The
+    // table is the one of the type's full name, else the one table whose
+    // name has the type's short name (a client whose package was renamed).
+    // The client type is checked against the stored schema blob with
+    // GetMetaAndCompare; an incompatible one gets kIncompatibleSchema with
+    // the comparison's code (bridge_code()) and its explanation, and nothing
+    // is read or written. A client that passes the comparison but lacks a
+    // field of the table's indexes or sharding key could not keep their
+    // entries: it also gets kIncompatibleSchema, with bridge_code() 0 and the
+    // field in the message. The blob is loaded once, with FillMessageGroup,
+    // for the table's key, sharding-key and index fields.
     //
     // prototype may be a generated type's default instance or a message of
     // a type loaded at run time (a DynamicMessage): records read back are
@@ -145,28 +162,41 @@ public:
     // outlive the table. kv may be null for a table that encrypts nothing.
     //
     // kNotFound when the catalog has no such table (the message lists the
-    // tables it has); kCorruption when the stored blob no longer loads;
-    // kInvalidArgument, with ExtractMsgKey's
-    // result in bridge_code(), when the table names a cipher suite that kv
-    // lacks (-3) or holds with another key than the table records in
-    // corvida_cipher_md5 (-4): such a client could neither build keys nor
-    // decrypt the stored ones.
-    Status OpenTable(const google::protobuf::Message& prototype, CORVIDA_KV::CorvidaKVApi* kv,
-                     std::unique_ptr<Table>* table);
+    // tables it has); kInvalidArgument for a short name that several tables
+    // have; kCorruption when the stored blob no longer loads;
+    // kInvalidArgument, with ExtractMsgKey's result in bridge_code(), when
+    // the table names a cipher suite that kv lacks (-3) or holds with another
+    // key than the table records in corvida_cipher_md5 (-4): such a client
+    // could neither build keys nor decrypt the stored ones.
+    virtual Status OpenTable(const google::protobuf::Message& prototype, CORVIDA_KV::CorvidaKVApi* kv,
+                             std::unique_ptr<Table>* table) = 0;
 
-    // The directory of the store.
-    const std::string& dir() const;
+    // Rewrites the engine's files so that the bytes of deleted records leave
+    // them (RocksDB: a full compaction). kNotSupported for a store opened
+    // read-only.
+    virtual Status Compact() = 0;
 
-    class Core;  // shared with Table; private to the store
+    // Where the store is: its directory, or its etcd locator.
+    virtual const std::string& dir() const = 0;
 
-private:
-    explicit TableStore(std::shared_ptr<Core> core);
-
-    // The names of the catalog's tables, for a message ("it holds A, B").
-    std::string HeldTables() const;
-
-    std::shared_ptr<Core> m_core;
+protected:
+    TableStore() = default;
 };
+
+// Rewrites a RocksDB store of key layout 1 in directory dir into the current
+// layout, in place and in one atomic write: a crash during the upgrade leaves
+// the store of layout 1 or of the current layout, never a mix. Tables named
+// by their short name become named by their full type name. *upgraded is
+// false (and the status ok) when the store is of the current layout already.
+// Holds the store for writing while it runs (options.wait_seconds applies).
+Status UpgradeStore(std::string_view dir, const StoreOptions& options, bool* upgraded);
+
+// Salvages the RocksDB store in directory dir, which no process holds: its
+// write-ahead logs are replayed skipping damaged records, and its file list is
+// rebuilt from its table files when that list is damaged. *report receives
+// one line per thing dropped or rebuilt (file names and byte counts, never
+// stored data). Run Table::Verify on each table afterwards.
+Status RepairStore(std::string_view dir, std::vector<std::string>* report);
 
 }  // namespace store
 }  // namespace corvida

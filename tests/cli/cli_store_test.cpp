@@ -242,7 +242,7 @@ TEST_F(StoreCliTest, ClientWithoutAnIndexFieldsNumberIsIncompatible) {
     const ProcessResult r = Store("get", {"--text", kAlice}, renumbered);
     EXPECT_EQ(r.status, 3) << r.err;
     EXPECT_EQ(r.out,
-              "incompatible (result 0): table Player: index by_level: field 4 is missing in the client's type "
+              "incompatible (result 0): table corvida.example.Player: index by_level: field 4 is missing in the client's type "
               "corvida.example.Player\n");
 }
 

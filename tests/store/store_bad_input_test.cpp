@@ -17,8 +17,9 @@
 #include <gtest/gtest.h>
 #include <rocksdb/db.h>
 
-#include "store/key_layout.h"
-#include "store/store_core.h"
+#include "store/key_format.h"
+#include "corvida_store_catalog.pb.h"
+#include "store/scratch.h"
 #include "store/table_store.h"
 #include "store_test_support.h"
 #include "tables3.pb.h"
@@ -27,7 +28,7 @@ namespace corvida_store_test {
 namespace {
 
 namespace fs = std::filesystem;
-namespace layout = corvida::store::layout;
+namespace keys = corvida::store::keys;
 using corvida::store::Record;
 using corvida::store::Status;
 using corvida::store::StoreOptions;
@@ -120,15 +121,15 @@ TEST(StoreOpenTest, ARocksDBDatabaseThatIsNoStoreIsRefusedUntouched) {
 TEST(StoreOpenTest, AStoreOfANewerLayoutIsRefused) {
     TempDir dir;
     MakeStore(dir.path());
-    RawPut(dir.path(), layout::kLayoutKey, "2");
+    RawPut(dir.path(), std::string(keys::kLayoutKey), "3");
     const auto before = RawContents(dir.path());
     std::unique_ptr<TableStore> store;
     Status s = OpenExisting(dir.path(), &store);
     EXPECT_TRUE(s.IsNotSupported()) << s.ToString();
-    EXPECT_NE(std::string::npos, s.message().find("key layout 2, newer than this library reads")) << s.message();
+    EXPECT_NE(std::string::npos, s.message().find("key layout 3, newer than this library reads")) << s.message();
     EXPECT_EQ(before, RawContents(dir.path()));
 
-    RawPut(dir.path(), layout::kLayoutKey, "one");
+    RawPut(dir.path(), std::string(keys::kLayoutKey), "one");
     s = OpenExisting(dir.path(), &store);
     EXPECT_TRUE(s.IsCorruption()) << s.ToString();
 }
@@ -217,7 +218,7 @@ protected:
         Player3 key;
         key.set_zone(1);
         key.set_uid(2);
-        return layout::RowKey(1, key.SerializeAsString());
+        return keys::RowKey(1, key.SerializeAsString());
     }
 
     TempDir m_dir;
@@ -226,15 +227,16 @@ protected:
 };
 
 TEST_F(DamagedStoreTest, AStoredSchemaThatNoLongerParsesIsCorruption) {
-    std::string entry;
-    layout::AppendU32(&entry, 1);
-    RawPut(m_dir.path(), layout::CatalogKey("Player3"), entry + "\x0a\xff garbage");
+    corvida::store::format::CatalogEntry entry;
+    entry.set_number(1);
+    entry.set_schema_blob("\x0a\xff garbage");
+    RawPut(m_dir.path(), keys::CatalogKey("corvida.test3.Player3"), entry.SerializeAsString());
     Status s = OpenTable();
     EXPECT_TRUE(s.IsCorruption()) << s.ToString();
     EXPECT_NE(std::string::npos, s.message().find("the stored schema blob no longer loads")) << s.message();
 
     m_store.reset();
-    RawPut(m_dir.path(), layout::CatalogKey("Player3"), "\x01");
+    RawPut(m_dir.path(), keys::CatalogKey("corvida.test3.Player3"), "\x01");
     s = OpenTable();
     EXPECT_TRUE(s.IsCorruption()) << s.ToString();
     std::vector<corvida::store::TableInfo> tables;
@@ -267,7 +269,7 @@ TEST_F(DamagedStoreTest, DamagedStoredFieldsAreReportedByTheirPaths) {
 }
 
 TEST_F(DamagedStoreTest, ADamagedPrimaryKeyOrEntryIsCorruption) {
-    RawPut(m_dir.path(), layout::RowKey(1, "\xff\xff"), "");
+    RawPut(m_dir.path(), keys::RowKey(1, "\xff\xff"), "");
     ASSERT_TRUE(OpenTable().ok());
     std::vector<Record> all;
     Status s = m_table->Scan(nullptr, 0, &all);
@@ -280,8 +282,7 @@ TEST_F(DamagedStoreTest, ADamagedPrimaryKeyOrEntryIsCorruption) {
     key.set_uid(77);
     Player3 level;
     level.set_level(3);
-    RawPut(m_dir.path(), layout::SecondaryPrefix(layout::kIndex, 1, "by_level", level.SerializeAsString()) +
-                             key.SerializeAsString(),
+    RawPut(m_dir.path(), keys::SecondaryKey(keys::kIndex, 1, "by_level", level.SerializeAsString(), key.SerializeAsString()),
            "");
     ASSERT_TRUE(OpenTable().ok());
     s = m_table->FindByIndex("by_level", level, &all);

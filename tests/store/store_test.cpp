@@ -474,9 +474,11 @@ TEST_F(StoreTest, ReopeningKeepsEverything) {
     std::vector<TableInfo> tables;
     ASSERT_TRUE(m_store->ListTables(&tables).ok());
     ASSERT_EQ(4u, tables.size());
-    EXPECT_EQ("Account", tables[0].name);
+    EXPECT_EQ("corvida.storetest.Account", tables[0].name);
     EXPECT_EQ(SchemaBlob(Account::descriptor()), tables[0].schema_blob);
-    EXPECT_EQ("Secret2", tables[3].name);
+    EXPECT_EQ("corvida.test.Player2", tables[1].name);
+    EXPECT_EQ("corvida.test.Secret2", tables[2].name);
+    EXPECT_EQ("corvida.test3.Player3", tables[3].name);
 }
 
 TEST_F(StoreTest, TheCatalogRefusesDuplicatesAndBlobsThatDoNotLoad) {
@@ -495,7 +497,8 @@ TEST_F(StoreTest, TheCatalogRefusesDuplicatesAndBlobsThatDoNotLoad) {
     const Status unknown = m_store->OpenTable(corvida::test::LongKey2::default_instance(), nullptr, &table);
     EXPECT_TRUE(unknown.IsNotFound());
     EXPECT_NE(std::string::npos,
-              unknown.message().find("no table LongKey2 in the store (it holds Account, Player2, Player3, Secret2)"))
+              unknown.message().find("no table corvida.test.LongKey2 in the store (it holds corvida.storetest.Account, "
+                                     "corvida.test.Player2, corvida.test.Secret2, corvida.test3.Player3)"))
         << unknown.message();
 }
 

@@ -1,26 +1,19 @@
-// What a TableStore shares with the Tables opened from it: the database, the
-// write options, the log category, the pool of scratch records and the
-// per-record locks. Private to the store.
-#ifndef CORVIDA_STORE_STORE_CORE_H_
-#define CORVIDA_STORE_STORE_CORE_H_
+// What the store's calls borrow and share: the bridge's large scratch
+// records, a log category that keeps error lines for messages, and the guard
+// that keeps exceptions inside the store. Private to the store.
+#ifndef CORVIDA_STORE_SCRATCH_H_
+#define CORVIDA_STORE_SCRATCH_H_
 
-#include <array>
-#include <cstdint>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <string>
-#include <string_view>
 #include <vector>
-
-#include <rocksdb/db.h>
 
 #include "plog/plog.h"
 #include "protocol/corvida_protocol_comm.h"
 #include "protocol/idl_tbl.h"
 #include "store/status.h"
-#include "store/table_store.h"
 
 namespace corvida {
 namespace store {
@@ -62,6 +55,7 @@ public:
         Lease(const Lease&) = delete;
         Lease& operator=(const Lease&) = delete;
 
+        Scratch* get() const { return m_scratch.get(); }
         Scratch* operator->() const { return m_scratch.get(); }
 
     private:
@@ -76,19 +70,6 @@ private:
 
     std::mutex m_mutex;
     std::vector<std::unique_ptr<Scratch>> m_free;
-};
-
-// Striped locks over records: every write of a record holds the lock of its
-// stripe, so that the old values it reads stay true until its batch lands.
-class RecordLocks {
-public:
-    std::mutex& For(uint32_t table_id, std::string_view pk) {
-        const size_t h = std::hash<std::string_view>()(pk) ^ (static_cast<size_t>(table_id) * 0x9e3779b97f4a7c15ULL);
-        return m_stripes[h % m_stripes.size()];
-    }
-
-private:
-    std::array<std::mutex, 256> m_stripes;
 };
 
 // A log category that keeps the error lines written to it, for the messages
@@ -110,45 +91,7 @@ private:
     std::string m_text;
 };
 
-class TableStore::Core {
-public:
-    Core(std::string dir, std::unique_ptr<rocksdb::DB> db, const StoreOptions& options, uint32_t next_table_id);
-
-    const std::string& dir() const { return m_dir; }
-    rocksdb::DB* db() const { return m_db.get(); }
-    const rocksdb::WriteOptions& write_options() const { return m_write_options; }
-    // Never null: the caller's category, or a silent one.
-    LPPLOGCATEGORYINST log() { return m_log; }
-    ScratchPool& scratch() { return m_scratch; }
-    RecordLocks& locks() { return m_locks; }
-
-    // Adds a catalog entry under a fresh table number. kAlreadyExists when
-    // the name is taken.
-    Status AddTable(std::string_view name, std::string_view blob);
-
-private:
-    std::string m_dir;
-    std::unique_ptr<rocksdb::DB> m_db;
-    rocksdb::WriteOptions m_write_options;
-    PLOGCATEGORYINST m_silent;
-    LPPLOGCATEGORYINST m_log;
-    ScratchPool m_scratch;
-    RecordLocks m_locks;
-    std::mutex m_catalog_mutex;
-    uint32_t m_next_table_id;  // guarded by m_catalog_mutex
-};
-
-// Loads table `name` (number id, schema blob) for the client type of
-// prototype: the work of TableStore::OpenTable after the catalog lookup.
-Status LoadTable(std::shared_ptr<TableStore::Core> core, const std::string& name, uint32_t id,
-                 const std::string& blob, const google::protobuf::Message& prototype, CORVIDA_KV::CorvidaKVApi* kv,
-                 std::unique_ptr<Table>* table);
-
-// The store's Status for a RocksDB status (context names what was being
-// done, "reading table Player"). A held lock is kBusy.
-Status FromRocks(const rocksdb::Status& s, const std::string& context);
-
 }  // namespace store
 }  // namespace corvida
 
-#endif  // CORVIDA_STORE_STORE_CORE_H_
+#endif  // CORVIDA_STORE_SCRATCH_H_

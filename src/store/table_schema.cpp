@@ -1,0 +1,292 @@
+#include "store/table_schema.h"
+
+#include <algorithm>
+#include <map>
+
+#include "corvidaservice.optionv1.pb.h"
+#include "store/catalog.h"
+#include "store/key_format.h"
+#include "store/record_codec.h"
+
+namespace corvida {
+namespace store {
+
+namespace {
+
+using google::protobuf::Descriptor;
+using google::protobuf::FieldDescriptor;
+using google::protobuf::Message;
+using PROTOBUF_UTIL::ProtobufUtil;
+
+// True when field of msg would add no bytes to a field key, which
+// ExtractFieldKey refuses (-9) after logging an error: a repeated field
+// without elements, or an unset field of a proto2 file written in plain (an
+// encrypted one adds the ciphertext of the empty value).
+bool AddsNoKeyBytes(const Message& msg, const FieldDescriptor* field) {
+    const google::protobuf::Reflection* reflection = msg.GetReflection();
+    if (field->is_repeated()) return reflection->FieldSize(msg, field) == 0;
+    return !IsEncryptedKeyField(field) && field->file()->syntax() != google::protobuf::FileDescriptor::SYNTAX_PROTO3 &&
+           !reflection->HasField(msg, field);
+}
+
+// The Status of a key encoder's failure. what names the key ("table T:
+// primary key").
+Status KeyError(const std::string& what, int ret, const Descriptor* desc) {
+    const std::string& suite = desc->options().GetExtension(corvidaservice::corvida_field_cipher_suite);
+    std::string why;
+    switch (ret) {
+        case -3: why = "cipher suite '" + suite + "' is not configured in the client's CorvidaKVApi"; break;
+        case -4:
+            why = "the key of cipher suite '" + suite +
+                  "' does not match the table's corvida_cipher_md5 (a wrong cipher key)";
+            break;
+        case -5: why = "a name in corvida_primary_key is not a field"; break;
+        case -6: why = "a key field is marked corvida_crypto but the table names no cipher suite"; break;
+        case -7: why = "cipher suite '" + suite + "' failed to encrypt a key field"; break;
+        case -9: why = "a key field is not set"; break;
+        case -10: why = "the key is longer than 1022 bytes"; break;
+        default: why = "the key cannot be built"; break;
+    }
+    return Status::InvalidArgument(what + ": " + why + " (result " + std::to_string(ret) + ")", ret);
+}
+
+}  // namespace
+
+bool Secondary::Covers(int number) const { return std::find(fields.begin(), fields.end(), number) != fields.end(); }
+
+std::string Secondary::What(const std::string& table) const {
+    return "table " + table + ": " + (space == keys::kIndex ? "index " + name : std::string("sharding key"));
+}
+
+int FirstNumber(std::string_view tag_path) {
+    int number = 0;
+    size_t i = 0;
+    for (; i < tag_path.size() && tag_path[i] >= '0' && tag_path[i] <= '9' && i < 9; ++i) {
+        number = number * 10 + (tag_path[i] - '0');
+    }
+    if (i == 0 || (i < tag_path.size() && tag_path[i] != '.')) return -1;
+    return number;
+}
+
+void CopyFields(const Message& from, const std::vector<const FieldDescriptor*>& fields, Message* to) {
+    const google::protobuf::Reflection* in = from.GetReflection();
+    const google::protobuf::Reflection* out = to->GetReflection();
+    for (const FieldDescriptor* field : fields) {
+        if (field->is_repeated()) {
+            std::string bytes;
+            SerializeRepeatedField(from, field, &bytes);
+            to->MergeFromString(bytes);
+            continue;
+        }
+        if (field->has_presence() && !in->HasField(from, field)) continue;
+        switch (field->cpp_type()) {
+            case FieldDescriptor::CPPTYPE_INT32: out->SetInt32(to, field, in->GetInt32(from, field)); break;
+            case FieldDescriptor::CPPTYPE_INT64: out->SetInt64(to, field, in->GetInt64(from, field)); break;
+            case FieldDescriptor::CPPTYPE_UINT32: out->SetUInt32(to, field, in->GetUInt32(from, field)); break;
+            case FieldDescriptor::CPPTYPE_UINT64: out->SetUInt64(to, field, in->GetUInt64(from, field)); break;
+            case FieldDescriptor::CPPTYPE_DOUBLE: out->SetDouble(to, field, in->GetDouble(from, field)); break;
+            case FieldDescriptor::CPPTYPE_FLOAT: out->SetFloat(to, field, in->GetFloat(from, field)); break;
+            case FieldDescriptor::CPPTYPE_BOOL: out->SetBool(to, field, in->GetBool(from, field)); break;
+            case FieldDescriptor::CPPTYPE_ENUM: out->SetEnumValue(to, field, in->GetEnumValue(from, field)); break;
+            case FieldDescriptor::CPPTYPE_STRING: out->SetString(to, field, in->GetString(from, field)); break;
+            case FieldDescriptor::CPPTYPE_MESSAGE:
+                out->MutableMessage(to, field)->CopyFrom(in->GetMessage(from, field));
+                break;
+        }
+    }
+}
+
+Status TableSchema::Bind(const std::string& name, uint32_t number, const std::string& blob, const Message& prototype,
+                         CORVIDA_KV::CorvidaKVApi* kv, ScratchPool* scratch, LPPLOGCATEGORYINST log) {
+    m_name = name;
+    m_number = number;
+    m_prototype = &prototype;
+    m_desc = prototype.GetDescriptor();
+    m_kv = kv;
+    m_log = log;
+    const std::string short_name(ShortName(name));
+    ErrorLines errors;
+    if (PROTOBUF_UTIL::FillMessageGroup(short_name, blob, &m_group, errors.category()) == nullptr) {
+        return Status::Corruption("table " + m_name + ": the stored schema blob no longer loads: " +
+                                  (errors.text().empty() ? "the table's type is missing" : errors.text()));
+    }
+    if (m_group.m_desc->full_name() != name) {
+        return Status::Corruption("table " + m_name + ": the stored schema blob holds " +
+                                  m_group.m_desc->full_name() + " under that short name, not " + m_name);
+    }
+    ErrorLines compare;
+    const int code = PROTOBUF_UTIL::GetMetaAndCompare(short_name, blob, m_desc, compare.category());
+    if (code != 0) {
+        return Status::IncompatibleSchema(code, "table " + m_name + ": the client's type " + m_desc->full_name() +
+                                                    " is incompatible with the stored schema (result " +
+                                                    std::to_string(code) + "): " + compare.text());
+    }
+    // A client whose cipher suite is missing or holds another key builds no
+    // key of the table, and could not decrypt the stored ones: the key
+    // encoder's own check (it comes before any field) refuses it now.
+    {
+        ScratchPool::Lease lease = scratch->Acquire();
+        uint8_t buf[1024];
+        int32_t size = sizeof(buf);
+        prototype.ByteSizeLong();
+        const int ret = ProtobufUtil::ExtractMsgKey(m_kv, prototype, buf, size, lease->idl.get(), m_log, false);
+        if (ret == -3 || ret == -4) return KeyError("table " + m_name + ": primary key", ret, m_desc);
+    }
+    if (ProtobufUtil::GetMsgKeyNames(prototype, m_key_names) != 0) {
+        return Status::InvalidArgument("table " + m_name + ": corvida_primary_key names a missing field");
+    }
+    for (int i = 0; i < m_desc->field_count(); ++i) {
+        const FieldDescriptor* field = m_desc->field(i);
+        if (m_key_names.count(field->name()) != 0) {
+            m_key_fields.push_back(field);
+        } else if (field->is_repeated()) {
+            m_repeated.push_back(field);
+        } else {
+            m_put_paths.insert(field->name());
+        }
+    }
+    if (m_put_paths.size() > MAX_DBFIELD_NUM) {
+        return Status::NotSupported("table " + m_name + ": more than 256 top-level fields outside the key");
+    }
+    return LoadSecondaries();
+}
+
+Status TableSchema::LoadSecondaries() {
+    // Index fields in the order the declaration names them (the group keeps
+    // them in field-number order): the order of their field key.
+    const google::protobuf::MessageOptions& options = m_group.m_desc->options();
+    std::map<std::string, std::vector<int>> declared;
+    for (int i = 0; i < options.ExtensionSize(corvidaservice::corvida_index); ++i) {
+        std::string index_name;
+        std::string index_fields;
+        PROTOBUF_UTIL::getIndexInfo(options.GetExtension(corvidaservice::corvida_index, i), index_name, index_fields);
+        std::vector<std::string> names;
+        PROTOBUF_UTIL::TokenSplit(index_fields, ",", names);
+        for (const std::string& field_name : names) {
+            declared[index_name].push_back(m_group.m_desc->FindFieldByName(field_name)->number());
+        }
+    }
+    m_secondaries.reserve(declared.size() + 1);
+    for (const auto& index : declared) m_secondaries.push_back(Secondary{keys::kIndex, index.first, index.second});
+    if (!m_group.vecSplitKeyTag.empty()) {
+        m_secondaries.push_back(Secondary{keys::kShard, "", m_group.vecSplitKeyTag});
+        m_shard = &m_secondaries.back();
+    }
+    for (const Secondary& secondary : m_secondaries) {
+        for (int number : secondary.fields) {
+            // A client that passes the comparison but lacks a field of an
+            // index or of the sharding key could not keep their entries.
+            if (m_desc->FindFieldByNumber(number) == nullptr) {
+                return Status::IncompatibleSchema(0, secondary.What(m_name) + ": field " + std::to_string(number) +
+                                                         " is missing in the client's type " + m_desc->full_name());
+            }
+            m_secondary_numbers.push_back(number);
+        }
+    }
+    return Status::OK();
+}
+
+const Secondary* TableSchema::FindIndex(std::string_view name) const {
+    for (const Secondary& secondary : m_secondaries) {
+        if (secondary.space == keys::kIndex && secondary.name == name) return &secondary;
+    }
+    return nullptr;
+}
+
+std::vector<std::string> TableSchema::IndexNames() const {
+    std::vector<std::string> names;
+    for (const Secondary& secondary : m_secondaries) {
+        if (secondary.space == keys::kIndex) names.push_back(secondary.name);
+    }
+    return names;
+}
+
+bool TableSchema::IsSecondaryField(std::string_view tag_path) const {
+    const int number = FirstNumber(tag_path);
+    return std::find(m_secondary_numbers.begin(), m_secondary_numbers.end(), number) != m_secondary_numbers.end();
+}
+
+Status TableSchema::CheckType(const Message& msg, const char* what) const {
+    if (msg.GetDescriptor() == m_desc) return Status::OK();
+    return Status::InvalidArgument("table " + m_name + ": " + what + " is a " + msg.GetDescriptor()->full_name() +
+                                   ", not a " + m_desc->full_name());
+}
+
+Status TableSchema::ResolvePaths(const std::vector<std::string>& paths, bool for_write,
+                                 std::vector<ResolvedPath>* out) const {
+    for (const std::string& dotted : paths) {
+        ResolvedPath path;
+        path.dotted = dotted;
+        std::vector<std::string> names;
+        PROTOBUF_UTIL::TokenSplit(dotted, ".", names);
+        const Descriptor* desc = m_desc;
+        for (size_t i = 0; i < names.size(); ++i) {
+            const std::string where = "table " + m_name + ": path '" + dotted + "'";
+            if (desc == nullptr) {
+                return Status::InvalidArgument(where + ": field " + path.last->full_name() +
+                                               " is not a message, so it has no field '" + names[i] + "'");
+            }
+            const FieldDescriptor* field = desc->FindFieldByName(names[i]);
+            if (field == nullptr) {
+                return Status::InvalidArgument(where + ": " + desc->full_name() + " has no field '" + names[i] + "'");
+            }
+            if (field->is_repeated() && i + 1 < names.size()) {
+                return Status::InvalidArgument(where + " goes into repeated field " + field->name() +
+                                               "; name the field whole");
+            }
+            if (i == 0) path.top = field;
+            path.last = field;
+            path.numbers.push_back(field->number());
+            if (!path.tag_path.empty()) path.tag_path += '.';
+            path.tag_path += std::to_string(field->number());
+            desc = field->message_type();
+        }
+        if (path.top == nullptr) return Status::InvalidArgument("table " + m_name + ": an empty path");
+        if (for_write && m_key_names.count(path.top->name()) != 0) {
+            return Status::InvalidArgument("table " + m_name + ": path '" + dotted +
+                                           "' is a key field; a key field cannot be updated");
+        }
+        out->push_back(std::move(path));
+    }
+    return Status::OK();
+}
+
+Status TableSchema::PrimaryKey(const Message& msg, Scratch* scratch, std::string* pk) const {
+    uint8_t buf[1024];
+    int32_t size = sizeof(buf);
+    const int ret = ProtobufUtil::ExtractMsgKey(m_kv, msg, buf, size, scratch->idl.get(), m_log, true);
+    if (ret == -9) {
+        // Name a key field that added nothing.
+        for (const FieldDescriptor* field : m_key_fields) {
+            if (AddsNoKeyBytes(msg, field)) {
+                return Status::InvalidArgument(
+                    "table " + m_name + ": primary key: key field " + field->name() + " is not set (result -9)", ret);
+            }
+        }
+    }
+    if (ret != 0) return KeyError("table " + m_name + ": primary key", ret, m_desc);
+    pk->assign(reinterpret_cast<const char*>(buf), size);
+    return Status::OK();
+}
+
+Status TableSchema::SecondaryKey(const Message& msg, const Secondary& secondary, Scratch* scratch, std::string* key,
+                                 bool* present) const {
+    // Checked first, so that a record outside a sparse index costs no error
+    // line in the caller's log.
+    *present = false;
+    for (int number : secondary.fields) {
+        if (AddsNoKeyBytes(msg, m_desc->FindFieldByNumber(number))) return Status::OK();
+    }
+    uint8_t buf[1024];
+    int32_t size = sizeof(buf);
+    const int ret = ProtobufUtil::ExtractFieldKey(m_kv, msg, secondary.fields, buf, size, scratch->idl.get(), m_log);
+    if (ret != 0) return KeyError(secondary.What(m_name), ret, m_desc);
+    *present = true;
+    key->assign(reinterpret_cast<const char*>(buf), size);
+    return Status::OK();
+}
+
+void TableSchema::CopyKeyFields(const Message& from, Message* to) const { CopyFields(from, m_key_fields, to); }
+
+}  // namespace store
+}  // namespace corvida
