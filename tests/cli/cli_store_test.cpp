@@ -2,10 +2,12 @@
 // it: every subcommand on the example Player table, JSON records, exit
 // statuses (3 for a missing record and an incompatible client), a store that
 // another process holds.
+#include <chrono>
 #include <fstream>
 #include <iterator>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -288,14 +290,28 @@ TEST_F(StoreCliTest, CipherFileFromStandardInputIsAReader) {
     EXPECT_EQ(Store("scan", {}).out, "") << "nothing was written";
 }
 
-TEST_F(StoreCliTest, StoreHeldByAnotherProcessIsAClearError) {
+TEST_F(StoreCliTest, StoreHeldByAnotherProcessIsAClearErrorForWritersOnly) {
+    PutTwoPlayers();
     std::unique_ptr<corvida::store::TableStore> held;
     ASSERT_TRUE(corvida::store::TableStore::Open(m_db, {}, &held).ok());
-    const ProcessResult r = Store("scan", {});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("corvida-pb store scan: error: "), std::string::npos) << r.err;
-    held.reset();
-    EXPECT_EQ(Store("scan", {}).status, 0);
+    // Readers take no lock.
+    const ProcessResult scan = Store("scan", {});
+    EXPECT_EQ(scan.status, 0) << scan.err;
+    EXPECT_NE(scan.out.find("# record 2"), std::string::npos) << scan.out;
+    EXPECT_EQ(Store("get", {"--text", kAlice}).status, 0);
+    // A writer is told at once, with the busy message and nothing else.
+    const ProcessResult put = Store("put", {"--text", std::string(kAlice) + " level: 1"});
+    EXPECT_EQ(put.status, 1);
+    EXPECT_EQ(put.err, "corvida-pb store put: error: opening " + m_db + ": the store is in use by another process\n");
+    // With --wait, it goes on once the store is free.
+    std::thread release([&held] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        held.reset();
+    });
+    const ProcessResult waited = Store("put", {"--text", std::string(kAlice) + " level: 1", "--wait", "10"});
+    release.join();
+    EXPECT_EQ(waited.status, 0) << waited.err;
+    EXPECT_NE(Store("get", {"--text", kAlice}).out.find("level: 1"), std::string::npos);
 }
 
 TEST_F(StoreCliTest, DirectoryThatIsNoStore) {

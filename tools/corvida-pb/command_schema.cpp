@@ -137,7 +137,7 @@ public:
                           std::to_string(ret) + ")");
         }
         std::vector<SchemaDifference> differences;
-        if (ret != 0 && m_all) differences = Differences(server_table, client, ret);
+        if (ret != 0 && m_all) differences = DifferencesReported(server_table, client, ret);
         if (json()) {
             PrintJsonResult(*schema, client, ret, differences);
         } else if (ret == 0) {
@@ -146,7 +146,7 @@ public:
             std::cout << "incompatible (result " << ret << "): " << ExplainCompareResult(ret) << "\n";
         } else {
             for (const SchemaDifference& difference : differences) {
-                std::cout << Location(*schema, difference) << ": " << difference.message << "\n";
+                std::cout << DifferenceLocation(*schema, difference) << ": " << difference.message << "\n";
             }
         }
         return ret == 0 ? kExitOk : kExitNegative;
@@ -161,30 +161,6 @@ private:
         } catch (const Failure&) {
             return nullptr;
         }
-    }
-
-    // Every difference, the one GetMetaAndCompare reported (code) first.
-    static std::vector<SchemaDifference> Differences(const Descriptor* server_table, const Descriptor* client,
-                                                     int code) {
-        std::vector<SchemaDifference> differences;
-        if (server_table != nullptr) differences = ListSchemaDifferences(server_table, client);
-        if (differences.empty() || differences.front().code != code) {
-            // Not expected: the library found a difference the walk did not.
-            SchemaDifference first;
-            first.code = code;
-            first.file = client->file();
-            first.message = ExplainCompareResult(code) + " (result " + std::to_string(code) + ")";
-            differences.insert(differences.begin(), first);
-        }
-        return differences;
-    }
-
-    static std::string Location(const Schema& schema, const SchemaDifference& difference) {
-        std::string location = schema.FileDisplayName(difference.file);
-        if (difference.line > 0) {
-            location += ":" + std::to_string(difference.line) + ":" + std::to_string(difference.column);
-        }
-        return location;
     }
 
     void PrintJsonResult(const Schema& schema, const Descriptor* client, int ret,

@@ -164,4 +164,51 @@ Json GroupJson(const PROTOBUF_UTIL::MsgDescGroup& group) {
             {"indexes", indexes}};
 }
 
+namespace {
+
+// The length of the UTF-8 sequence at text[at] when it is a valid one and
+// not a C1 control character; 0 otherwise.
+size_t PrintableSequence(const std::string& text, size_t at) {
+    const unsigned char lead = static_cast<unsigned char>(text[at]);
+    size_t length = lead >= 0xf0 && lead <= 0xf4 ? 4 : lead >= 0xe0 ? 3 : lead >= 0xc2 && lead < 0xe0 ? 2 : 0;
+    if (length == 0 || at + length > text.size()) return 0;
+    uint32_t code = lead & (0xff >> (length + 1));
+    for (size_t i = 1; i < length; ++i) {
+        const unsigned char next = static_cast<unsigned char>(text[at + i]);
+        if ((next & 0xc0) != 0x80) return 0;
+        code = (code << 6) | (next & 0x3f);
+    }
+    const bool overlong = (length == 3 && code < 0x800) || (length == 4 && code < 0x10000);
+    const bool invalid = code > 0x10ffff || (code >= 0xd800 && code <= 0xdfff);
+    const bool c1 = code >= 0x80 && code <= 0x9f;
+    return overlong || invalid || c1 ? 0 : length;
+}
+
+}  // namespace
+
+std::string Printable(const std::string& text) {
+    static const char kHex[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(text.size());
+    for (size_t at = 0; at < text.size();) {
+        const unsigned char c = static_cast<unsigned char>(text[at]);
+        if (c >= 0x20 && c < 0x7f) {
+            out.push_back(static_cast<char>(c));
+            ++at;
+            continue;
+        }
+        const size_t sequence = c >= 0x80 ? PrintableSequence(text, at) : 0;
+        if (sequence > 0) {
+            out.append(text, at, sequence);
+            at += sequence;
+            continue;
+        }
+        out += "\\x";
+        out.push_back(kHex[c >> 4]);
+        out.push_back(kHex[c & 0xf]);
+        ++at;
+    }
+    return out;
+}
+
 }  // namespace corvida_pb

@@ -41,6 +41,11 @@ void PrintGroup(std::ostream& out, const PROTOBUF_UTIL::MsgDescGroup& group);
 // "a, b, c".
 std::string JoinComma(const std::vector<std::string>& items);
 
+// text safe to print on a terminal: control characters (C0, DEL and C1) and
+// bytes that are not UTF-8 written as \xNN, so that stored text (a damaged
+// tag path, a table name) never sends escape sequences.
+std::string Printable(const std::string& text);
+
 // ---------------------------------------------------------------------------
 // The same results as JSON objects (docs/cli.md lists their members). Keys
 // keep the order in which they are documented.

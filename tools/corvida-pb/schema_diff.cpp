@@ -7,6 +7,8 @@
 
 #include <google/protobuf/descriptor.pb.h>
 
+#include "corvida-pb/explain.h"
+#include "corvida-pb/schema_loader.h"
 #include "corvidaservice.optionv1.pb.h"
 #include "protobuf_api/protobuf_util.h"
 
@@ -432,6 +434,29 @@ std::vector<SchemaDifference> ListSchemaDifferences(const Descriptor* server, co
     DifferenceWalker walker;
     walker.Compare(server, client, 0, "");
     return walker.TakeDifferences();
+}
+
+std::vector<SchemaDifference> DifferencesReported(const google::protobuf::Descriptor* server,
+                                                  const google::protobuf::Descriptor* client, int code) {
+    std::vector<SchemaDifference> differences;
+    if (server != nullptr) differences = ListSchemaDifferences(server, client);
+    if (differences.empty() || differences.front().code != code) {
+        // Not expected: the library found a difference the walk did not.
+        SchemaDifference first;
+        first.code = code;
+        first.file = client->file();
+        first.message = ExplainCompareResult(code) + " (result " + std::to_string(code) + ")";
+        differences.insert(differences.begin(), first);
+    }
+    return differences;
+}
+
+std::string DifferenceLocation(const Schema& schema, const SchemaDifference& difference) {
+    std::string location = schema.FileDisplayName(difference.file);
+    if (difference.line > 0) {
+        location += ":" + std::to_string(difference.line) + ":" + std::to_string(difference.column);
+    }
+    return location;
 }
 
 }  // namespace corvida_pb

@@ -29,6 +29,8 @@
 
 namespace corvida_pb {
 
+class Schema;
+
 struct SchemaDifference {
     // What GetMetaAndCompare returns when this is the first difference:
     // for a difference inside a nested type, the code of the outermost field
@@ -42,6 +44,16 @@ struct SchemaDifference {
 
 std::vector<SchemaDifference> ListSchemaDifferences(const google::protobuf::Descriptor* server,
                                                     const google::protobuf::Descriptor* client);
+
+// Every difference, the one GetMetaAndCompare reported (code) first: when the
+// walk did not find that one (or server is null), a difference in words of
+// the code alone leads the list.
+std::vector<SchemaDifference> DifferencesReported(const google::protobuf::Descriptor* server,
+                                                  const google::protobuf::Descriptor* client, int code);
+
+// "FILE:LINE:COL" of a difference in the client's schema (without line and
+// column when they are unknown).
+std::string DifferenceLocation(const Schema& schema, const SchemaDifference& difference);
 
 }  // namespace corvida_pb
 

@@ -1,0 +1,132 @@
+// What every "corvida-pb store" subcommand shares: where the store is
+// (--db, a directory or an etcd:// locator, with the etcd options), how it
+// is opened (for reading only, for writing with --wait and --sync, or
+// created), the table's definitions and cipher keys when the subcommand
+// works on a table as a client, and the printing of records and results.
+//
+// Subcommands that only read open the store without its lock (a reader
+// works beside a writing process and on read-only media); those that write
+// take it, waiting --wait seconds for another writer.
+#ifndef CORVIDA_PB_STORE_COMMAND_H_
+#define CORVIDA_PB_STORE_COMMAND_H_
+
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "corvida-pb/ciphers.h"
+#include "corvida-pb/cli.h"
+#include "corvida-pb/cli_log.h"
+#include "corvida-pb/report.h"
+#include "protobuf_api/corvida_kv_api.h"
+#include "store/table_store.h"
+
+namespace corvida_pb {
+
+// How a subcommand opens the store.
+enum class StoreAccess {
+    kRead,    // read-only: no lock, nothing written
+    kWrite,   // for writing: the lock, --wait, --sync
+    kCreate,  // for writing, creating the store when there is none
+};
+
+// What a store subcommand is: its name and help, how it opens the store,
+// whether it works on a table as a client (and so takes the table's
+// definitions and cipher keys), and what its --text or --text-file holds
+// (null: the subcommand takes no message).
+struct StoreCommandTraits {
+    const char* name;
+    const char* summary;
+    const char* description;
+    StoreAccess access;
+    bool client;
+    const char* message;
+};
+
+// Throws Failure with what status says, unless it is ok.
+void CheckStore(const corvida::store::Status& status);
+
+// The same, but "not found" is a negative answer (exit status 3).
+void CheckRecord(const corvida::store::Status& status);
+
+class StoreCommand : public Command {
+protected:
+    StoreCommand(CLI::App* parent, const StoreCommandTraits& traits);
+
+    // Loads the table's definitions and the message of --text / --text-file.
+    void LoadClient();
+
+    // Opens the store as the traits say, with the client loaded first for a
+    // client command.
+    void OpenStore();
+
+    // The options the store is opened with, from the command line (and the
+    // log category of --log-level, made on the first call).
+    corvida::store::StoreOptions Options();
+
+    // Opens the table as the client type of --table. Returns false after
+    // printing the comparison's answer (every incompatibility, named) when
+    // the stored schema refuses it.
+    bool OpenTable();
+
+    // A new empty message of the table's type.
+    std::unique_ptr<google::protobuf::Message> NewMessage() const;
+
+    const google::protobuf::Message& message() const { return *m_loaded.msg; }
+    const google::protobuf::Descriptor* table_type() const { return m_loaded.table; }
+    corvida::store::Table& table() { return *m_table; }
+    corvida::store::TableStore& store() { return *m_store; }
+    const std::string& db() const { return m_db; }
+    const StoreCommandTraits& traits() const { return m_traits; }
+    CipherOptions& ciphers() { return m_ciphers; }
+    CORVIDA_KV::CorvidaKVApi& api() { return m_api; }
+
+    // Prints a record: its text, or one line of JSON.
+    void PrintRecord(const google::protobuf::Message& record) const;
+    // Prints a record of a listing: after "# record N" in text.
+    void PrintListed(const corvida::store::Record& record, size_t number) const;
+    // Warns about the fields of a record that did not merge.
+    void WarnFailedPaths(const std::set<std::string>& failed, const std::string& which) const;
+    // The result of a write, as text or JSON.
+    void PrintWritten(const std::string& operation, const std::vector<std::string>& paths = {}) const;
+
+private:
+    StoreCommandTraits m_traits;
+    std::string m_db;
+    bool m_sync = false;
+    double m_wait = 0;
+    double m_timeout = 5;
+    corvida::store::EtcdTlsOptions m_tls;
+    CipherOptions m_ciphers;
+    // Destroyed in reverse order: the table before the store, both before
+    // the suites, the message and the schema they use.
+    std::unique_ptr<CliLog> m_log;
+    TableMessage m_loaded;
+    CORVIDA_KV::CorvidaKVApi m_api;
+    std::unique_ptr<corvida::store::TableStore> m_store;
+    std::unique_ptr<corvida::store::Table> m_table;
+};
+
+// The subcommands that work on the records of an open table: Run() opens
+// the store and the table and hands over to RunOnTable().
+class TableCommand : public StoreCommand {
+public:
+    int Run() final;
+
+protected:
+    using StoreCommand::StoreCommand;
+
+    // The work on the open table; throws as Run() does. Returns the exit
+    // status.
+    virtual int RunOnTable() = 0;
+};
+
+// The subcommands of "store", each group in its own file, appended to
+// *commands under the group app.
+void AddStoreRecordCommands(CLI::App* group, std::vector<std::unique_ptr<Command>>* commands);
+void AddStoreAdminCommands(CLI::App* group, std::vector<std::unique_ptr<Command>>* commands);
+
+}  // namespace corvida_pb
+
+#endif  // CORVIDA_PB_STORE_COMMAND_H_
