@@ -20,7 +20,7 @@ jobs=${JOBS:-2}
 build_dir="$prefix-fuzz"
 work=${FUZZ_WORK:-$build_dir/runs}
 targets=${*:-"fill_msg_from_field_fuzzer schema_blob_fuzzer schema_mutation_fuzzer value_set_unpack_fuzzer
-    text_path_fuzzer aes_siv_decrypt_fuzzer store_read_fuzzer"}
+    text_path_fuzzer aes_siv_decrypt_fuzzer store_read_fuzzer store_keys_fuzzer store_write_fuzzer"}
 start=$(date +%s)
 
 step() {
@@ -30,7 +30,8 @@ step() {
 # The dictionary of a target, when it has one.
 dict_for() {
     case "$1" in
-        fill_msg_from_field_fuzzer | value_set_unpack_fuzzer | store_read_fuzzer) echo fuzz/dict/value_set.dict ;;
+        fill_msg_from_field_fuzzer | value_set_unpack_fuzzer | store_read_fuzzer | store_write_fuzzer)
+            echo fuzz/dict/value_set.dict ;;
         schema_blob_fuzzer) echo fuzz/dict/schema.dict ;;
         text_path_fuzzer) echo fuzz/dict/paths.dict ;;
         *) echo "" ;;

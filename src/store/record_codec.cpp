@@ -1,6 +1,7 @@
 #include "store/record_codec.h"
 
 #include <charconv>
+#include <limits>
 
 #include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/io/zero_copy_stream_impl_lite.h>
@@ -23,6 +24,13 @@ using google::protobuf::Reflection;
 using google::protobuf::internal::WireFormat;
 using google::protobuf::internal::WireFormatLite;
 using google::protobuf::io::CodedInputStream;
+
+// Stored bytes a protobuf parser or the bridge can take: their length fits
+// the int those take. Longer ones cannot be what the store wrote (a record
+// is at most 8 MiB).
+constexpr size_t kMaxPrimaryKeyBytes = 1022;  // what ExtractMsgKey writes at most
+
+bool FitsInt(size_t size) { return size <= static_cast<size_t>(std::numeric_limits<int>::max()); }
 
 // True for text of the tag path form: digits and dots only (the bridge
 // reads a path up to a NUL, so a damaged path holding one would be reported
@@ -58,6 +66,7 @@ bool TagFitsField(uint32_t tag, const FieldDescriptor* field) {
 bool MergeRepeated(const FieldDescriptor* field, const std::string& bytes, Message* msg) {
     const Reflection* reflection = msg->GetReflection();
     reflection->ClearField(msg, field);
+    if (!FitsInt(bytes.size())) return false;
     CodedInputStream input(reinterpret_cast<const uint8_t*>(bytes.data()), static_cast<int>(bytes.size()));
     while (input.CurrentPosition() < static_cast<int>(bytes.size())) {
         const uint32_t tag = input.ReadTag();
@@ -77,7 +86,7 @@ void MergeStoredFields(const std::vector<StoredField>& fields, Message* msg, std
     std::vector<PbValueSetBuffer::Field> bridge_fields;
     bridge_fields.reserve(fields.size());
     for (const StoredField& stored : fields) {
-        if (!LooksLikeTagPath(stored.tag_path)) {
+        if (!LooksLikeTagPath(stored.tag_path) || !FitsInt(stored.bytes.size())) {
             failed_paths->insert(stored.tag_path);
             continue;
         }
@@ -119,6 +128,10 @@ void SerializeRepeatedField(const Message& msg, const FieldDescriptor* field, st
 
 bool ParsePrimaryKey(std::string_view pk, CORVIDA_KV::CorvidaKVApi* kv, Message* msg, std::string* why) {
     const Descriptor* desc = msg->GetDescriptor();
+    if (pk.empty() || pk.size() > kMaxPrimaryKeyBytes) {
+        *why = "the primary key has " + std::to_string(pk.size()) + " bytes";
+        return false;
+    }
     const Reflection* reflection = msg->GetReflection();
     CodedInputStream input(reinterpret_cast<const uint8_t*>(pk.data()), static_cast<int>(pk.size()));
     std::string ciphertext;

@@ -33,39 +33,71 @@ namespace fs = std::filesystem;
 // RocksDB's informational log, sent to the store's log category.
 // ---------------------------------------------------------------------------
 
-// Forwards RocksDB's warnings and errors to a plog category and, when asked,
-// keeps them; everything below a warning is dropped. No file is written.
+// Forwards RocksDB's warnings and errors to a plog category and keeps the
+// last of them, for the messages of a failed open (RocksDB's own status of a
+// damaged log does not name the file; its warning does). Everything below a
+// warning is dropped. No file is written.
 class CategoryLogger : public rocksdb::Logger {
 public:
-    CategoryLogger(LPPLOGCATEGORYINST category, std::vector<std::string>* kept)
-        : rocksdb::Logger(rocksdb::InfoLogLevel::WARN_LEVEL), m_category(category), m_kept(kept) {}
+    explicit CategoryLogger(LPPLOGCATEGORYINST category)
+        : rocksdb::Logger(rocksdb::InfoLogLevel::WARN_LEVEL), m_category(category) {}
 
     using rocksdb::Logger::Logv;
     void Logv(const rocksdb::InfoLogLevel level, const char* format, va_list ap) override {
         if (level < rocksdb::InfoLogLevel::WARN_LEVEL || level == rocksdb::InfoLogLevel::HEADER_LEVEL) return;
         const int priority = level == rocksdb::InfoLogLevel::WARN_LEVEL ? PLOG_PRIORITY_WARN : PLOG_PRIORITY_ERROR;
-        const bool to_category = m_category != nullptr && plog_category_can_write(m_category, priority, 0, 0);
-        if (!to_category && m_kept == nullptr) return;
         char line[1024];
         va_list copy;
         va_copy(copy, ap);
         std::vsnprintf(line, sizeof(line), format, copy);
         va_end(copy);
-        if (to_category) {
+        if (m_category != nullptr && plog_category_can_write(m_category, priority, 0, 0)) {
             PLOGEVENT event = {priority, "corvida/src/store/rocksdb", 0, "rocksdb"};
             plog_category_logv(m_category, &event, "rocksdb: %s", line);
         }
-        if (m_kept != nullptr) {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_kept->emplace_back(line);
-        }
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_kept.emplace_back(line);
+        if (m_kept.size() > kKept) m_kept.erase(m_kept.begin());
+    }
+
+    // The lines kept since the last call, and forgets them.
+    std::vector<std::string> Take() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        std::vector<std::string> lines;
+        lines.swap(m_kept);
+        return lines;
     }
 
 private:
+    static constexpr size_t kKept = 64;
+
     LPPLOGCATEGORYINST m_category;
-    std::vector<std::string>* m_kept;
     std::mutex m_mutex;
+    std::vector<std::string> m_kept;
 };
+
+// A failed open's status with the names of the damaged files that RocksDB's
+// warnings gave.
+Status OpenFailure(const rocksdb::Status& s, const std::string& dir, CategoryLogger* logger) {
+    Status status = FromRocks(s, "opening " + dir);
+    if (!s.IsCorruption()) return status;
+    std::string files;
+    for (const std::string& line : logger->Take()) {
+        size_t at = line.find(dir);
+        while (at != std::string::npos) {
+            size_t end = at + dir.size();
+            while (end < line.size() && line[end] != ':' && line[end] != ' ' && line[end] != ',') ++end;
+            const std::string file = line.substr(at, end - at);
+            if (file.size() > dir.size() + 1 && files.find(file) == std::string::npos) {
+                files += (files.empty() ? "" : ", ") + file;
+            }
+            at = line.find(dir, end);
+        }
+    }
+    if (files.empty()) return status;
+    return Status::Corruption(status.message() + " (in " + files +
+                              "); corvida-pb store repair salvages what can be read");
+}
 
 // ---------------------------------------------------------------------------
 // Files readable by their owner only.
@@ -340,7 +372,8 @@ rocksdb::Options DatabaseOptions(rocksdb::Env* env, const std::shared_ptr<rocksd
 
 // Opens the database read-only. A process writing the store may delete a file
 // while the open reads the file list: such an open is tried again.
-Status OpenReadOnly(const std::string& dir, const rocksdb::Options& base, std::unique_ptr<rocksdb::DB>* db) {
+Status OpenReadOnly(const std::string& dir, const rocksdb::Options& base, CategoryLogger* logger,
+                    std::unique_ptr<rocksdb::DB>* db) {
     rocksdb::Options options = base;
     options.max_open_files = -1;  // every table file opened now, and kept open
     const std::string canonical = Canonical(dir);
@@ -355,13 +388,13 @@ Status OpenReadOnly(const std::string& dir, const rocksdb::Options& base, std::u
         if (!WriterRegistry::Instance().WriterActive(canonical, dir)) break;
         std::this_thread::sleep_for(std::chrono::milliseconds(10 * (attempt + 1)));
     }
-    return FromRocks(s, "opening " + dir);
+    return OpenFailure(s, dir, logger);
 }
 
 // Opens the database for writing, waiting up to wait_seconds for another
 // process's lock.
 Status OpenReadWrite(const std::string& dir, const std::string& canonical, const rocksdb::Options& options,
-                     double wait_seconds, std::unique_ptr<rocksdb::DB>* db) {
+                     double wait_seconds, CategoryLogger* logger, std::unique_ptr<rocksdb::DB>* db) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(wait_seconds);
     for (;;) {
         rocksdb::Status s;
@@ -374,7 +407,7 @@ Status OpenReadWrite(const std::string& dir, const std::string& canonical, const
         switch (outcome) {
             case WriterRegistry::Outcome::kOpened: return Status::OK();
             case WriterRegistry::Outcome::kHeldHere: return BusyStatus(dir, true);
-            case WriterRegistry::Outcome::kFailed: return FromRocks(s, "opening " + dir);
+            case WriterRegistry::Outcome::kFailed: return OpenFailure(s, dir, logger);
             case WriterRegistry::Outcome::kHeldElsewhere: break;
         }
         if (std::chrono::steady_clock::now() >= deadline) return BusyStatus(dir, false);
@@ -434,13 +467,13 @@ Status OpenRocksEngine(const std::string& dir, const RocksEngineOptions& options
     std::shared_ptr<rocksdb::FileSystem> base =
         options.file_system != nullptr ? options.file_system : rocksdb::FileSystem::Default();
     std::unique_ptr<rocksdb::Env> env = rocksdb::NewCompositeEnv(std::make_shared<PrivateFileSystem>(base));
-    auto logger = std::make_shared<CategoryLogger>(options.log, nullptr);
+    auto logger = std::make_shared<CategoryLogger>(options.log);
     const bool fresh = state == DirState::kMissingOrEmpty;
     const rocksdb::Options db_options = DatabaseOptions(env.get(), logger, fresh);
     std::unique_ptr<rocksdb::DB> db;
 
     if (options.read_only) {
-        status = OpenReadOnly(dir, db_options, &db);
+        status = OpenReadOnly(dir, db_options, logger.get(), &db);
         if (!status.ok()) return status;
         auto opened = std::make_unique<RocksEngine>(dir, "", std::move(env), logger, options);
         opened->Attach(std::move(db));
@@ -455,11 +488,14 @@ Status OpenRocksEngine(const std::string& dir, const RocksEngineOptions& options
         if (!status.ok()) return status;
     }
     const std::string canonical = Canonical(dir);
-    status = OpenReadWrite(dir, canonical, db_options, options.wait_seconds, &db);
+    status = OpenReadWrite(dir, canonical, db_options, options.wait_seconds, logger.get(), &db);
     if (!status.ok()) {
         if (fresh) DiscardNewStore(dir, *made);
         return status;
     }
+    // RocksDB makes its lock file with the umask's mode; it holds nothing,
+    // but a store's directory holds nothing that others may read.
+    ::chmod((dir + "/LOCK").c_str(), S_IRUSR | S_IWUSR);
     auto opened = std::make_unique<RocksEngine>(dir, canonical, std::move(env), logger, options);
     opened->Attach(std::move(db));
     made->database = fresh;
@@ -480,23 +516,24 @@ Status RepairRocksDatabase(const std::string& dir, std::vector<std::string>* rep
     if (WriterRegistry::Instance().WriterActive(Canonical(dir), dir)) return BusyStatus(dir, false);
     std::unique_ptr<rocksdb::Env> env =
         rocksdb::NewCompositeEnv(std::make_shared<PrivateFileSystem>(rocksdb::FileSystem::Default()));
-    auto logger = std::make_shared<CategoryLogger>(nullptr, report);
+    auto logger = std::make_shared<CategoryLogger>(nullptr);
     rocksdb::Options options = DatabaseOptions(env.get(), logger, false);
-    // First the logs: replay everything that reads, skipping damaged records.
+    // First the logs: replay everything that reads, skipping damaged records,
+    // and put the salvaged state into table files, so that the damaged logs
+    // are no longer needed.
     options.wal_recovery_mode = rocksdb::WALRecoveryMode::kSkipAnyCorruptedRecords;
     rocksdb::DB* raw = nullptr;
     rocksdb::Status s = rocksdb::DB::Open(options, dir, &raw);
     if (s.ok()) {
         std::unique_ptr<rocksdb::DB> db(raw);
-        // The salvaged state goes into table files, so that the damaged logs
-        // are no longer needed.
         s = db->Flush(rocksdb::FlushOptions());
         if (s.ok()) s = db->Close();
-        return FromRocks(s, "repairing " + dir);
+    } else {
+        // The file list itself is damaged: rebuild it from the files.
+        report->push_back("the database does not open (" + s.ToString() + "); its file list is rebuilt from its files");
+        s = rocksdb::RepairDB(dir, options);
     }
-    // The file list itself is damaged: rebuild it from the table files.
-    report->push_back("the database does not open (" + s.ToString() + "); rebuilding its file list from its files");
-    s = rocksdb::RepairDB(dir, options);
+    for (std::string& line : logger->Take()) report->push_back(std::move(line));
     return FromRocks(s, "repairing " + dir);
 }
 

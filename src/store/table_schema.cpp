@@ -123,13 +123,15 @@ Status TableSchema::Bind(const std::string& name, uint32_t number, const std::st
     }
     // A client whose cipher suite is missing or holds another key builds no
     // key of the table, and could not decrypt the stored ones: the key
-    // encoder's own check (it comes before any field) refuses it now.
+    // encoder's own check (it comes before any field) refuses it now, on an
+    // empty message (the prototype may hold values, and must not be touched).
     {
         ScratchPool::Lease lease = scratch->Acquire();
         uint8_t buf[1024];
         int32_t size = sizeof(buf);
-        prototype.ByteSizeLong();
-        const int ret = ProtobufUtil::ExtractMsgKey(m_kv, prototype, buf, size, lease->idl.get(), m_log, false);
+        std::unique_ptr<Message> empty(prototype.New());
+        empty->ByteSizeLong();
+        const int ret = ProtobufUtil::ExtractMsgKey(m_kv, *empty, buf, size, lease->idl.get(), m_log, false);
         if (ret == -3 || ret == -4) return KeyError("table " + m_name + ": primary key", ret, m_desc);
     }
     if (ProtobufUtil::GetMsgKeyNames(prototype, m_key_names) != 0) {

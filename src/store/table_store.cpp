@@ -6,6 +6,7 @@
 #include "store/rocksdb_engine.h"
 #include "store/store_context.h"
 #include "store/table_impl.h"
+#include "store/store_open.h"
 #include "store/upgrade.h"
 #if CORVIDA_STORE_WITH_ETCD
 #include "store/etcd_engine.h"
@@ -118,6 +119,8 @@ Status TableStoreImpl::OpenTable(const google::protobuf::Message& prototype, COR
     });
 }
 
+}  // namespace
+
 // Writes the layout of a new store, or checks the layout of an old one.
 Status PrepareLayout(Engine* engine, const StoreOptions& options) {
     LayoutState layout;
@@ -136,7 +139,12 @@ Status PrepareLayout(Engine* engine, const StoreOptions& options) {
     return committed ? Status::OK() : CheckLayout(engine, &layout);
 }
 
-}  // namespace
+Status OpenStoreOnEngine(std::unique_ptr<Engine> engine, const StoreOptions& options,
+                         std::unique_ptr<TableStore>* store) {
+    Status status = PrepareLayout(engine.get(), options);
+    if (status.ok()) store->reset(new TableStoreImpl(std::make_shared<StoreContext>(std::move(engine), options.log)));
+    return status;
+}
 
 Status TableStore::Open(std::string_view where, const StoreOptions& options, std::unique_ptr<TableStore>* store) {
     return NoThrow([&] {
@@ -148,14 +156,9 @@ Status TableStore::Open(std::string_view where, const StoreOptions& options, std
         NewStore made;
         Status status = OpenEngine(path, options, &engine, &made);
         if (!status.ok()) return status;
-        status = PrepareLayout(engine.get(), options);
-        if (!status.ok()) {
-            engine.reset();
-            if (made.database) DiscardNewStore(path, made);
-            return status;
-        }
-        store->reset(new TableStoreImpl(std::make_shared<StoreContext>(std::move(engine), options.log)));
-        return Status::OK();
+        status = OpenStoreOnEngine(std::move(engine), options, store);
+        if (!status.ok() && made.database) DiscardNewStore(path, made);
+        return status;
     });
 }
 

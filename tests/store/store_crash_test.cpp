@@ -11,6 +11,7 @@
 // the kill times (default: from the clock, printed).
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <random>
@@ -118,6 +119,68 @@ TEST(StoreCrashTest, AcknowledgedWritesSurviveAKill) {
     std::printf("crash test: %llu operations acknowledged, %llu applied\n",
                 static_cast<unsigned long long>(acknowledged), static_cast<unsigned long long>(applied));
     EXPECT_GE(acknowledged, static_cast<uint64_t>(rounds)) << "the writer hardly wrote: the test proved little";
+}
+
+// Upgrades of a store of layout 1 killed at random moments: afterwards the
+// store is of layout 1, byte for byte as before, or of layout 2 with every
+// record and every entry. CORVIDA_STORE_UPGRADE_ROUNDS sets the rounds
+// (default 20).
+TEST(StoreCrashTest, AnUpgradeKilledAnywhereLeavesOneLayoutOrTheOther) {
+    const int rounds = EnvInt("CORVIDA_STORE_UPGRADE_ROUNDS", 20);
+    const unsigned seed = static_cast<unsigned>(
+        EnvInt("CORVIDA_STORE_CRASH_SEED", static_cast<int>(std::chrono::steady_clock::now().time_since_epoch().count() & 0x7fffffff)));
+    std::printf("upgrade crash test: %d rounds, CORVIDA_STORE_CRASH_SEED=%u\n", rounds, seed);
+    std::mt19937 rng(seed);
+
+    // A store of layout 1 with the records of the crash sequence's first
+    // 400 operations.
+    TempDir original;
+    const uint64_t operations = 400;
+    {
+        std::unique_ptr<TableStore> store;
+        ASSERT_TRUE(OpenStore(original.path(), &store).ok());
+        ASSERT_TRUE(store->CreateTable(SchemaBlob(Player3::descriptor()), "Player3").ok());
+        std::unique_ptr<Table> table;
+        ASSERT_TRUE(store->OpenTable(Player3::default_instance(), nullptr, &table).ok());
+        for (uint64_t i = 0; i < operations; ++i) {
+            const CrashOp op = MakeCrashOp(i);
+            Status s = op.kind == CrashOp::kPut      ? table->Put(op.record)
+                       : op.kind == CrashOp::kDelete ? table->Delete(op.record)
+                                                     : table->Update(op.record, op.paths);
+            ASSERT_TRUE(s.ok() || s.IsNotFound()) << s.ToString();
+        }
+    }
+    RewriteInLayout1(original.path());
+    const std::map<std::string, std::string> layout1 = RawContents(original.path());
+    const std::map<std::string, std::string> expected = ModelRecords(operations);
+
+    std::uniform_int_distribution<int> delay_ms(0, 120);
+    int upgraded = 0;
+    for (int round = 0; round < rounds; ++round) {
+        TempDir dir;
+        std::filesystem::copy(original.path(), dir.path(), std::filesystem::copy_options::recursive |
+                                                               std::filesystem::copy_options::overwrite_existing);
+        Child child;
+        ASSERT_TRUE(Spawn(CORVIDA_STORE_WRITER, {"upgrade", dir.path()}, &child));
+        std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms(rng)));
+        kill(child.pid, SIGKILL);
+        waitpid(child.pid, nullptr, 0);
+        ReadAll(&child);
+
+        const std::map<std::string, std::string> raw = RawContents(dir.path());
+        const auto layout = raw.find("Mlayout");
+        ASSERT_NE(layout, raw.end()) << "round " << round;
+        if (layout->second == "1") {
+            EXPECT_EQ(layout1, raw) << "round " << round << ": a store of layout 1 that is not as it was";
+            continue;
+        }
+        ASSERT_EQ("2", layout->second) << "round " << round;
+        ++upgraded;
+        std::map<std::string, std::string> stored;
+        ASSERT_TRUE(StoredRecords(dir.path(), &stored)) << "round " << round;
+        EXPECT_EQ(expected, stored) << "round " << round;
+    }
+    std::printf("upgrade crash test: %d of %d rounds found the store upgraded\n", upgraded, rounds);
 }
 
 }  // namespace

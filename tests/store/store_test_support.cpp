@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <rocksdb/db.h>
 #include <rocksdb/iterator.h>
+#include <rocksdb/write_batch.h>
 
 #include <chrono>
 #include <thread>
@@ -19,7 +20,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "corvida_store_catalog.pb.h"
 #include "protobuf_api/aes_siv_cipher_suite.h"
+#include "store/key_format.h"
+#include "store/catalog.h"
 
 extern char** environ;
 
@@ -43,7 +47,69 @@ std::unique_ptr<rocksdb::DB> OpenRaw(const std::string& dir) {
     return std::unique_ptr<rocksdb::DB>(db);
 }
 
+namespace keys = corvida::store::keys;
+
+void AppendCounted(std::string* out, std::string_view bytes, int width) {
+    for (int shift = 8 * (width - 1); shift >= 0; shift -= 8) {
+        out->push_back(static_cast<char>((bytes.size() >> shift) & 0xff));
+    }
+    out->append(bytes.data(), bytes.size());
+}
+
+// One key of layout 2 and its value in layout 1; false for the keys layout 1
+// did not have.
+bool InLayout1(std::string_view key, std::string_view value, std::string* key_out, std::string* value_out) {
+    const char space = key[0];
+    std::string_view rest = key.substr(1);
+    if (space == keys::kCatalog) {
+        corvida::store::format::CatalogEntry entry;
+        EXPECT_TRUE(entry.ParseFromArray(value.data(), static_cast<int>(value.size())));
+        *key_out = std::string(1, keys::kCatalog) + std::string(corvida::store::ShortName(rest));
+        value_out->clear();
+        keys::AppendU32(value_out, entry.number());
+        value_out->append(entry.schema_blob());
+        return true;
+    }
+    if (space != keys::kRow && space != keys::kIndex && space != keys::kShard) return false;
+    *key_out = std::string(key.substr(0, 5));
+    rest.remove_prefix(4);
+    std::string first;
+    std::string second;
+    if (space == keys::kRow) {
+        EXPECT_TRUE(keys::ReadEscaped(&rest, &first));
+        AppendCounted(key_out, first, 2);
+        key_out->append(rest.data(), rest.size());
+        *value_out = rest.empty() ? std::string() : std::string(value);
+        return true;
+    }
+    if (space == keys::kIndex) {
+        EXPECT_TRUE(keys::ReadEscaped(&rest, &first));
+        AppendCounted(key_out, first, 1);
+    }
+    std::string pk;
+    EXPECT_TRUE(keys::SplitSecondaryKey(rest, &second, &pk));
+    AppendCounted(key_out, second, 2);
+    key_out->append(pk);
+    value_out->clear();
+    return true;
+}
+
 }  // namespace
+
+void RewriteInLayout1(const std::string& dir) {
+    std::unique_ptr<rocksdb::DB> db = OpenRaw(dir);
+    rocksdb::WriteBatch batch;
+    std::unique_ptr<rocksdb::Iterator> it(db->NewIterator(rocksdb::ReadOptions()));
+    for (it->SeekToFirst(); it->Valid(); it->Next()) {
+        const std::string key = it->key().ToString();
+        batch.Delete(key);
+        std::string key_out;
+        std::string value_out;
+        if (InLayout1(key, it->value().ToString(), &key_out, &value_out)) batch.Put(key_out, value_out);
+    }
+    batch.Put(std::string(keys::kLayoutKey), "1");
+    ASSERT_TRUE(db->Write(rocksdb::WriteOptions(), &batch).ok());
+}
 
 TempDir::TempDir() {
     const char* tmp = std::getenv("TMPDIR");

@@ -58,6 +58,11 @@ std::map<std::string, std::string> RawContents(const std::string& dir);
 // creating the database if there is none.
 void RawPut(const std::string& dir, const std::string& key, const std::string& value);
 
+// Rewrites the store in dir (which no store holds) in key layout 1, as the
+// first version of the store wrote it: tables under their short names,
+// lengths before keys, empty row markers. For the tests of the upgrade.
+void RewriteInLayout1(const std::string& dir);
+
 // A process started with posix_spawn, its standard output on a pipe.
 struct Child {
     int pid = -1;

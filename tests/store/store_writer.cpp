@@ -8,11 +8,21 @@
 //   store_writer open DIR          opens the store in DIR and prints the
 //                                  result; exit status 0 when it opened, 3
 //                                  when the store was busy, 1 otherwise
+//   store_writer race DIR N        N times: opens the store in DIR for
+//                                  writing without waiting, puts a record
+//                                  when it opened, closes it; prints "ok" or
+//                                  "busy" per attempt, and any other answer
+//                                  with exit status 1
+//   store_writer upgrade DIR       upgrades the store in DIR to the current
+//                                  layout; prints "upgraded", "current" or
+//                                  the error (exit status 1)
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
+
+#include <unistd.h>
 
 #include "crash_ops.h"
 #include "store/table_store.h"
@@ -56,9 +66,42 @@ int Write(const std::string& dir, uint64_t start) {
     }
 }
 
+int Race(const std::string& dir, int attempts) {
+    for (int i = 0; i < attempts; ++i) {
+        std::unique_ptr<TableStore> store;
+        Status s = TableStore::Open(dir, corvida::store::StoreOptions(), &store);
+        if (s.IsBusy()) {
+            std::printf("busy\n");
+            continue;
+        }
+        std::unique_ptr<Table> table;
+        if (s.ok()) s = store->OpenTable(Player3::default_instance(), nullptr, &table);
+        if (s.ok()) {
+            Player3 player;
+            player.set_zone(static_cast<int32_t>(getpid() % 1000));
+            player.set_uid(static_cast<uint64_t>(i));
+            player.set_level(i % 5);
+            s = table->Put(player);
+        }
+        if (!s.ok()) return Fail("race", s);
+        std::printf("ok\n");
+    }
+    return 0;
+}
+
+int Upgrade(const std::string& dir) {
+    bool upgraded = false;
+    const Status s = corvida::store::UpgradeStore(dir, corvida::store::StoreOptions(), &upgraded);
+    if (!s.ok()) return Fail("upgrade", s);
+    std::printf(upgraded ? "upgraded\n" : "current\n");
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 4 && std::strcmp(argv[1], "race") == 0) return Race(argv[2], std::atoi(argv[3]));
+    if (argc == 3 && std::strcmp(argv[1], "upgrade") == 0) return Upgrade(argv[2]);
     if (argc == 4 && std::strcmp(argv[1], "write") == 0) return Write(argv[2], std::strtoull(argv[3], nullptr, 10));
     if (argc == 3 && std::strcmp(argv[1], "open") == 0) {
         std::unique_ptr<TableStore> store;
@@ -66,6 +109,6 @@ int main(int argc, char** argv) {
         std::printf("%s\n", s.ToString().c_str());
         return s.ok() ? 0 : s.IsBusy() ? 3 : 1;
     }
-    std::fprintf(stderr, "usage: store_writer write DIR START | open DIR\n");
+    std::fprintf(stderr, "usage: store_writer write DIR START | open DIR | race DIR N | upgrade DIR\n");
     return 2;
 }
