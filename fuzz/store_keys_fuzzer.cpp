@@ -39,7 +39,12 @@ void CheckEscaping(std::string_view input) {
     keys::AppendEscaped(&ea, a);
     keys::AppendEscaped(&eb, b);
     FUZZ_CHECK(Sign(a.compare(b)) == Sign(ea.compare(eb)));
-    if (a != b) FUZZ_CHECK(!IsPrefix(ea, eb) && !IsPrefix(eb, ea));
+    // Followed by what the layout puts after a string (never FF), neither is
+    // the prefix of the other, and the order holds whatever follows.
+    if (a != b) {
+        FUZZ_CHECK(!IsPrefix(ea + '\x01', eb + '\xfe') && !IsPrefix(eb + '\x01', ea + '\xfe'));
+        FUZZ_CHECK(Sign(a.compare(b)) == Sign((ea + '\xfe').compare(eb + '\x00')));
+    }
     std::string_view rest = ea;
     std::string back;
     FUZZ_CHECK(keys::ReadEscaped(&rest, &back) && back == a && rest.empty());

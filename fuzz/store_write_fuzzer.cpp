@@ -204,8 +204,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int damaged = in.ConsumeIntegralInRange<int>(0, 8);
     std::vector<std::string> damaged_paths;
     for (int i = 0; i < damaged; ++i) {
-        const std::string tag_path = in.ConsumeBool() ? corvida_fuzz::PickTagPath(in, prototype.GetDescriptor())
-                                                      : in.ConsumeRandomLengthString(16);
+        std::string tag_path = in.ConsumeBool() ? corvida_fuzz::PickTagPath(in, prototype.GetDescriptor())
+                                                : in.ConsumeRandomLengthString(16);
+        // A key that continues the row's key with FF is one of another row.
+        if (!tag_path.empty() && static_cast<uint8_t>(tag_path[0]) == 0xff) tag_path[0] = '9';
         memory->Damage(row_key + tag_path, in.ConsumeRandomLengthString(64));
         damaged_paths.push_back(tag_path);
     }

@@ -62,7 +62,7 @@ std::string RowKey(uint32_t table, std::string_view pk) {
     return key;
 }
 
-std::string RowEnd(const std::string& row_key) { return row_key + '\xff'; }
+std::string EscapedEnd(const std::string& prefix) { return prefix + '\xff'; }
 
 bool SplitRowKey(std::string_view rest, std::string* pk, std::string_view* tag_path) {
     if (!ReadEscaped(&rest, pk)) return false;
@@ -75,6 +75,13 @@ std::string SecondarySpace(char space, uint32_t table, std::string_view name) {
     AppendU32(&key, table);
     if (space == kIndex) AppendEscaped(&key, name);
     return key;
+}
+
+std::string SecondarySpaceEnd(char space, uint32_t table, std::string_view name) {
+    if (space == kIndex) return EscapedEnd(SecondarySpace(space, table, name));
+    std::string end(1, space);
+    AppendU32(&end, table + 1);  // the shard listing ends where the next table's begins
+    return table == UINT32_MAX ? std::string(1, static_cast<char>(space + 1)) : end;
 }
 
 std::string SecondaryPrefix(char space, uint32_t table, std::string_view name, std::string_view value) {

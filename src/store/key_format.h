@@ -11,8 +11,8 @@
 //
 // <u32> is big-endian. <esc x> is x with every 00 byte written as 00 FF,
 // followed by one 00: an encoding that keeps byte order (esc a < esc b
-// exactly when a < b) and never makes one encoded string the prefix of
-// another. So the rows of a table come in primary-key byte order, the
+// exactly when a < b) and, followed by anything but FF, never makes one
+// encoded string the prefix of another. So the rows of a table come in primary-key byte order, the
 // entries of one index value or of one shard in primary-key byte order, and
 // the keys of one row, one index value or one shard are contiguous.
 //
@@ -76,11 +76,13 @@ inline std::string CatalogStart() { return std::string(1, kCatalog); }
 std::string TableRows(uint32_t table);
 // "R <table> <esc pk>": a row's marker, and the prefix of its fields.
 std::string RowKey(uint32_t table, std::string_view pk);
-// The end of the range of a row's keys: its marker and fields, and any
-// other key that SplitRowKey assigns to the row, lie in [row_key,
-// RowEnd(row_key)), and no key of another row does (those continue row_key
-// with FF, an escaped 00 of a longer primary key).
-std::string RowEnd(const std::string& row_key);
+// The end of the range of the keys that continue prefix, an encoding that
+// ends with an escaped string (a row key, the prefix of an index value or of
+// a shard, the space of an index): they lie in [prefix, EscapedEnd(prefix)).
+// The keys of a longer string that begins with the same bytes and a 00
+// continue prefix with FF (its escaped 00), so they lie beyond: a row's
+// range holds its marker and fields and nothing of another row.
+std::string EscapedEnd(const std::string& prefix);
 
 // Splits the rest of a row key after "R <table>" into its primary key and tag
 // path (empty for the marker). False when the rest holds no whole escaped
@@ -90,6 +92,9 @@ bool SplitRowKey(std::string_view rest, std::string* pk, std::string_view* tag_p
 // The start of every entry of one index ("I <table> <esc name>"), or of the
 // shard listing ("S <table>") when space is kShard (name is then ignored).
 std::string SecondarySpace(char space, uint32_t table, std::string_view name);
+// The end of a space's range: after every entry of the index, or of the
+// table's shard listing.
+std::string SecondarySpaceEnd(char space, uint32_t table, std::string_view name);
 // The prefix of the entries of one value: the space and <esc value>.
 std::string SecondaryPrefix(char space, uint32_t table, std::string_view name, std::string_view value);
 // One entry: the prefix of its value and <esc pk>.

@@ -179,7 +179,7 @@ Status RecordReader::ScanTable(const Page& page, const RecordVisitor& visit, std
         std::string after;
         Status status = DecodeCursor(page.after, scope, &after);
         if (!status.ok()) return status;
-        start = keys::RowEnd(keys::RowKey(m_schema->number(), after));
+        start = keys::EscapedEnd(keys::RowKey(m_schema->number(), after));
     }
     std::unique_ptr<ReadView> view;
     Status status = m_context->engine()->NewView(&view);
@@ -229,7 +229,7 @@ Status RecordReader::ReadEntries(const Secondary& secondary, const std::string& 
     // of primary keys is held.
     constexpr size_t kChunk = 256;
     const size_t space_size = keys::SecondarySpace(secondary.space, table, secondary.name).size();
-    const std::string end = PrefixEnd(prefix);
+    const std::string end = keys::EscapedEnd(prefix);
     size_t returned = 0;
     std::string last_pk;
     for (;;) {
@@ -278,7 +278,7 @@ Status RecordReader::ReadEntries(const Secondary& secondary, const std::string& 
 
 Status RecordReader::CountPrefix(const std::string& prefix, uint64_t* count) const {
     *count = 0;
-    return m_context->engine()->Scan(nullptr, prefix, PrefixEnd(prefix), [count](std::string_view, std::string_view) {
+    return m_context->engine()->Scan(nullptr, prefix, keys::EscapedEnd(prefix), [count](std::string_view, std::string_view) {
         ++*count;
         return true;
     });

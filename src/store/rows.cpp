@@ -7,7 +7,7 @@ namespace store {
 
 Status ReadRow(Engine* engine, const ReadView* view, const std::string& row_key, bool all_paths,
                const FieldFilter& keep, StoredRow* row) {
-    return engine->Scan(view, row_key, keys::RowEnd(row_key), [&](std::string_view key, std::string_view value) {
+    return engine->Scan(view, row_key, keys::EscapedEnd(row_key), [&](std::string_view key, std::string_view value) {
         const std::string_view tag_path = key.substr(row_key.size());
         if (tag_path.empty()) {
             row->exists = true;

@@ -48,7 +48,7 @@ Status VerifyTable(StoreContext* context, const TableSchema& schema, const Recor
     counts->missing = expected.size();
     for (const Secondary& secondary : schema.secondaries()) {
         const std::string space = keys::SecondarySpace(secondary.space, schema.number(), secondary.name);
-        status = engine->Scan(view.get(), space, PrefixEnd(space), [&](std::string_view key, std::string_view) {
+        status = engine->Scan(view.get(), space, keys::SecondarySpaceEnd(secondary.space, schema.number(), secondary.name), [&](std::string_view key, std::string_view) {
             ++counts->entries;
             if (expected.count(std::string(key)) != 0) {
                 --counts->missing;

@@ -320,7 +320,7 @@ Status RecordWriter::StageEntriesOf(const Secondary& secondary, const std::strin
     const std::string space = keys::SecondarySpace(secondary.space, m_schema->number(), secondary.name);
     std::string value;
     std::string entry_pk;
-    return m_context->engine()->Scan(view, space, PrefixEnd(space), [&](std::string_view key, std::string_view) {
+    return m_context->engine()->Scan(view, space, keys::SecondarySpaceEnd(secondary.space, m_schema->number(), secondary.name), [&](std::string_view key, std::string_view) {
         if (keys::SplitSecondaryKey(key.substr(space.size()), &value, &entry_pk) && entry_pk == pk && key != keep) {
             batch->Delete(key);
         }

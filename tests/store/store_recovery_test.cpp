@@ -85,7 +85,7 @@ TEST(KeyLayoutTest, EveryKindOfKeyIsAsDocumented) {
     const std::string row = Bytes({'R', 0, 0, 0, 1, 0x08, 0x03, 0x10, 0xac, 0x02, 0x00});
     EXPECT_EQ(row, keys::RowKey(1, pk));
     EXPECT_EQ(row + "4.1", keys::RowKey(1, pk) + "4.1");
-    EXPECT_EQ(row + "\xff", keys::RowEnd(keys::RowKey(1, pk)));
+    EXPECT_EQ(row + "\xff", keys::EscapedEnd(keys::RowKey(1, pk)));
     const std::string email = Bytes({0x1a, 0x0a}) + "ann@ex.com";
     EXPECT_EQ(Bytes({'I', 0, 0, 0, 1}) + "by_email" + Bytes({0x00}) + email + Bytes({0x00}) + pk + Bytes({0x00}),
               keys::SecondaryKey(keys::kIndex, 1, "by_email", email, pk));
