@@ -4,10 +4,13 @@
 //
 // Each test runs the built tool from the source root (CORVIDA_PB_SOURCE_DIR)
 // as a child process.
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -289,15 +292,32 @@ TEST_F(CliTest, CipherFileGivesTheKey) {
     EXPECT_NE(r.out.find("primary key of corvida.example.Player: 40 bytes"), std::string::npos);
 }
 
-TEST_F(CliTest, CipherFileReadableByOthersIsWarnedAbout) {
-    const std::string file = WriteTmp("ciphers", std::string("game-aes=") + kGameKey + "\n", 0644);
-    std::vector<std::string> args = PlayerKeyArgs();
-    args.insert(args.end(), {"--cipher-file", file});
-    const ProcessResult r = Pb(args);
+// A key file that group or others may access is refused, as ssh refuses such
+// a private key: exit 1, the mode and the fix in the message, nothing read.
+TEST_F(CliTest, KeyFilesOthersMayAccessAreRefused) {
+    for (const mode_t mode : {0644, 0640}) {
+        const std::string octal = mode == 0644 ? "0644" : "0640";
+        const std::string ciphers = WriteTmp("ciphers" + octal, GameCipher() + "\n", mode);
+        std::vector<std::string> args = PlayerKeyArgs();
+        args.insert(args.end(), {"--cipher-file", ciphers});
+        ProcessResult r = Pb(args);
+        EXPECT_EQ(r.status, 1) << octal;
+        EXPECT_EQ(r.out, "");
+        EXPECT_EQ(r.err, "corvida-pb key: error: the cipher file " + ciphers +
+                             " is accessible by group or others (mode " + octal +
+                             "), so it is not read; keep keys private to their owner: chmod 600 " + ciphers + "\n");
+
+        const std::string key = WriteTmp("key" + octal, std::string(kGameKey) + "\n", mode);
+        r = Pb({"cipher", "md5", "--key-file", key});
+        EXPECT_EQ(r.status, 1) << octal;
+        EXPECT_EQ(r.out, "");
+        EXPECT_EQ(r.err, "corvida-pb cipher md5: error: the key file " + key +
+                             " is accessible by group or others (mode " + octal +
+                             "), so it is not read; keep keys private to their owner: chmod 600 " + key + "\n");
+    }
+    const ProcessResult r = Pb({"cipher", "md5", "--key-file", WriteTmp("key0600", std::string(kGameKey) + "\n")});
     EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.err, "corvida-pb key: warning: the cipher file " + file +
-                         " is accessible by group or others (mode 0644); keep keys private: chmod 600 " + file +
-                         "\n");
+    EXPECT_EQ(r.out, std::string("corvida_cipher_md5: ") + kGameKeyMd5 + "\n");
 }
 
 TEST_F(CliTest, EnvironmentGivesTheKey) {
@@ -318,6 +338,9 @@ std::string EnvironmentBlock(int pid) {
 // environment. key reads the message from standard input after the keys,
 // so the test looks at the child while it waits for the message.
 TEST_F(CliTest, EnvironmentKeysAreWipedOnceRead) {
+    // Once it holds keys the tool is not dumpable: only a process with
+    // CAP_SYS_PTRACE (root) may still read its environment block.
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can read the environment of a non-dumpable process";
     ProcessOptions options;
     options.directory = CORVIDA_PB_SOURCE_DIR;
     options.set_env[kCiphersVariable] = GameCipher();
@@ -376,10 +399,13 @@ TEST_F(CliTest, KeyMaterialIsNeverPrinted) {
         {"--log-level", key + "g"},
         {"--table", "0x" + key},
         {"--cipher", "game-aes=" + key.substr(0, 32) + "-" + key.substr(32)},
+        // NAME and HEXKEY swapped.
+        {"--cipher", key + "=game-aes"},
+        {"--cipher=" + key + "=game-aes"},
     };
     const auto expect_no_key = [&key](const ProcessResult& r, const std::string& what) {
         EXPECT_NE(r.status, 0) << what;
-        for (size_t at = 0; at + 16 <= key.size(); at += 8) {
+        for (size_t at = 0; at + 16 <= key.size(); ++at) {
             EXPECT_EQ(r.err.find(key.substr(at, 16)), std::string::npos) << what << "\n" << r.err;
             EXPECT_EQ(r.out.find(key.substr(at, 16)), std::string::npos) << what << "\n" << r.out;
         }
@@ -394,23 +420,102 @@ TEST_F(CliTest, KeyMaterialIsNeverPrinted) {
     // The library's log line names the path too.
     expect_no_key(Pb({"cut", "--proto", kGame, "--table", "Player", "--paths", "level," + key + "g"}),
                   "cut --paths KEYg");
-    const std::vector<std::string> bad_lines = {key, "=" + key, "game-aes " + key, "game-aes=" + key + "zz"};
+    const std::vector<std::string> bad_lines = {key,
+                                                "=" + key,
+                                                "game-aes " + key,
+                                                "game-aes=" + key + "zz",
+                                                key + "=game-aes",
+                                                key + " = game-aes",
+                                                key.substr(0, 40) + "=" + key.substr(40)};
     for (const std::string& line : bad_lines) {
         std::vector<std::string> args = PlayerKeyArgs();
         args.insert(args.end(), {"--cipher-file", WriteTmp("bad", "\n" + line + "\n")});
         const ProcessResult from_file = Pb(args);
         EXPECT_EQ(from_file.status, 1) << line;
         EXPECT_NE(from_file.err.find(m_tmp + "/bad:2"), std::string::npos) << from_file.err;
+        expect_no_key(from_file, "--cipher-file line " + line);
         ProcessOptions options;
         options.set_env[kCiphersVariable] = line;
         const ProcessResult from_env = Pb(PlayerKeyArgs(), options);
         EXPECT_EQ(from_env.status, 1) << line;
         EXPECT_NE(from_env.err.find("CORVIDA_PB_CIPHERS entry 1"), std::string::npos) << from_env.err;
-        for (const std::string& err : {from_file.err, from_env.err}) {
-            EXPECT_EQ(err.find(key.substr(0, 16)), std::string::npos) << err;
-            EXPECT_EQ(err.find(key.substr(48, 16)), std::string::npos) << err;
-        }
+        expect_no_key(from_env, "CORVIDA_PB_CIPHERS entry " + line);
     }
+}
+
+// An entry written HEXKEY=NAME is refused for what it is, naming its place
+// and not the text before "=".
+TEST_F(CliTest, SwappedEntryIsNamedByItsPlace) {
+    const std::string swapped = std::string(kGameKey) + "=game-aes";
+    const std::string what = "the text before \"=\" looks like a key, not a suite name (it is not shown); an entry is "
+                             "NAME=HEXKEY";
+    std::vector<std::string> args = PlayerKeyArgs();
+    const std::string file = WriteTmp("swapped", "# keys\n" + swapped + "\n");
+    args.insert(args.end(), {"--cipher-file", file});
+    EXPECT_EQ(Pb(args).err, "corvida-pb key: error: " + file + ":2: " + what + "\n");
+    ProcessOptions options;
+    options.set_env[kCiphersVariable] = GameCipher() + ";" + swapped;
+    EXPECT_EQ(Pb(PlayerKeyArgs(), options).err, "corvida-pb key: error: CORVIDA_PB_CIPHERS entry 2: " + what + "\n");
+    args = PlayerKeyArgs();
+    args.insert(args.end(), {"--cipher", swapped});
+    const ProcessResult r = Pb(args);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.err, "corvida-pb key: --cipher: " + what + "\nTry 'corvida-pb key --help'.\n");
+}
+
+// /proc/<pid>/limits of a running process: readable by every user, even
+// when the process is not dumpable.
+std::string Limits(int pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/limits");
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+// The "Max core file size" line of limits, its blanks squeezed.
+std::string CoreLimit(const std::string& limits) {
+    std::istringstream in(limits);
+    for (std::string line; std::getline(in, line);) {
+        if (line.rfind("Max core file size", 0) != 0) continue;
+        std::istringstream words(line.substr(18));
+        std::string soft, hard;
+        words >> soft >> hard;
+        return soft + " " + hard;
+    }
+    return "";
+}
+
+// The tool's core limit ("SOFT HARD") once it is "0 0", or as it stands
+// after 30 seconds, while it waits for the message on standard input.
+std::string CoreLimitWhileWaiting(const std::vector<std::string>& args) {
+    std::vector<std::string> argv = {CORVIDA_PB_EXE};
+    argv.insert(argv.end(), args.begin(), args.end());
+    ProcessOptions options;
+    options.directory = CORVIDA_PB_SOURCE_DIR;
+    options.unset_env.push_back(kCiphersVariable);
+    ChildProcess child;
+    if (!child.Start(argv, options)) return "not started";
+    std::string limit;
+    for (int i = 0; i < 600 && limit != "0 0"; ++i) {  // at most 30 seconds
+        if (i > 0) ::usleep(50000);
+        limit = CoreLimit(Limits(child.pid()));
+    }
+    std::ifstream text(std::string(CORVIDA_PB_SOURCE_DIR) + "/" + kPlayerText);
+    const ProcessResult r = child.Finish(std::string((std::istreambuf_iterator<char>(text)), {}));
+    EXPECT_EQ(r.status, 0) << r.err;
+    return limit;
+}
+
+// Once it has read a key, the tool cannot dump core: its core limit is 0,
+// soft and hard (and it is not dumpable, which key_material_test checks in
+// process). The tool starts with this process's hard limit, which must not
+// be 0 for the change to show.
+TEST_F(CliTest, KeysTurnCoreDumpsOff) {
+    rlimit limit;
+    ASSERT_EQ(::getrlimit(RLIMIT_CORE, &limit), 0);
+    if (limit.rlim_max == 0) GTEST_SKIP() << "the hard core limit is 0 already: nothing to turn off";
+    std::vector<std::string> args = PlayerKeyArgs();
+    args.back() = "-";  // --text-file -
+    args.insert(args.end(), {"--cipher-file", WriteTmp("ciphers", GameCipher() + "\n")});
+    EXPECT_EQ(CoreLimitWhileWaiting(args), "0 0");
 }
 
 // The words hidden as possible key material are hex-like runs: long names,

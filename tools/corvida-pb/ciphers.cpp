@@ -1,16 +1,14 @@
 #include "corvida-pb/ciphers.h"
 
-#include <sys/stat.h>
-
-#include <cstdio>
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <set>
+#include <string_view>
 #include <utility>
 
 #include <openssl/crypto.h>
 
-#include "corvida-pb/cli.h"
 #include "corvida-pb/files.h"
 #include "corvida-pb/secrets.h"
 #include "corvida-pb/status.h"
@@ -56,14 +54,30 @@ struct CipherEntry {
     throw Failure(message);
 }
 
+bool IsPrintableAscii(char c) { return c >= ' ' && c <= '~'; }
+
+// Refuses name unless it is a valid suite name (see ciphers.h), without
+// showing it or copying it: it may be a key written before "=".
+void CheckSuiteName(std::string_view name, const std::string& where, bool usage) {
+    if (LooksLikeKeyText(name)) {
+        Refuse(usage, where + ": the text before \"=\" looks like a key, not a suite name (it is not shown); an "
+                              "entry is NAME=HEXKEY");
+    }
+    if (!std::all_of(name.begin(), name.end(), IsPrintableAscii)) {
+        Refuse(usage, where + ": the suite name before \"=\" holds a character that is not printable ASCII (it is "
+                              "not shown)");
+    }
+}
+
 // Splits text (which the caller wipes) into an entry. Never puts key text
-// into a message.
+// into a message, nor a copy of it anywhere but entry->key.
 void ParseEntry(const std::string& text, const std::string& where, bool usage, CipherEntry* entry) {
     const size_t eq = text.find('=');
     if (eq == std::string::npos) {
         Refuse(usage, where + " takes NAME=HEXKEY, but the value has no \"=\" (it is not shown, as it may be a key)");
     }
     if (eq == 0) Refuse(usage, where + " takes NAME=HEXKEY, but the value has no suite name before \"=\"");
+    CheckSuiteName(std::string_view(text).substr(0, eq), where, usage);
     entry->where = where;
     entry->name = text.substr(0, eq);
     AssignTrimmed(text, eq + 1, text.size(), &entry->key.str());
@@ -98,18 +112,8 @@ void WipeResults(CLI::Option* option) {
     for (const std::string& result : option->results()) WipeString(const_cast<std::string*>(&result));
 }
 
-void WarnIfShared(const std::string& path, const CLI::App* app) {
-    struct stat st;
-    if (path == "-" || ::stat(path.c_str(), &st) != 0 || (st.st_mode & (S_IRWXG | S_IRWXO)) == 0) return;
-    char mode[8];
-    std::snprintf(mode, sizeof(mode), "%04o", static_cast<unsigned>(st.st_mode & 07777));
-    PrintWarning(app, "the cipher file " + path + " is accessible by group or others (mode " + mode +
-                          "); keep keys private: chmod 600 " + path);
-}
-
-std::vector<CipherEntry> FileEntries(const std::string& path, const CLI::App* app) {
-    WarnIfShared(path, app);
-    SecretString text(ReadFile(path));
+std::vector<CipherEntry> FileEntries(const std::string& path) {
+    const SecretString text = ReadKeyFile(path, "cipher file");
     std::vector<CipherEntry> entries;
     size_t line_number = 0;
     size_t start = 0;
@@ -133,6 +137,7 @@ std::vector<CipherEntry> EnvironmentEntries() {
     char* value = std::getenv(kCipherEnvironmentVariable);
     std::vector<CipherEntry> entries;
     if (value == nullptr) return entries;
+    KeepOutOfCoreDumps();
     SecretString text(value);
     OPENSSL_cleanse(value, std::strlen(value));
     ::unsetenv(kCipherEnvironmentVariable);
@@ -152,19 +157,9 @@ std::vector<CipherEntry> EnvironmentEntries() {
     return entries;
 }
 
-// text as one shell word: unchanged when it is safe, else in single quotes.
-std::string ShellWord(const std::string& text) {
-    static const char kSafe[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_.:/+,@%=";
-    if (!text.empty() && text.find_first_not_of(kSafe) == std::string::npos) return text;
-    std::string quoted = "'";
-    for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return quoted + "'";
-}
-
 }  // namespace
 
 CLI::Option* CipherOptions::Add(CLI::App* app) {
-    m_app = app;
     m_cipher_option = app->add_option("--cipher", m_ciphers,
                                       "the AES-SIV suite NAME with a key of 64 or 128 hex digits (shown in the "
                                       "process list: prefer --cipher-file or " +
@@ -204,7 +199,7 @@ void CipherOptions::Configure(CORVIDA_KV::CorvidaKVApi* api) {
         AddSuites(&entries, true, &taken, api);
     }
     if (m_file_option->count() > 0) {
-        std::vector<CipherEntry> entries = FileEntries(m_file, m_app);
+        std::vector<CipherEntry> entries = FileEntries(m_file);
         AddSuites(&entries, false, &taken, api);
     }
     std::vector<CipherEntry> entries = EnvironmentEntries();

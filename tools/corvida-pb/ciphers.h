@@ -6,17 +6,30 @@
 //   --cipher NAME=HEXKEY     on the command line (repeatable; visible to
 //                            other local users in the process list);
 //   --cipher-file FILE       one NAME=HEXKEY per line; blank lines and lines
-//                            starting with '#' are skipped; a warning when
-//                            group or others may read the file;
+//                            starting with '#' are skipped; refused when
+//                            FILE is a regular file that group or others
+//                            may access (ReadKeyFile() in files.h);
 //   CORVIDA_PB_CIPHERS       NAME=HEXKEY entries separated by ';'.
 // A name given in a more specific place hides the same name further down; a
 // name given twice in one place is an error. White space around an entry and
 // around a key is ignored; a name is taken exactly as written (tables name
 // their suite exactly).
 //
-// Key text is never printed, and every copy the tool makes of it is wiped
-// once the suites hold the keys; the variable is overwritten and removed
-// from the environment once read.
+// A valid suite name is the text before the first "=" when it is printable
+// ASCII (letters, digits, punctuation and blanks: nothing that drives a
+// terminal) and holds no run that looks like key text, by the test that hides
+// key material on the command line (RememberCommandLineSecrets() in
+// secrets.h: 16 or more letters and digits, three in four of them hex
+// digits). An entry whose name is not valid is refused without showing the
+// name: it is most often a key written before "=" (NAME and HEXKEY swapped).
+//
+// Nothing of these places reaches a message, a log line or JSON output but
+// valid suite names and where an entry stands ("ciphers.txt:3",
+// "CORVIDA_PB_CIPHERS entry 2"); key text is never printed. Every copy the
+// tool makes of key text is wiped once the suites hold the keys; the
+// variable is overwritten and removed from the environment once read; and
+// reading any of the places keeps the process out of core dumps
+// (KeepOutOfCoreDumps() in secrets.h).
 #ifndef CORVIDA_PB_CIPHERS_H_
 #define CORVIDA_PB_CIPHERS_H_
 
@@ -49,7 +62,6 @@ public:
     static std::string Suggestion(const std::string& suite_name);
 
 private:
-    const CLI::App* m_app = nullptr;
     std::vector<std::string> m_ciphers;
     std::string m_file;
     CLI::Option* m_cipher_option = nullptr;

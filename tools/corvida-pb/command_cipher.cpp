@@ -25,7 +25,8 @@ const char kMd5Description[] =
     "Reads a key as hex text from --key-file, or from standard input, and prints\n"
     "the value of the corvida_cipher_md5 option for tables encrypted with it.\n"
     "White space around the key is ignored. The key is never taken from the\n"
-    "command line, where other users could see it.\n";
+    "command line, where other users could see it, nor from a key file that\n"
+    "group or others may access (chmod 600 FILE).\n";
 
 const char kMd5Label[] = "corvida_cipher_md5";
 
@@ -91,7 +92,7 @@ public:
 
     int Run() override {
         const std::string source = DisplayName(m_key_file);
-        SecretString text(ReadFile(m_key_file));
+        const SecretString text = ReadKeyFile(m_key_file, "key file");
         const size_t first = text.str().find_first_not_of(" \t\r\n\v\f");
         const size_t last = text.str().find_last_not_of(" \t\r\n\v\f");
         SecretString key(first == std::string::npos ? "" : text.str().substr(first, last - first + 1));

@@ -1,9 +1,17 @@
 #include "corvida-pb/secrets.h"
 
+#include <sys/prctl.h>
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <string_view>
 
 #include <openssl/crypto.h>
+
+#include "corvida-pb/status.h"
 
 namespace corvida_pb {
 namespace {
@@ -22,11 +30,29 @@ bool IsAlphanumeric(char c) { return std::isalnum(static_cast<unsigned char>(c))
 // characters, at least three in four of them hex digits. A mistyped key (a
 // stray letter, a "0x" in front) still qualifies; names and words of that
 // length hardly ever do ("PlayerInventoryItem" has 5 hex digits in 19).
-bool MayBeKey(const std::string& run) {
+bool MayBeKey(std::string_view run) {
     if (run.size() < kShortestKeyRun) return false;
     const size_t hex = static_cast<size_t>(
         std::count_if(run.begin(), run.end(), [](unsigned char c) { return std::isxdigit(c) != 0; }));
     return hex * 4 >= run.size() * 3;
+}
+
+// Calls f(run) for every run of letters and digits in text that may be key
+// material. The runs are views of text: no copy is made.
+template <typename F>
+void ForEachKeyLikeRun(std::string_view text, F f) {
+    size_t start = 0;
+    while (start < text.size()) {
+        if (!IsAlphanumeric(text[start])) {
+            ++start;
+            continue;
+        }
+        size_t end = start;
+        while (end < text.size() && IsAlphanumeric(text[end])) ++end;
+        const std::string_view run = text.substr(start, end - start);
+        if (MayBeKey(run)) f(run);
+        start = end;
+    }
 }
 
 }  // namespace
@@ -40,7 +66,15 @@ void WipeStrings(std::vector<std::string>* strings) {
     for (std::string& s : *strings) WipeString(&s);
 }
 
+void KeepOutOfCoreDumps() {
+    const rlimit no_core = {0, 0};
+    if (::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) != 0 || ::setrlimit(RLIMIT_CORE, &no_core) != 0) {
+        throw Failure(std::string("cannot keep key material out of core dumps: ") + std::strerror(errno));
+    }
+}
+
 void RememberSecret(const std::string& text) {
+    KeepOutOfCoreDumps();
     if (text.size() < kShortestSecret) return;
     std::vector<std::string>& secrets = Remembered();
     if (std::find(secrets.begin(), secrets.end(), text) != secrets.end()) return;
@@ -52,19 +86,17 @@ void RememberSecret(const std::string& text) {
 
 void RememberCommandLineSecrets(const std::vector<std::string>& words) {
     for (const std::string& word : words) {
-        size_t start = 0;
-        while (start < word.size()) {
-            if (!IsAlphanumeric(word[start])) {
-                ++start;
-                continue;
-            }
-            size_t end = start;
-            while (end < word.size() && IsAlphanumeric(word[end])) ++end;
-            SecretString run(word.substr(start, end - start));
-            if (MayBeKey(run.str())) RememberSecret(run.str());
-            start = end;
-        }
+        ForEachKeyLikeRun(word, [](std::string_view run) {
+            SecretString text{std::string(run)};
+            RememberSecret(text.str());
+        });
     }
+}
+
+bool LooksLikeKeyText(std::string_view text) {
+    bool found = false;
+    ForEachKeyLikeRun(text, [&found](std::string_view) { found = true; });
+    return found;
 }
 
 std::string RedactSecrets(std::string message) {

@@ -1,18 +1,21 @@
 // Key material in corvida-pb: kept out of every message and wiped after use.
 //
 // Cipher keys reach the tool as hex text (on the command line, in a file, in
-// the environment). Two promises hold for them:
+// the environment). Three promises hold for them:
 //   - no message of the tool prints them: every text that goes to standard
 //     error passes through RedactSecrets(), which hides each text remembered
 //     with RememberSecret() (and the words of the command line that look like
 //     key material, remembered by RememberCommandLineSecrets());
 //   - the tool's own copies are wiped (OPENSSL_cleanse) when they are no
 //     longer needed: SecretString does it on destruction, WipeString() on
-//     demand.
+//     demand;
+//   - no other process sees them: once the tool holds key material, the
+//     process is not dumpable and cannot dump core (KeepOutOfCoreDumps()).
 #ifndef CORVIDA_PB_SECRETS_H_
 #define CORVIDA_PB_SECRETS_H_
 
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -55,9 +58,20 @@ private:
     std::string m_text;
 };
 
-// Remembers text as key material: RedactSecrets() hides it from then on.
-// Texts shorter than 8 characters are not remembered (they would hide
-// ordinary words and reveal little).
+// Makes the process non-dumpable (prctl PR_SET_DUMPABLE 0: no core file, no
+// debugger or /proc/PID/mem for other processes of the same user) and sets
+// its core size limit to 0, soft and hard. Both only ever lower what the
+// process may do, so calling again is harmless. Called wherever key material
+// enters the tool: by RememberSecret(), which every key passes through
+// whatever its place, and by the readers of key files and of the cipher
+// variable before they read. Throws Failure when the system refuses: the
+// tool then stops rather than hold keys unprotected.
+void KeepOutOfCoreDumps();
+
+// Remembers text as key material: RedactSecrets() hides it from then on,
+// and the process is kept out of core dumps (KeepOutOfCoreDumps()). Texts
+// shorter than 8 characters are not remembered (they would hide ordinary
+// words and reveal little), but are kept out of core dumps all the same.
 void RememberSecret(const std::string& text);
 
 // Remembers the parts of the command-line words that may be key material:
@@ -66,6 +80,10 @@ void RememberSecret(const std::string& text);
 // digits. A key given where a name or file was expected, or mistyped, is
 // still a key; table names, file names and message text stay readable.
 void RememberCommandLineSecrets(const std::vector<std::string>& words);
+
+// True when text holds a run that RememberCommandLineSecrets() would take
+// for key material. Makes no copy of text.
+bool LooksLikeKeyText(std::string_view text);
 
 // message with every remembered secret replaced by "<hidden>".
 std::string RedactSecrets(std::string message);
