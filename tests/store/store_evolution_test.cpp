@@ -585,5 +585,115 @@ TEST_F(EvolutionTest, OlderClientReadsWithoutNewFieldsAndKeepsThem) {
     EXPECT_TRUE(log.lines().empty()) << log.Dump();
 }
 
+// A rolling upgrade: clients of both versions put, update and read the same
+// records in turn, as a fleet does while it is upgraded. The old one writes
+// what it read back (read, change, put), or updates fields it knows. Nothing
+// any client wrote is lost, every read is what the writes say, and nothing
+// is logged.
+TEST_F(EvolutionTest, RollingUpgradeLosesNothingAndLogsNothing) {
+    SchemaVersion v2(Version2());
+    AlterPlan plan;
+    ASSERT_TRUE(Alter(v2, &plan).ok());
+    corvida_test::LogCapture log(PLOG_PRIORITY_WARN);
+    corvida::store::StoreOptions options;
+    options.log = log.category();
+    m_table.reset();
+    m_store.reset();
+    ASSERT_TRUE(TableStore::Open(m_dir.path(), options, &m_store).ok());
+    std::unique_ptr<Table> t1;
+    std::unique_ptr<Table> t2;
+    ASSERT_TRUE(m_store->OpenTable(m_v1.Prototype(kItem), nullptr, &t1).ok());
+    ASSERT_TRUE(m_store->OpenTable(v2.Prototype(kItem), nullptr, &t2).ok());
+
+    // What each record holds, as the newer client sees it.
+    std::map<int, std::unique_ptr<Message>> model;
+    for (int i = 1; i <= kRecords; ++i) {
+        model[i] = v2.Parse(kItem, "");
+        model[i]->ParseFromString(Record1(i)->SerializeAsString());
+    }
+    const auto read = [](Table* table, SchemaVersion& version, int id) {
+        std::unique_ptr<Message> out(version.Prototype(kItem).New());
+        std::set<std::string> failed;
+        const Status s = table->Get(*version.Parse(kItem, "id: " + std::to_string(id)), {}, out.get(), &failed);
+        EXPECT_TRUE(s.ok()) << s.ToString();
+        EXPECT_TRUE(failed.empty()) << ::testing::PrintToString(failed);
+        return out;
+    };
+    // The record as the older client should read it: the fields it knows.
+    const auto as_v1 = [this](const Message& record) {
+        std::unique_ptr<Message> older = m_v1.Parse(kItem, "");
+        older->ParseFromString(record.SerializeAsString());
+        older->DiscardUnknownFields();
+        return older->SerializeAsString();
+    };
+
+    std::mt19937 rng(2024);
+    for (int step = 0; step < 400; ++step) {
+        const int id = static_cast<int>(rng() % 5) + 1;
+        Message& expected = *model[id];
+        const std::string n = std::to_string(step);
+        switch (rng() % 7) {
+            case 0: {  // v2 puts a whole record
+                std::unique_ptr<Message> record =
+                    v2.Parse(kItem, "id: " + std::to_string(id) + " name: \"v2-" + n + "\" title: \"t" + n +
+                                        "\" inner { a: " + n + " c: " + n + " } color: COLOR_BLUE score: " + n);
+                ASSERT_TRUE(t2->Put(*record).ok());
+                expected.CopyFrom(*record);
+                break;
+            }
+            case 1: {  // v2 updates a field of its own, or one inside the sub-message
+                const bool title = rng() % 2 == 0;
+                std::unique_ptr<Message> record = v2.Parse(
+                    kItem, "id: " + std::to_string(id) + (title ? " title: \"u" + n + "\"" : " inner { c: " + n + " }"));
+                ASSERT_TRUE(t2->Update(*record, {title ? "title" : "inner.c"}).ok());
+                std::unique_ptr<Message> merged = v2.Parse(kItem, "");
+                merged->CopyFrom(expected);
+                if (title) {
+                    merged->GetReflection()->SetString(merged.get(), merged->GetDescriptor()->FindFieldByName("title"),
+                                                       "u" + n);
+                } else {
+                    Message* inner = merged->GetReflection()->MutableMessage(
+                        merged.get(), merged->GetDescriptor()->FindFieldByName("inner"));
+                    inner->GetReflection()->SetInt64(inner, inner->GetDescriptor()->FindFieldByName("c"), step);
+                }
+                expected.CopyFrom(*merged);
+                break;
+            }
+            case 2:
+            case 3: {  // v1 reads the record, changes what it knows, puts it back
+                std::unique_ptr<Message> record = read(t1.get(), m_v1, id);
+                const google::protobuf::Reflection* reflection = record->GetReflection();
+                reflection->SetInt32(record.get(), record->GetDescriptor()->FindFieldByName("level"), step);
+                reflection->SetString(record.get(), record->GetDescriptor()->FindFieldByName("name"), "v1-" + n);
+                ASSERT_TRUE(t1->Put(*record).ok());
+                expected.GetReflection()->SetInt32(&expected, expected.GetDescriptor()->FindFieldByName("level"), step);
+                expected.GetReflection()->SetString(&expected, expected.GetDescriptor()->FindFieldByName("name"),
+                                                    "v1-" + n);
+                break;
+            }
+            case 4: {  // v1 updates a field it knows
+                ASSERT_TRUE(
+                    t1->Update(*m_v1.Parse(kItem, "id: " + std::to_string(id) + " score: " + n), {"score"}).ok());
+                expected.GetReflection()->SetInt64(&expected, expected.GetDescriptor()->FindFieldByName("score"), step);
+                break;
+            }
+            case 5: {  // v1 reads: a sub-message written whole keeps what v1 lacks as unknown fields
+                std::unique_ptr<Message> record = read(t1.get(), m_v1, id);
+                record->DiscardUnknownFields();
+                EXPECT_EQ(record->SerializeAsString(), as_v1(expected)) << "step " << step;
+                break;
+            }
+            default:  // v2 reads
+                EXPECT_EQ(read(t2.get(), v2, id)->ShortDebugString(), expected.ShortDebugString()) << "step " << step;
+                break;
+        }
+    }
+    for (auto& entry : model) {
+        EXPECT_EQ(read(t2.get(), v2, entry.first)->ShortDebugString(), entry.second->ShortDebugString());
+    }
+    EXPECT_TRUE(t1->Verify().ok());
+    EXPECT_TRUE(log.lines().empty()) << log.Dump();
+}
+
 }  // namespace
 }  // namespace corvida_store_test
