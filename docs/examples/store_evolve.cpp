@@ -14,6 +14,7 @@
 
 #include "corvidaservice.optionv1.pb.h"
 #include "expect.h"
+#include "guide_blob.h"
 #include "guide.pb.h"
 #include "store/table_store.h"
 
@@ -27,16 +28,6 @@ using corvida::store::StoreOptions;
 using corvida::store::Table;
 using corvida::store::TableDescription;
 using corvida::store::TableStore;
-
-// The schema blob of guide.proto as this version of the program has it: the
-// option file, then guide.proto.
-std::string GuideBlob() {
-    google::protobuf::FileDescriptorSet set;
-    const google::protobuf::FileDescriptor* file = bank::Account::descriptor()->file();
-    for (int i = 0; i < file->dependency_count(); ++i) file->dependency(i)->CopyTo(set.add_file());
-    file->CopyTo(set.add_file());
-    return set.SerializeAsString();
-}
 
 // The blob the earlier version had: Account without by_balance.
 std::string EarlierBlob() {

@@ -28,10 +28,8 @@ Status DescribeStoredTable(StoreContext* context, std::string_view table, TableD
     Status status = Catalog(engine).Find(table, &found);
     if (!status.ok()) return status;
     std::unique_ptr<ReadView> view;
-    status = engine->NewView(&view);
-    if (!status.ok()) return status;
     TableState state;
-    status = ReadTableState(engine, view.get(), found.name, &state);
+    status = ReadTableStateAtNewView(engine, found.name, &view, &state);
     if (!status.ok()) return status;
 
     const CatalogTable& entry = state.table;

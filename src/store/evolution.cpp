@@ -345,10 +345,8 @@ Status AlterOnce(Engine* engine, const std::string& name, const std::string& new
                  const AlterOptions& options, AlterPlan* plan, bool* committed) {
     *plan = AlterPlan();
     std::unique_ptr<ReadView> view;
-    Status status = engine->NewView(&view);
-    if (!status.ok()) return status;
     TableState state;
-    status = ReadTableState(engine, view.get(), name, &state);
+    Status status = ReadTableStateAtNewView(engine, name, &view, &state);
     if (!status.ok()) return status;
     if (state.table.dropped) return TableBeingDropped(name);
     LoadedSchema stored;

@@ -49,10 +49,8 @@ Status RunBatches(Engine* engine, const std::string& name, size_t ops_per_item, 
     const std::string what = "table " + name + ": a batch of work on its keys";
     for (;;) {
         std::unique_ptr<ReadView> view;
-        Status status = engine->NewView(&view);
-        if (!status.ok()) return status;
         TableState state;
-        status = ReadTableState(engine, view.get(), name, &state);
+        Status status = ReadTableStateAtNewView(engine, name, &view, &state);
         if (!status.ok()) return status;
         EngineBatch batch;
         BatchOutcome outcome;

@@ -44,12 +44,9 @@ std::shared_ptr<const TableImpl::Binding> TableImpl::Bound() const {
 }
 
 Status TableImpl::Rebind(const std::shared_ptr<const Binding>& stale) {
-    Engine* engine = m_context->engine();
     std::unique_ptr<ReadView> view;
-    Status status = engine->NewView(&view);
-    if (!status.ok()) return status;
     TableState state;
-    status = ReadTableState(engine, view.get(), m_name, &state);
+    Status status = ReadTableStateAtNewView(m_context->engine(), m_name, &view, &state);
     if (status.IsNotFound()) return Status::NotFound("table " + m_name + " is no longer in the store: it was dropped");
     if (!status.ok()) return status;
     if (state.table.dropped) return TableBeingDropped(m_name);

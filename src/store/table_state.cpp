@@ -16,6 +16,12 @@ Status ReadTableState(Engine* engine, const ReadView* view, std::string_view ful
     return engine->Get(view, keys::SchemaStampKey(state->table.number), &state->stamp, &found);
 }
 
+Status ReadTableStateAtNewView(Engine* engine, std::string_view full_name, std::unique_ptr<ReadView>* view,
+                               TableState* state) {
+    Status status = engine->NewView(view);
+    return status.ok() ? ReadTableState(engine, view->get(), full_name, state) : status;
+}
+
 void StageTableChange(const TableState& state, const CatalogTable& changed, bool restamp, EngineBatch* batch) {
     const std::string key = keys::CatalogKey(state.table.name);
     batch->ExpectValue(key, state.stored);

@@ -11,6 +11,7 @@
 #ifndef CORVIDA_STORE_TABLE_STATE_H_
 #define CORVIDA_STORE_TABLE_STATE_H_
 
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -30,6 +31,10 @@ struct TableState {
 // Reads the state of the table full_name (a full name, never a short one) at
 // view (null: the latest). kNotFound when the catalog has no such table.
 Status ReadTableState(Engine* engine, const ReadView* view, std::string_view full_name, TableState* state);
+
+// Takes a new view of the engine and reads the state at it.
+Status ReadTableStateAtNewView(Engine* engine, std::string_view full_name, std::unique_ptr<ReadView>* view,
+                               TableState* state);
 
 // Stages the replacement of state's entry by changed, on the condition that
 // the entry still holds what was read. With restamp, the stamp changes too,

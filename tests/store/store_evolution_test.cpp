@@ -547,20 +547,30 @@ std::string Version2() {
     return Edited(text, "  COLOR_RED = 1;\n", "  COLOR_RED = 1;\n  COLOR_BLUE = 2;\n");
 }
 
-TEST_F(EvolutionTest, OlderClientReadsWithoutNewFieldsAndKeepsThem) {
+// Alters the table to v2, opens the store again with log as its log, and the
+// table as a client of each version.
+class TwoVersionsTest : public EvolutionTest {
+protected:
+    void OpenBothVersions(SchemaVersion& v2, corvida_test::LogCapture* log, std::unique_ptr<Table>* t1,
+                          std::unique_ptr<Table>* t2) {
+        AlterPlan plan;
+        ASSERT_TRUE(Alter(v2, &plan).ok());
+        corvida::store::StoreOptions options;
+        options.log = log->category();
+        m_table.reset();
+        m_store.reset();
+        ASSERT_TRUE(TableStore::Open(m_dir.path(), options, &m_store).ok());
+        ASSERT_TRUE(m_store->OpenTable(m_v1.Prototype(kItem), nullptr, t1).ok());
+        ASSERT_TRUE(m_store->OpenTable(v2.Prototype(kItem), nullptr, t2).ok());
+    }
+};
+
+TEST_F(TwoVersionsTest, OlderClientReadsWithoutNewFieldsAndKeepsThem) {
     SchemaVersion v2(Version2());
-    AlterPlan plan;
-    ASSERT_TRUE(Alter(v2, &plan).ok());
     corvida_test::LogCapture log(PLOG_PRIORITY_WARN);
-    corvida::store::StoreOptions options;
-    options.log = log.category();
-    m_table.reset();
-    m_store.reset();
-    ASSERT_TRUE(TableStore::Open(m_dir.path(), options, &m_store).ok());
     std::unique_ptr<Table> t1;
     std::unique_ptr<Table> t2;
-    ASSERT_TRUE(m_store->OpenTable(m_v1.Prototype(kItem), nullptr, &t1).ok());
-    ASSERT_TRUE(m_store->OpenTable(v2.Prototype(kItem), nullptr, &t2).ok());
+    ASSERT_NO_FATAL_FAILURE(OpenBothVersions(v2, &log, &t1, &t2));
 
     ASSERT_TRUE(t2->Put(*v2.Parse(kItem, "id: 1 name: \"a\" title: \"boss\" inner { a: 1 }")).ok());
     ASSERT_TRUE(t2->Update(*v2.Parse(kItem, "id: 1 inner { c: 9 }"), {"inner.c"}).ok());
@@ -590,20 +600,12 @@ TEST_F(EvolutionTest, OlderClientReadsWithoutNewFieldsAndKeepsThem) {
 // what it read back (read, change, put), or updates fields it knows. Nothing
 // any client wrote is lost, every read is what the writes say, and nothing
 // is logged.
-TEST_F(EvolutionTest, RollingUpgradeLosesNothingAndLogsNothing) {
+TEST_F(TwoVersionsTest, RollingUpgradeLosesNothingAndLogsNothing) {
     SchemaVersion v2(Version2());
-    AlterPlan plan;
-    ASSERT_TRUE(Alter(v2, &plan).ok());
     corvida_test::LogCapture log(PLOG_PRIORITY_WARN);
-    corvida::store::StoreOptions options;
-    options.log = log.category();
-    m_table.reset();
-    m_store.reset();
-    ASSERT_TRUE(TableStore::Open(m_dir.path(), options, &m_store).ok());
     std::unique_ptr<Table> t1;
     std::unique_ptr<Table> t2;
-    ASSERT_TRUE(m_store->OpenTable(m_v1.Prototype(kItem), nullptr, &t1).ok());
-    ASSERT_TRUE(m_store->OpenTable(v2.Prototype(kItem), nullptr, &t2).ok());
+    ASSERT_NO_FATAL_FAILURE(OpenBothVersions(v2, &log, &t1, &t2));
 
     // What each record holds, as the newer client sees it.
     std::map<int, std::unique_ptr<Message>> model;

@@ -42,26 +42,48 @@ std::string StateWords(const IndexDescription& index) {
     return "ready";
 }
 
-Json IndexJson(const IndexDescription& index) {
-    Json item = {{"name", index.name}, {"fields", index.fields}, {"state", corvida::store::IndexStateName(index.state)}};
-    if (index.state != IndexState::kReady) {
-        item["done"] = index.done;
-        item["total"] = index.total;
+// [{"name", "fields", "state"(, "done", "total")}...] of the table's indexes.
+Json IndexesJson(const TableDescription& described) {
+    Json indexes = Json::array();
+    for (const IndexDescription& index : described.indexes) {
+        Json item = {{"name", index.name}, {"fields", index.fields}, {"state", corvida::store::IndexStateName(index.state)}};
+        if (index.state != IndexState::kReady) {
+            item["done"] = index.done;
+            item["total"] = index.total;
+        }
+        indexes.push_back(item);
     }
-    return item;
+    return indexes;
 }
 
-// Runs work with a progress bar of records on standard error (a line per
-// second where that is not a terminal), and prints summary when it is done.
+// "1 record", "2 records".
+std::string Count(uint64_t n, const char* one, const char* many) {
+    return std::to_string(n) + " " + (n == 1 ? one : many);
+}
+
+// What work done in batches counts, for its progress bar and summary.
+struct WorkUnit {
+    const char* one;   // "record"
+    const char* many;  // "records"
+    const char* done;  // "indexed"
+};
+
+constexpr WorkUnit kIndexed = {"record", "records", "indexed"};
+constexpr WorkUnit kRemovedEntries = {"entry", "entries", "removed"};
+constexpr WorkUnit kRemovedRecords = {"record", "records", "removed"};
+
+// Runs work with a progress bar on standard error (a line per second where
+// that is not a terminal), then prints "<label>: N <unit> <done> in T s".
 template <typename Work>
-void WithProgress(const std::string& what, Work work, const std::string& summary) {
-    Progress progress(what, 0, Progress::Elsewhere::kLinePerSecond, std::cerr);
+void WithProgress(const std::string& label, const WorkUnit& unit, Work work) {
+    Progress progress(unit.many, 0, Progress::Elsewhere::kLinePerSecond, std::cerr);
     CheckStore(work([&progress](uint64_t done, uint64_t total) {
         progress.SetTotal(total);
         progress.Advance(done - std::min(done, progress.done()));
         return true;
     }));
-    progress.Finish(summary + " in " + progress.Elapsed());
+    progress.Finish(label + ": " + Count(progress.done(), unit.one, unit.many) + " " + unit.done + " in " +
+                    progress.Elapsed());
 }
 
 // The table's described state, checked.
@@ -76,12 +98,10 @@ void FinishIndexes(corvida::store::TableStore& store, const TableDescription& de
                    CORVIDA_KV::CorvidaKVApi* kv) {
     for (const IndexDescription& index : described.indexes) {
         if (index.state == IndexState::kReady) continue;
-        const bool building = index.state == IndexState::kBuilding;
-        WithProgress(
-            building ? "records" : "entries",
-            [&](const WorkProgress& progress) { return store.BuildIndex(described.name, index.name, kv, progress); },
-            std::string(building ? "built" : "dropped") + " index " + Printable(index.name) + " of " +
-                Printable(described.name));
+        WithProgress("index " + Printable(index.name), index.state == IndexState::kBuilding ? kIndexed : kRemovedEntries,
+                     [&](const WorkProgress& progress) {
+                         return store.BuildIndex(described.name, index.name, kv, progress);
+                     });
     }
 }
 
@@ -133,9 +153,7 @@ public:
         const TableDescription described = Describe(store(), table_type()->full_name());
         if (json()) {
             Json result = PlanJson(plan);
-            Json indexes = Json::array();
-            for (const IndexDescription& index : described.indexes) indexes.push_back(IndexJson(index));
-            result["indexes"] = indexes;
+            result["indexes"] = IndexesJson(described);
             PrintJson(std::cout, result);
             return kExitOk;
         }
@@ -147,8 +165,7 @@ public:
 
 private:
     static std::string Changes(const AlterPlan& plan) {
-        const size_t n = plan.changes.size();
-        return n == 0 ? "no change" : std::to_string(n) + (n == 1 ? " change" : " changes");
+        return plan.changes.empty() ? "no change" : Count(plan.changes.size(), "change", "changes");
     }
 
     Json PlanJson(const AlterPlan& plan) const {
@@ -171,8 +188,8 @@ private:
         std::cout << "dry run: table " << table_type()->full_name() << " would take " << Changes(plan)
                   << "; nothing was written\n";
         for (const SchemaChange& change : plan.changes) std::cout << "  " << Printable(change.description) << "\n";
-        std::cout << "cost: " << plan.records_to_index << " records to index, " << plan.entries_to_remove
-                  << " index entries to remove\n";
+        std::cout << "cost: " << Count(plan.records_to_index, "record", "records") << " to index, "
+                  << Count(plan.entries_to_remove, "index entry", "index entries") << " to remove\n";
     }
 
     // Every reason: the comparison's differences, as compare --all lists
@@ -206,7 +223,7 @@ private:
             return;
         }
         std::cout << "refused: table " << table_type()->full_name() << " cannot take this schema ("
-                  << differences.size() << (differences.size() == 1 ? " reason" : " reasons") << ")\n";
+                  << Count(differences.size(), "reason", "reasons") << ")\n";
         for (const SchemaDifference& difference : differences) {
             std::cout << DifferenceLocation(schema(), difference) << ": " << Printable(difference.message) << "\n";
         }
@@ -301,16 +318,13 @@ public:
         for (const TableInfo& table : tables) {
             const TableDescription described = Describe(store(), table.name);
             if (json()) {
-                Json indexes = Json::array();
-                for (const IndexDescription& index : described.indexes) indexes.push_back(IndexJson(index));
                 list.push_back({{"table", described.name},
                                 {"records", described.records},
                                 {"dropping", described.dropping},
-                                {"indexes", indexes}});
+                                {"indexes", IndexesJson(described)}});
                 continue;
             }
-            std::cout << Printable(described.name) << ": " << described.records
-                      << (described.records == 1 ? " record" : " records");
+            std::cout << Printable(described.name) << ": " << Count(described.records, "record", "records");
             if (described.dropping) std::cout << ", being dropped";
             std::string indexes;
             for (const IndexDescription& index : described.indexes) {
@@ -339,8 +353,6 @@ public:
         const TableDescription described = Describe(store(), table_option());
         std::unique_ptr<Schema> stored = Schema::FromDescriptorSetBytes(described.schema_blob, "the store");
         if (json()) {
-            Json indexes = Json::array();
-            for (const IndexDescription& index : described.indexes) indexes.push_back(IndexJson(index));
             Json files = Json::array();
             for (const google::protobuf::FileDescriptor* file : stored->files()) {
                 files.push_back({{"name", file->name()}, {"proto", file->DebugString()}});
@@ -350,7 +362,7 @@ public:
                                   {"dropping", described.dropping},
                                   {"primary_key", described.primary_key},
                                   {"sharding_key", described.sharding_key},
-                                  {"indexes", indexes},
+                                  {"indexes", IndexesJson(described)},
                                   {"files", files}});
             return kExitOk;
         }
@@ -391,15 +403,12 @@ public:
         }
         OpenStore();
         const TableDescription described = Describe(store(), table_option());
-        WithProgress(
-            "records",
-            [&](const WorkProgress& progress) { return store().DropTable(described.name, progress); },
-            "dropped table " + Printable(described.name));
+        WithProgress("table " + Printable(described.name), kRemovedRecords,
+                     [&](const WorkProgress& progress) { return store().DropTable(described.name, progress); });
         if (json()) {
             PrintJson(std::cout, {{"table", described.name}, {"operation", "drop"}, {"records", described.records}});
         } else {
-            std::cout << "dropped table " << Printable(described.name) << ": " << described.records
-                      << (described.records == 1 ? " record" : " records") << " removed\n";
+            std::cout << "dropped table " << Printable(described.name) << "\n";
         }
         return kExitOk;
     }
