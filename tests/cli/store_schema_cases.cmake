@@ -73,12 +73,9 @@ foreach(change changed_key changed_sharding_key changed_number changed_type chan
                changed_cipher_suite removed_nested_field changed_index removed_enum_value changed_syntax many_reasons)
     corvida_pb_cli_test(store_alter_${change} STATUS 3 REQUIRES cli_store_a
         ARGS store alter --db ${store_a} --proto ${evolve}/${change}.proto --table Player)
-    # An alter holds the store for writing: one at a time.
-    set_tests_properties(cli_store_alter_${change} PROPERTIES RESOURCE_LOCK cli_store_a_writer)
 endforeach()
 corvida_pb_cli_test(store_alter_refused_json STATUS 3 REQUIRES cli_store_a
     ARGS store alter --db ${store_a} --proto ${evolve}/many_reasons.proto --table Player --format json)
-set_tests_properties(cli_store_alter_refused_json PROPERTIES RESOURCE_LOCK cli_store_a_writer)
 
 # --- seeing the store -------------------------------------------------------
 corvida_pb_cli_test(store_tables STATUS 0 REQUIRES cli_store_a ARGS store tables --db ${store_a})
@@ -96,7 +93,7 @@ corvida_pb_game_variant(new_index_and_field "\"by_level(zone,level)\";"
 corvida_pb_cli_test(store_alter STATUS 0 REQUIRES cli_store_b SETUP cli_store_b_altered
     ARGS store alter --db ${store_b} --proto ${evolve}/new_index_and_field.proto --table Player
          --cipher ${game_aes}
-    STDERR_REGEX "^built index by_faction of corvida\\.example\\.Player in [0-9.e-]+ s\n$")
+    STDERR_REGEX "^index by_faction: 2 records indexed in [0-9.e-]+ s\n$")
 corvida_pb_cli_test(store_find_new_index STATUS 0 REQUIRES cli_store_b_altered SETUP cli_store_b_seen
     ARGS store find --db ${store_b} --proto ${evolve}/new_index_and_field.proto --table Player --cipher ${game_aes}
          --index by_faction --text "faction: FACTION_SOUTH")
@@ -106,12 +103,24 @@ corvida_pb_cli_test(store_build_index_ready STATUS 0 REQUIRES cli_store_b_altere
     ARGS store build-index --db ${store_b} --table Player --index by_faction --cipher ${game_aes})
 corvida_pb_cli_test(store_build_index_unknown STATUS 1 REQUIRES cli_store_b_altered SETUP cli_store_b_seen
     ARGS store build-index --db ${store_b} --table Player --index by_colour)
-set_tests_properties(cli_store_build_index_ready cli_store_build_index_unknown PROPERTIES
-    RESOURCE_LOCK cli_store_b_writer)
 corvida_pb_cli_test(store_drop_without_yes STATUS 2 REQUIRES cli_store_b_seen SETUP cli_store_b_not_dropped
     ARGS store drop --db ${store_b} --table Player)
 corvida_pb_cli_test(store_drop STATUS 0 REQUIRES cli_store_b_not_dropped SETUP cli_store_b_dropped
     ARGS store drop --db ${store_b} --table Player --yes
-    STDERR_REGEX "^dropped table corvida\\.example\\.Player in [0-9.e-]+ s\n$")
+    STDERR_REGEX "^table corvida\\.example\\.Player: 2 records removed in [0-9.e-]+ s\n$")
 corvida_pb_cli_test(store_tables_after_drop STATUS 0 REQUIRES cli_store_b_dropped
     ARGS store tables --db ${store_b})
+
+# The cases of one store run one at a time: an alter or a build holds the
+# store for writing, and the cases should not depend on how a read-only open
+# fares beside a writer that closes the store.
+foreach(store a b)
+    get_property(cases DIRECTORY PROPERTY TESTS)
+    list(FILTER cases INCLUDE REGEX "^cli_store_")
+    foreach(case ${cases})
+        get_test_property(${case} FIXTURES_REQUIRED required)
+        if(required MATCHES "cli_store_${store}")
+            set_tests_properties(${case} PROPERTIES RESOURCE_LOCK cli_store_${store})
+        endif()
+    endforeach()
+endforeach()
