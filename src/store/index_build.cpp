@@ -92,7 +92,7 @@ BatchWork* FindWork(std::vector<BatchWork>* works, std::string_view name) {
 // stored rows and index keys from records, as the table's writers do.
 class StoredBinding {
 public:
-    StoredBinding(StoreContext* context) : m_reader(context, &m_schema) {}
+    explicit StoredBinding(StoreContext* context) : m_reader(context, &m_schema) {}
 
     Status Bind(StoreContext* context, const TableState& state, CORVIDA_KV::CorvidaKVApi* kv) {
         ErrorLines errors;

@@ -390,8 +390,9 @@ Status RecordWriter::Commit(const PreparedWrite& write, Scratch* scratch, const 
         if (!status.ok()) return status;
         EngineBatch batch;
         status = Stage(write, view.get(), scratch, &batch);
+        if (!status.ok()) return status;
         StageTableConditions(&batch);
-        if (status.ok()) status = CheckLimits(batch, engine->limits(), context);
+        status = CheckLimits(batch, engine->limits(), context);
         if (status.ok()) status = engine->Commit(batch, committed);
         if (status.ok() && !*committed) status = SchemaMoved(moved);
         return status.ok() && *moved ? Status::Busy(context + ": the table's schema changed meanwhile") : status;
