@@ -8,9 +8,8 @@
 #include <string>
 #include <vector>
 
-#include <google/protobuf/descriptor.pb.h>
-
 #include "expect.h"
+#include "guide_blob.h"
 #include "guide.pb.h"
 #include "protobuf_api/aes_siv_cipher_suite.h"
 #include "store/table_store.h"
@@ -22,15 +21,6 @@ using corvida::store::Status;
 using corvida::store::StoreOptions;
 using corvida::store::Table;
 using corvida::store::TableStore;
-
-// The schema blob of the guide's tables: the option file, then guide.proto.
-std::string GuideBlob() {
-    google::protobuf::FileDescriptorSet set;
-    const google::protobuf::FileDescriptor* file = bank::Account::descriptor()->file();
-    for (int i = 0; i < file->dependency_count(); ++i) file->dependency(i)->CopyTo(set.add_file());
-    file->CopyTo(set.add_file());
-    return set.SerializeAsString();
-}
 
 void Run(const std::string& dir) {
     // [START open]

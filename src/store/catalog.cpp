@@ -21,6 +21,17 @@ bool DecodeCounter(std::string_view bytes, uint64_t* next) {
     return *next <= kNoNumberLeft;
 }
 
+BatchWork FromStored(const format::BatchWork& stored) {
+    return BatchWork{stored.name(), stored.after(), stored.done(), stored.total()};
+}
+
+void ToStored(const BatchWork& work, format::BatchWork* stored) {
+    stored->set_name(work.name);
+    stored->set_after(work.after);
+    stored->set_done(work.done);
+    stored->set_total(work.total);
+}
+
 }  // namespace
 
 std::string EncodeTableCounter(uint64_t next) {
@@ -81,10 +92,27 @@ Status ParseCatalogEntry(std::string_view name, std::string_view value, CatalogT
         !entry.ParseFromArray(value.data(), static_cast<int>(value.size()))) {
         return Status::Corruption("the catalog entry of table " + std::string(name) + " does not parse");
     }
+    *table = CatalogTable();
     table->name = std::string(name);
     table->number = entry.number();
     table->schema_blob = entry.schema_blob();
+    for (const format::BatchWork& work : entry.building()) table->building.push_back(FromStored(work));
+    for (const format::BatchWork& work : entry.dropping()) table->dropping.push_back(FromStored(work));
+    table->retired.assign(entry.retired_numbers().begin(), entry.retired_numbers().end());
+    table->dropped = entry.has_drop();
+    if (table->dropped) table->drop = FromStored(entry.drop());
     return Status::OK();
+}
+
+std::string EncodeCatalogEntry(const CatalogTable& table) {
+    format::CatalogEntry entry;
+    entry.set_number(table.number);
+    entry.set_schema_blob(table.schema_blob);
+    for (const BatchWork& work : table.building) ToStored(work, entry.add_building());
+    for (const BatchWork& work : table.dropping) ToStored(work, entry.add_dropping());
+    for (uint32_t number : table.retired) entry.add_retired_numbers(number);
+    if (table.dropped) ToStored(table.drop, entry.mutable_drop());
+    return entry.SerializeAsString();
 }
 
 Status Catalog::List(std::vector<CatalogTable>* tables) const {
@@ -146,7 +174,14 @@ Status Catalog::Add(std::string_view full_name, std::string_view schema_blob) {
         bool exists = false;
         status = m_engine->Get(view.get(), key, &value, &exists);
         if (!status.ok()) return status;
-        if (exists) return Status::AlreadyExists("table " + std::string(full_name) + " already exists");
+        if (exists) {
+            CatalogTable held;
+            status = ParseCatalogEntry(full_name, value, &held);
+            if (!status.ok()) return status;
+            return Status::AlreadyExists("table " + std::string(full_name) +
+                                         (held.dropped ? " is being dropped; finish the drop first (DropTable)"
+                                                       : " already exists"));
+        }
 
         // The next number: the counter, but above every number in use even
         // when the counter is damaged.
@@ -167,9 +202,9 @@ Status Catalog::Add(std::string_view full_name, std::string_view schema_blob) {
                                         ": the store has no free table number left");
         }
 
-        format::CatalogEntry entry;
-        entry.set_number(static_cast<uint32_t>(next));
-        entry.set_schema_blob(std::string(schema_blob));
+        CatalogTable entry;
+        entry.number = static_cast<uint32_t>(next);
+        entry.schema_blob = std::string(schema_blob);
         EngineBatch batch;
         batch.ExpectAbsent(key);
         if (counted) {
@@ -177,7 +212,7 @@ Status Catalog::Add(std::string_view full_name, std::string_view schema_blob) {
         } else {
             batch.ExpectAbsent(keys::kNextTableKey);
         }
-        batch.Put(key, entry.SerializeAsString());
+        batch.Put(key, EncodeCatalogEntry(entry));
         batch.Put(keys::kNextTableKey, EncodeTableCounter(next + 1));
         return m_engine->Commit(batch, committed);
     });

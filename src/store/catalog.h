@@ -28,10 +28,25 @@
 namespace corvida {
 namespace store {
 
+// Work on a table's keys done in bounded batches (catalog.proto's BatchWork).
+struct BatchWork {
+    std::string name;   // the index; empty for the drop of a table
+    std::string after;  // the last key done; empty: from the start
+    uint64_t done = 0;
+    uint64_t total = 0;
+};
+
 struct CatalogTable {
     std::string name;  // the full type name
     uint32_t number = 0;
     std::string schema_blob;
+
+    // What schema evolution left in progress (docs/store.md, "Index states").
+    std::vector<BatchWork> building;  // new indexes whose back-fill runs
+    std::vector<BatchWork> dropping;  // dropped indexes whose entries go
+    std::vector<uint32_t> retired;    // top-level field numbers removed by an alter
+    bool dropped = false;             // the table is being dropped...
+    BatchWork drop;                   // ...and this is how far
 };
 
 // The layout of what the engine holds.
@@ -51,6 +66,9 @@ bool ParseLayoutVersion(std::string_view text, int* version);
 
 // Parses a catalog entry's value into *table (its name set by the caller).
 Status ParseCatalogEntry(std::string_view name, std::string_view value, CatalogTable* table);
+
+// The stored value of table's catalog entry (every member but its name).
+std::string EncodeCatalogEntry(const CatalogTable& table);
 
 class Catalog {
 public:

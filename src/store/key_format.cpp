@@ -44,6 +44,12 @@ uint32_t ReadU32(std::string_view in) {
     return v;
 }
 
+std::string SchemaStampKey(uint32_t table) {
+    std::string key = "Mschema";
+    AppendU32(&key, table);
+    return key;
+}
+
 std::string CatalogKey(std::string_view full_name) {
     std::string key(1, kCatalog);
     key.append(full_name);

@@ -3,6 +3,7 @@
 //
 //   M "layout"                                        -> "2"
 //   M "next_table"                                    -> u32: the next table number
+//   M "schema" <u32 table>                            -> the table's schema stamp: 8 bytes
 //   C <full type name>                                -> catalog entry (catalog.proto)
 //   R <u32 table> <esc pk>                            -> row marker: an 8-byte write stamp
 //   R <u32 table> <esc pk> <tag path>                 -> one stored field's bytes
@@ -22,6 +23,12 @@
 // below 6; a name begins with a letter): so a reader that meets 00 FF inside
 // a string knows it is an escaped 00, and a 00 followed by anything else ends
 // the string. The encoders refuse strings that would break this.
+//
+// A table's schema stamp changes with every change of its catalog entry that
+// clients must see (an alter, an index that became ready, a drop); every
+// write of a record commits only while the stamp is still the one the writer
+// bound its schema with (docs/store.md, "Index states"). A table that was
+// never altered has none.
 //
 // Tag paths sort parent before child ("6" < "6.3" < "60", since "." is below
 // every digit), so the fields of a row read in key order apply a whole
@@ -66,6 +73,9 @@ bool ReadEscaped(std::string_view* in, std::string* out);
 
 void AppendU32(std::string* out, uint32_t v);
 uint32_t ReadU32(std::string_view in);  // in holds at least 4 bytes
+
+// "M schema <table>": the table's schema stamp.
+std::string SchemaStampKey(uint32_t table);
 
 // "C <name>".
 std::string CatalogKey(std::string_view full_name);

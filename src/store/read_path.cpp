@@ -1,6 +1,7 @@
 #include "store/read_path.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "store/cursor.h"
 #include "store/key_format.h"
@@ -61,12 +62,24 @@ struct PageState {
 
 }  // namespace
 
+void RecordReader::Merge(const std::vector<StoredField>& fields, Message* msg, std::set<std::string>* failed) const {
+    const TableSchema* schema = m_schema;
+    const auto held = [schema](const StoredField& field) { return schema->HeldOnlyByTable(field.tag_path); };
+    if (std::none_of(fields.begin(), fields.end(), held)) {
+        MergeStoredFields(fields, msg, failed, m_context->log());
+        return;
+    }
+    std::vector<StoredField> known;
+    std::remove_copy_if(fields.begin(), fields.end(), std::back_inserter(known), held);
+    MergeStoredFields(known, msg, failed, m_context->log());
+}
+
 std::unique_ptr<Message> RecordReader::View(const Message& base, const std::vector<StoredField>& fields,
                                             std::set<std::string>* failed) const {
     std::unique_ptr<Message> view(m_schema->prototype().New());
     m_schema->CopyKeyFields(base, view.get());
     std::set<std::string> ignored;
-    MergeStoredFields(fields, view.get(), failed != nullptr ? failed : &ignored, m_context->log());
+    Merge(fields, view.get(), failed != nullptr ? failed : &ignored);
     view->ByteSizeLong();
     return view;
 }
@@ -77,7 +90,7 @@ Status RecordReader::MakeRecord(std::string_view pk, const std::vector<StoredFie
     if (!ParsePrimaryKey(pk, m_schema->kv(), record->message.get(), &why)) {
         return Status::Corruption("table " + m_schema->name() + ": a stored primary key does not parse: " + why);
     }
-    MergeStoredFields(fields, record->message.get(), &record->failed_paths, m_context->log());
+    Merge(fields, record->message.get(), &record->failed_paths);
     return Status::OK();
 }
 
@@ -118,7 +131,7 @@ Status RecordReader::Get(const Message& key, const std::vector<std::string>& pat
     out->Clear();
     m_schema->CopyKeyFields(key, out);
     std::set<std::string> failed;
-    MergeStoredFields(row.fields, out, &failed, m_context->log());
+    Merge(row.fields, out, &failed);
     if (above) {
         std::vector<const std::vector<int>*> wanted;
         for (const ResolvedPath& path : resolved) wanted.push_back(&path.numbers);
@@ -277,11 +290,7 @@ Status RecordReader::ReadEntries(const Secondary& secondary, const std::string& 
 }
 
 Status RecordReader::CountPrefix(const std::string& prefix, uint64_t* count) const {
-    *count = 0;
-    return m_context->engine()->Scan(nullptr, prefix, keys::EscapedEnd(prefix), [count](std::string_view, std::string_view) {
-        ++*count;
-        return true;
-    });
+    return CountKeys(m_context->engine(), nullptr, prefix, count);
 }
 
 Status RecordReader::Count(const Message* shard, uint64_t* count) const {
@@ -295,22 +304,7 @@ Status RecordReader::Count(const Message* shard, uint64_t* count) const {
         if (!status.ok()) return status;
         return CountPrefix(keys::SecondaryPrefix(keys::kShard, m_schema->number(), "", value), count);
     }
-    // Rows: a marker key ends where its primary key does.
-    *count = 0;
-    const std::string rows = keys::TableRows(m_schema->number());
-    std::string pk;
-    Status damaged;
-    Status status =
-        m_context->engine()->Scan(nullptr, rows, PrefixEnd(rows), [&](std::string_view key, std::string_view) {
-            std::string_view tag_path;
-            if (!keys::SplitRowKey(key.substr(rows.size()), &pk, &tag_path)) {
-                damaged = Status::Corruption("table " + m_schema->name() + ": a stored row key does not split");
-                return false;
-            }
-            if (tag_path.empty()) ++*count;
-            return true;
-        });
-    return status.ok() ? damaged : status;
+    return CountRows(m_context->engine(), nullptr, m_schema->number(), m_schema->name(), count);
 }
 
 Status RecordReader::CountIndex(std::string_view index, const Message& fields, uint64_t* count) const {

@@ -52,6 +52,12 @@ public:
                                                     std::set<std::string>* failed) const;
 
 private:
+    // Merges fields into msg, but for those that the table holds and the
+    // client's type lacks (TableSchema::HeldOnlyByTable), which are left
+    // out without a word.
+    void Merge(const std::vector<StoredField>& fields, google::protobuf::Message* msg,
+               std::set<std::string>* failed) const;
+
     // The secondary a lookup reads: the index (or the shard listing, index
     // null) and the field key of fields.
     Status LookupValue(const Secondary& secondary, const google::protobuf::Message& fields, std::string* value) const;

@@ -22,8 +22,17 @@ Status ReadRow(Engine* engine, const ReadView* view, const std::string& row_key,
 
 Status ScanRows(Engine* engine, const ReadView* view, uint32_t table, const std::string& start,
                 const std::string& table_name, const RowVisitor& visit) {
+    return ScanStampedRows(engine, view, table, start, table_name,
+                           [&visit](const std::string& pk, const std::string&, std::vector<StoredField>& fields) {
+                               return visit(pk, fields);
+                           });
+}
+
+Status ScanStampedRows(Engine* engine, const ReadView* view, uint32_t table, const std::string& start,
+                       const std::string& table_name, const StampedRowVisitor& visit) {
     const std::string rows = keys::TableRows(table);
     std::string pk;
+    std::string stamp;
     std::string key_pk;
     std::vector<StoredField> fields;
     bool in_row = false;
@@ -36,24 +45,56 @@ Status ScanRows(Engine* engine, const ReadView* view, uint32_t table, const std:
             return false;
         }
         if (in_row && key_pk != pk) {
-            if (!visit(pk, fields)) {
+            if (!visit(pk, stamp, fields)) {
                 stopped = true;
                 return false;
             }
             fields.clear();
+            stamp.clear();
             in_row = false;
         }
         if (!in_row) {
             pk.swap(key_pk);
             in_row = true;
         }
-        if (!tag_path.empty()) fields.push_back(StoredField{std::string(tag_path), std::string(value)});
+        if (tag_path.empty()) {
+            stamp.assign(value.data(), value.size());
+        } else {
+            fields.push_back(StoredField{std::string(tag_path), std::string(value)});
+        }
         return true;
     });
     if (!status.ok()) return status;
     if (!damaged.ok()) return damaged;
-    if (in_row && !stopped) visit(pk, fields);
+    if (in_row && !stopped) visit(pk, stamp, fields);
     return Status::OK();
+}
+
+Status CountRows(Engine* engine, const ReadView* view, uint32_t table, const std::string& table_name,
+                 uint64_t* count) {
+    // A marker key ends where its primary key does.
+    *count = 0;
+    const std::string rows = keys::TableRows(table);
+    std::string pk;
+    Status damaged;
+    Status status = engine->Scan(view, rows, PrefixEnd(rows), [&](std::string_view key, std::string_view) {
+        std::string_view tag_path;
+        if (!keys::SplitRowKey(key.substr(rows.size()), &pk, &tag_path)) {
+            damaged = Status::Corruption("table " + table_name + ": a stored row key does not split");
+            return false;
+        }
+        if (tag_path.empty()) ++*count;
+        return true;
+    });
+    return status.ok() ? damaged : status;
+}
+
+Status CountKeys(Engine* engine, const ReadView* view, const std::string& prefix, uint64_t* count) {
+    *count = 0;
+    return engine->Scan(view, prefix, keys::EscapedEnd(prefix), [count](std::string_view, std::string_view) {
+        ++*count;
+        return true;
+    });
 }
 
 }  // namespace store

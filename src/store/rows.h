@@ -43,6 +43,22 @@ using RowVisitor = std::function<bool(const std::string& pk, std::vector<StoredF
 Status ScanRows(Engine* engine, const ReadView* view, uint32_t table, const std::string& start,
                 const std::string& table_name, const RowVisitor& visit);
 
+// The same, with each row's stamp (its marker's value; empty for a row
+// whose marker is missing).
+using StampedRowVisitor =
+    std::function<bool(const std::string& pk, const std::string& stamp, std::vector<StoredField>& fields)>;
+Status ScanStampedRows(Engine* engine, const ReadView* view, uint32_t table, const std::string& start,
+                       const std::string& table_name, const StampedRowVisitor& visit);
+
+// Counts the rows of table (their markers) without reading their fields.
+Status CountRows(Engine* engine, const ReadView* view, uint32_t table, const std::string& table_name,
+                 uint64_t* count);
+
+// Counts the keys in [prefix, keys::EscapedEnd(prefix)): those that continue
+// prefix, an encoding that ends with an escaped string (an index's space, the
+// prefix of an index value or of a shard).
+Status CountKeys(Engine* engine, const ReadView* view, const std::string& prefix, uint64_t* count);
+
 }  // namespace store
 }  // namespace corvida
 

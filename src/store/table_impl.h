@@ -1,10 +1,19 @@
 // TableImpl: the Table that TableStore::OpenTable hands out. It binds the
 // table's schema to the client type and hands each call to the reader, the
 // writer or the verifier, keeping exceptions inside. Private to the store.
+//
+// A binding is of one state of the table's catalog entry. When the entry
+// changes (an alter, an index that became ready), the table binds again: a
+// write refused because the schema stamp moved, and a lookup that finds the
+// stamp moved, load the entry anew, check the client against the new schema
+// exactly as OpenTable does, and go on with the new binding. Calls in flight
+// keep the binding they started with (it is shared, and freed with its last
+// user).
 #ifndef CORVIDA_STORE_TABLE_IMPL_H_
 #define CORVIDA_STORE_TABLE_IMPL_H_
 
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "store/catalog.h"
@@ -12,6 +21,7 @@
 #include "store/store_context.h"
 #include "store/table.h"
 #include "store/table_schema.h"
+#include "store/table_state.h"
 #include "store/write_path.h"
 
 namespace corvida {
@@ -24,10 +34,10 @@ public:
                        const google::protobuf::Message& prototype, CORVIDA_KV::CorvidaKVApi* kv,
                        std::unique_ptr<Table>* out);
 
-    const std::string& name() const override { return m_schema.name(); }
-    const google::protobuf::Message& prototype() const override { return m_schema.prototype(); }
-    std::vector<std::string> IndexNames() const override { return m_schema.IndexNames(); }
-    bool HasShardingKey() const override { return m_schema.shard() != nullptr; }
+    const std::string& name() const override { return m_name; }
+    const google::protobuf::Message& prototype() const override { return m_prototype; }
+    std::vector<std::string> IndexNames() const override { return Bound()->schema.IndexNames(); }
+    bool HasShardingKey() const override { return Bound()->schema.shard() != nullptr; }
 
     Status Put(const google::protobuf::Message& record) override;
     Status Update(const google::protobuf::Message& record, const std::vector<std::string>& paths) override;
@@ -47,12 +57,46 @@ public:
     Status Verify() override;
 
 private:
-    explicit TableImpl(std::shared_ptr<StoreContext> context);
+    // The schema bound to the client type, and the reader and writer over it.
+    struct Binding {
+        explicit Binding(StoreContext* context) : reader(context, &schema), writer(context, &schema, &reader) {}
+        Binding(const Binding&) = delete;
+        Binding& operator=(const Binding&) = delete;
+
+        TableSchema schema;
+        RecordReader reader;
+        RecordWriter writer;
+    };
+
+    TableImpl(std::shared_ptr<StoreContext> context, const google::protobuf::Message& prototype,
+              CORVIDA_KV::CorvidaKVApi* kv, std::string name);
+
+    std::shared_ptr<const Binding> Bound() const;
+
+    // Binds the table's catalog entry as it is now, unless another call
+    // replaced stale already.
+    Status Rebind(const std::shared_ptr<const Binding>& stale);
+
+    // Runs write(binding, &moved) on the current binding, binding again and
+    // running it again while the schema moved under it.
+    template <typename Write>
+    Status WriteBound(Write write);
+
+    // The current binding, once the stamp has been read again (and the table
+    // bound again when it moved).
+    Status Current(std::shared_ptr<const Binding>* bound);
+
+    // The binding a lookup on index runs on: the current one, refused while
+    // the index is being built.
+    Status BoundForLookup(std::string_view index, std::shared_ptr<const Binding>* bound);
 
     std::shared_ptr<StoreContext> m_context;
-    TableSchema m_schema;
-    RecordReader m_reader;
-    RecordWriter m_writer;
+    const google::protobuf::Message& m_prototype;
+    CORVIDA_KV::CorvidaKVApi* m_kv;
+    const std::string m_name;
+
+    mutable std::mutex m_mutex;  // guards m_binding
+    std::shared_ptr<const Binding> m_binding;
 };
 
 }  // namespace store

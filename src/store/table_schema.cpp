@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <utility>
 
 #include "corvidaservice.optionv1.pb.h"
 #include "store/catalog.h"
@@ -50,6 +51,38 @@ Status KeyError(const std::string& what, int ret, const Descriptor* desc) {
     return Status::InvalidArgument(what + ": " + why + " (result " + std::to_string(ret) + ")", ret);
 }
 
+// True when some field of the stored type (or of a type of its fields)
+// has no field of that number in the client's.
+bool Lacks(const Descriptor* stored, const Descriptor* client,
+           std::set<std::pair<const Descriptor*, const Descriptor*>>* compared) {
+    if (!compared->insert(std::make_pair(stored, client)).second) return false;
+    for (int i = 0; i < stored->field_count(); ++i) {
+        const FieldDescriptor* field = stored->field(i);
+        const FieldDescriptor* mine = client->FindFieldByNumber(field->number());
+        if (mine == nullptr) return true;
+        if (field->message_type() != nullptr && mine->message_type() != nullptr &&
+            Lacks(field->message_type(), mine->message_type(), compared)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// True when every number of tag_path names a field of desc, each one before
+// the last a sub-message.
+bool Resolves(const Descriptor* desc, std::string_view tag_path) {
+    while (desc != nullptr) {
+        const int number = FirstNumber(tag_path);
+        const FieldDescriptor* field = number >= 0 ? desc->FindFieldByNumber(number) : nullptr;
+        if (field == nullptr) return false;
+        const size_t dot = tag_path.find('.');
+        if (dot == std::string_view::npos) return true;
+        tag_path.remove_prefix(dot + 1);
+        desc = field->message_type();
+    }
+    return false;
+}
+
 }  // namespace
 
 bool Secondary::Covers(int number) const { return std::find(fields.begin(), fields.end(), number) != fields.end(); }
@@ -66,6 +99,24 @@ int FirstNumber(std::string_view tag_path) {
     }
     if (i == 0 || (i < tag_path.size() && tag_path[i] != '.')) return -1;
     return number;
+}
+
+std::map<std::string, std::vector<std::string>> DeclaredIndexes(const Descriptor* type) {
+    const google::protobuf::MessageOptions& options = type->options();
+    std::map<std::string, std::vector<std::string>> declared;
+    for (int i = 0; i < options.ExtensionSize(corvidaservice::corvida_index); ++i) {
+        std::string index_name;
+        std::string index_fields;
+        PROTOBUF_UTIL::getIndexInfo(options.GetExtension(corvidaservice::corvida_index, i), index_name, index_fields);
+        PROTOBUF_UTIL::TokenSplit(index_fields, ",", declared[index_name]);
+    }
+    return declared;
+}
+
+std::vector<std::string> OptionFieldNames(const std::string& text) {
+    std::vector<std::string> names;
+    if (!text.empty()) PROTOBUF_UTIL::TokenSplit(text, ",", names);
+    return names;
 }
 
 void CopyFields(const Message& from, const std::vector<const FieldDescriptor*>& fields, Message* to) {
@@ -96,10 +147,15 @@ void CopyFields(const Message& from, const std::vector<const FieldDescriptor*>& 
     }
 }
 
-Status TableSchema::Bind(const std::string& name, uint32_t number, const std::string& blob, const Message& prototype,
-                         CORVIDA_KV::CorvidaKVApi* kv, ScratchPool* scratch, LPPLOGCATEGORYINST log) {
+Status TableSchema::Bind(const TableState& state, const Message& prototype, CORVIDA_KV::CorvidaKVApi* kv,
+                         ScratchPool* scratch, LPPLOGCATEGORYINST log) {
+    const std::string& name = state.table.name;
+    const std::string& blob = state.table.schema_blob;
     m_name = name;
-    m_number = number;
+    m_number = state.table.number;
+    m_stamp = state.stamp;
+    for (const BatchWork& work : state.table.building) m_building.push_back(work.name);
+    m_retired = state.table.retired;
     m_prototype = &prototype;
     m_desc = prototype.GetDescriptor();
     m_kv = kv;
@@ -150,26 +206,35 @@ Status TableSchema::Bind(const std::string& name, uint32_t number, const std::st
     if (m_put_paths.size() > MAX_DBFIELD_NUM) {
         return Status::NotSupported("table " + m_name + ": more than 256 top-level fields outside the key");
     }
+    std::set<std::pair<const Descriptor*, const Descriptor*>> compared;
+    m_client_lacks = !m_retired.empty() || Lacks(m_group.m_desc, m_desc, &compared);
     return LoadSecondaries();
+}
+
+bool TableSchema::IsBuilding(std::string_view index) const {
+    return std::find(m_building.begin(), m_building.end(), index) != m_building.end();
+}
+
+bool TableSchema::HeldOnlyByTable(std::string_view tag_path) const {
+    if (!m_client_lacks || Resolves(m_desc, tag_path)) return false;
+    const int number = FirstNumber(tag_path);
+    const bool retired = number >= 0 && std::find(m_retired.begin(), m_retired.end(),
+                                                  static_cast<uint32_t>(number)) != m_retired.end();
+    return retired || Resolves(m_group.m_desc, tag_path);
 }
 
 Status TableSchema::LoadSecondaries() {
     // Index fields in the order the declaration names them (the group keeps
     // them in field-number order): the order of their field key.
-    const google::protobuf::MessageOptions& options = m_group.m_desc->options();
-    std::map<std::string, std::vector<int>> declared;
-    for (int i = 0; i < options.ExtensionSize(corvidaservice::corvida_index); ++i) {
-        std::string index_name;
-        std::string index_fields;
-        PROTOBUF_UTIL::getIndexInfo(options.GetExtension(corvidaservice::corvida_index, i), index_name, index_fields);
-        std::vector<std::string> names;
-        PROTOBUF_UTIL::TokenSplit(index_fields, ",", names);
-        for (const std::string& field_name : names) {
-            declared[index_name].push_back(m_group.m_desc->FindFieldByName(field_name)->number());
-        }
-    }
+    const std::map<std::string, std::vector<std::string>> declared = DeclaredIndexes(m_group.m_desc);
     m_secondaries.reserve(declared.size() + 1);
-    for (const auto& index : declared) m_secondaries.push_back(Secondary{keys::kIndex, index.first, index.second});
+    for (const auto& index : declared) {
+        std::vector<int> numbers;
+        for (const std::string& field_name : index.second) {
+            numbers.push_back(m_group.m_desc->FindFieldByName(field_name)->number());
+        }
+        m_secondaries.push_back(Secondary{keys::kIndex, index.first, numbers});
+    }
     if (!m_group.vecSplitKeyTag.empty()) {
         m_secondaries.push_back(Secondary{keys::kShard, "", m_group.vecSplitKeyTag});
         m_shard = &m_secondaries.back();

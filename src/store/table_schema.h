@@ -10,10 +10,19 @@
 // writes, the indexes and the shard listing, and the tag paths of dotted
 // paths. It also builds keys: primary keys with ExtractMsgKey and the keys
 // of index and shard entries with ExtractFieldKey.
+//
+// A binding is of one state of the table's catalog entry (table_state.h):
+// its schema stamp, which every write is conditioned on, and what schema
+// evolution left in progress: indexes still being built, and field numbers
+// that the table holds but the client's type lacks (fields an alter added
+// after the client was compiled, or removed). Reads skip those fields
+// without a word and writes keep them (docs/store.md, "Clients of two
+// versions").
 #ifndef CORVIDA_STORE_TABLE_SCHEMA_H_
 #define CORVIDA_STORE_TABLE_SCHEMA_H_
 
 #include <cstdint>
+#include <map>
 #include <set>
 #include <string>
 #include <string_view>
@@ -26,6 +35,7 @@
 #include "protobuf_api/protobuf_util.h"
 #include "store/scratch.h"
 #include "store/status.h"
+#include "store/table_state.h"
 
 namespace corvida {
 namespace store {
@@ -56,12 +66,11 @@ int FirstNumber(std::string_view tag_path);
 
 class TableSchema {
 public:
-    // Binds the stored schema (blob) of table `name` (its full type name) to
-    // the client type of prototype, with kv's cipher suites. Results as
-    // TableStore::OpenTable describes.
-    Status Bind(const std::string& name, uint32_t number, const std::string& blob,
-                const google::protobuf::Message& prototype, CORVIDA_KV::CorvidaKVApi* kv, ScratchPool* scratch,
-                LPPLOGCATEGORYINST log);
+    // Binds the stored schema of the table of state to the client type of
+    // prototype, with kv's cipher suites. Results as TableStore::OpenTable
+    // describes.
+    Status Bind(const TableState& state, const google::protobuf::Message& prototype, CORVIDA_KV::CorvidaKVApi* kv,
+                ScratchPool* scratch, LPPLOGCATEGORYINST log);
 
     const std::string& name() const { return m_name; }
     uint32_t number() const { return m_number; }
@@ -108,6 +117,20 @@ public:
 
     LPPLOGCATEGORYINST log() const { return m_log; }
 
+    // --- Schema evolution -------------------------------------------------
+    // The schema stamp the binding was made with; empty when the table has
+    // none.
+    const std::string& stamp() const { return m_stamp; }
+    // True while the index's back-fill has not finished.
+    bool IsBuilding(std::string_view index) const;
+    // The table's type in the stored schema.
+    const google::protobuf::Descriptor* stored_descriptor() const { return m_group.m_desc; }
+    // True when the stored field at tag_path is one that the table holds but
+    // the client's type lacks: it names a field of the stored type (or a
+    // retired top-level number) and no field of the client's. Such a field is
+    // neither merged by reads nor deleted by writes.
+    bool HeldOnlyByTable(std::string_view tag_path) const;
+
 private:
     Status LoadSecondaries();
 
@@ -126,7 +149,21 @@ private:
     std::vector<Secondary> m_secondaries;
     const Secondary* m_shard = nullptr;
     std::vector<int> m_secondary_numbers;
+
+    std::string m_stamp;
+    std::vector<std::string> m_building;
+    std::vector<uint32_t> m_retired;
+    bool m_client_lacks = false;  // HeldOnlyByTable can be true
 };
+
+// The indexes that type declares (corvida_index), by name, each with its
+// field names in the order the declaration names them: the order of the
+// field key. Entries of one name add up, as FillMessageGroup reads them.
+std::map<std::string, std::vector<std::string>> DeclaredIndexes(const google::protobuf::Descriptor* type);
+
+// The field names of a list option's text (corvida_primary_key,
+// corvida_sharding_key); empty for an empty text.
+std::vector<std::string> OptionFieldNames(const std::string& text);
 
 // Copies the listed fields of from into to (the same type): singular ones
 // with reflection's setters, repeated ones through their serialization

@@ -2,6 +2,9 @@
 
 #include "protobuf_api/protobuf_util.h"
 #include "store/catalog.h"
+#include "store/describe.h"
+#include "store/evolution.h"
+#include "store/index_build.h"
 #include "store/key_format.h"
 #include "store/rocksdb_engine.h"
 #include "store/store_context.h"
@@ -54,6 +57,20 @@ public:
                      std::unique_ptr<Table>* table) override;
     Status Compact() override {
         return NoThrow([&] { return m_context->engine()->Compact(); });
+    }
+    Status AlterTable(std::string_view schema_blob, std::string_view type_name, const AlterOptions& options,
+                      AlterPlan* plan) override {
+        return NoThrow([&] { return AlterStoredTable(m_context.get(), schema_blob, type_name, options, plan); });
+    }
+    Status BuildIndex(std::string_view table, std::string_view index, CORVIDA_KV::CorvidaKVApi* kv,
+                      const WorkProgress& progress) override {
+        return NoThrow([&] { return RunIndexWork(m_context.get(), table, index, kv, progress); });
+    }
+    Status DescribeTable(std::string_view table, TableDescription* description) override {
+        return NoThrow([&] { return DescribeStoredTable(m_context.get(), table, description); });
+    }
+    Status DropTable(std::string_view table, const WorkProgress& progress) override {
+        return NoThrow([&] { return DropStoredTable(m_context.get(), table, progress); });
     }
     const std::string& dir() const override { return m_context->engine()->locator(); }
 
@@ -115,6 +132,7 @@ Status TableStoreImpl::OpenTable(const google::protobuf::Message& prototype, COR
             return Status::NotFound("no table " + desc->full_name() + " in the store (" + m_catalog.Held() + ")");
         }
         if (!status.ok()) return status;
+        if (entry.dropped) return TableBeingDropped(entry.name);
         return TableImpl::Open(m_context, entry, prototype, kv, table);
     });
 }

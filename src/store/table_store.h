@@ -51,6 +51,7 @@
 
 #include "plog/plog.h"
 #include "protobuf_api/corvida_kv_api.h"
+#include "store/schema_change.h"
 #include "store/status.h"
 #include "store/table.h"
 
@@ -175,6 +176,42 @@ public:
     // them (RocksDB: a full compaction). kNotSupported for a store opened
     // read-only.
     virtual Status Compact() = 0;
+
+    // --- Schema evolution (store/schema_change.h; docs/store.md) ----------
+
+    // Replaces the stored schema of the table of type_name (either form of its
+    // name) with schema_blob, when the change is one the records can keep:
+    // new fields, enum values and types, new indexes (left building), dropped
+    // indexes (left dropping), removed top-level fields that no record holds.
+    // *plan receives the changes and what they cost. A change the records
+    // cannot keep is kIncompatibleSchema, with every reason in
+    // plan->refusals and the message, bridge_code() the comparison's code (0
+    // when the comparison accepts the new type); nothing is written. With
+    // options.dry_run nothing is written either way. Once the alter commits,
+    // every client is checked against the new schema before its next write
+    // (and lookup), as OpenTable checks it. kInvalidArgument for a blob that
+    // does not load or holds another type.
+    virtual Status AlterTable(std::string_view schema_blob, std::string_view type_name, const AlterOptions& options,
+                              AlterPlan* plan) = 0;
+
+    // Runs the pending work of the index `index` of table: the back-fill of a
+    // building index (which then becomes ready), or the removal of a dropped
+    // index's entries; ok at once for a ready index. Resumes where an earlier
+    // run stopped (after a crash, or progress returning false). kv holds the
+    // table's cipher suite when it names one (null otherwise). kNotFound for
+    // an index the table has not.
+    virtual Status BuildIndex(std::string_view table, std::string_view index, CORVIDA_KV::CorvidaKVApi* kv,
+                              const WorkProgress& progress) = 0;
+
+    // The table's stored schema, key, sharding key, indexes with their states
+    // and record count.
+    virtual Status DescribeTable(std::string_view table, TableDescription* description) = 0;
+
+    // Drops the table: from the first batch on its clients are refused and its
+    // name reads as being dropped; its records and entries are removed in
+    // batches, then its catalog entry. Resumes a drop that a crash (or
+    // progress returning false) stopped.
+    virtual Status DropTable(std::string_view table, const WorkProgress& progress) = 0;
 
     // Where the store is: its directory, or its etcd locator.
     virtual const std::string& dir() const = 0;

@@ -20,7 +20,8 @@ struct VerifyCounts {
     uint64_t orphans = 0;  // entries without their record (or with another value than the record's)
 };
 
-// Reads the whole table at one view and counts. The status is an error only
+// Reads the whole table at one view and counts. An index still being built
+// is left out: its back-fill has not reached every record yet. The status is an error only
 // when the table cannot be read (a primary key that does not parse, a key
 // that does not split); what is missing or left over is in *counts.
 Status VerifyTable(StoreContext* context, const TableSchema& schema, const RecordReader& reader,

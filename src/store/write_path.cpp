@@ -194,7 +194,7 @@ Status RecordWriter::StagePut(const PreparedWrite& write, const ReadView* view, 
     ExpectRow(write.row_key, row, batch);
     std::string key = write.row_key;
     for (const std::string& tag_path : row.tag_paths) {
-        if (Rewritten(write.writes, tag_path)) continue;
+        if (Rewritten(write.writes, tag_path) || m_schema->HeldOnlyByTable(tag_path)) continue;
         key.resize(write.row_key.size());
         batch->Delete(key.append(tag_path));
     }
@@ -247,7 +247,7 @@ Status RecordWriter::StageUpdate(const PreparedWrite& write, const ReadView* vie
     for (const std::string& tag_path : row.tag_paths) {
         const bool replaced = std::any_of(write.below.begin(), write.below.end(),
                                           [&tag_path](const std::string& parent) { return Under(tag_path, parent); });
-        if (!replaced || Rewritten(write.writes, tag_path)) continue;
+        if (!replaced || Rewritten(write.writes, tag_path) || m_schema->HeldOnlyByTable(tag_path)) continue;
         key.resize(write.row_key.size());
         batch->Delete(key.append(tag_path));
     }
@@ -363,40 +363,61 @@ Status RecordWriter::StageSecondaries(const std::vector<const Secondary*>& affec
 // Committing.
 // ---------------------------------------------------------------------------
 
-Status RecordWriter::Commit(const PreparedWrite& write, Scratch* scratch, const char* what) const {
+void RecordWriter::StageTableConditions(EngineBatch* batch) const {
+    const std::string key = keys::SchemaStampKey(m_schema->number());
+    if (m_schema->stamp().empty()) {
+        batch->ExpectAbsent(key);
+    } else {
+        batch->ExpectValue(key, m_schema->stamp());
+    }
+}
+
+Status RecordWriter::SchemaMoved(bool* moved) const {
+    std::string stamp;
+    bool found = false;
+    Status status = m_context->engine()->Get(nullptr, keys::SchemaStampKey(m_schema->number()), &stamp, &found);
+    *moved = status.ok() && stamp != m_schema->stamp();
+    return status;
+}
+
+Status RecordWriter::Commit(const PreparedWrite& write, Scratch* scratch, const char* what, bool* moved) const {
     const std::string context = "table " + m_schema->name() + ": " + what;
     Engine* engine = m_context->engine();
+    *moved = false;
     return RetryConflicts(context, [&](bool* committed) {
         std::unique_ptr<ReadView> view;
         Status status = engine->NewView(&view);
         if (!status.ok()) return status;
         EngineBatch batch;
         status = Stage(write, view.get(), scratch, &batch);
-        if (status.ok()) status = CheckLimits(batch, engine->limits(), context);
+        if (!status.ok()) return status;
+        StageTableConditions(&batch);
+        status = CheckLimits(batch, engine->limits(), context);
         if (status.ok()) status = engine->Commit(batch, committed);
-        return status;
+        if (status.ok() && !*committed) status = SchemaMoved(moved);
+        return status.ok() && *moved ? Status::Busy(context + ": the table's schema changed meanwhile") : status;
     });
 }
 
-Status RecordWriter::Put(const Message& record) {
+Status RecordWriter::Put(const Message& record, bool* moved) const {
     ScratchPool::Lease scratch = m_context->scratch().Acquire();
     PreparedWrite write;
     Status status = PreparePut(record, scratch.get(), &write);
-    return status.ok() ? Commit(write, scratch.get(), "writing a record") : status;
+    return status.ok() ? Commit(write, scratch.get(), "writing a record", moved) : status;
 }
 
-Status RecordWriter::Update(const Message& record, const std::vector<std::string>& paths) {
+Status RecordWriter::Update(const Message& record, const std::vector<std::string>& paths, bool* moved) const {
     ScratchPool::Lease scratch = m_context->scratch().Acquire();
     PreparedWrite write;
     Status status = PrepareUpdate(record, paths, scratch.get(), &write);
-    return status.ok() ? Commit(write, scratch.get(), "updating a record") : status;
+    return status.ok() ? Commit(write, scratch.get(), "updating a record", moved) : status;
 }
 
-Status RecordWriter::Delete(const Message& key) {
+Status RecordWriter::Delete(const Message& key, bool* moved) const {
     ScratchPool::Lease scratch = m_context->scratch().Acquire();
     PreparedWrite write;
     Status status = PrepareDelete(key, scratch.get(), &write);
-    return status.ok() ? Commit(write, scratch.get(), "deleting a record") : status;
+    return status.ok() ? Commit(write, scratch.get(), "deleting a record", moved) : status;
 }
 
 }  // namespace store

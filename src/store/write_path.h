@@ -14,6 +14,20 @@
 //
 // Many prepared writes can be staged into one batch (one commit for many
 // records); each record's change stays whole.
+//
+// Every commit also carries the table's conditions (StageTableConditions):
+// the table's schema stamp is still the one the schema was bound with. So a
+// writer that bound the schema before an alter committed never commits after
+// it: its commit is refused, *moved says why, and the caller binds the new
+// schema and prepares the write again. That is what keeps an index built
+// online complete (docs/store.md, "Index states"): a write either lands
+// before the alter, where the back-fill finds it, or is made with the new
+// schema, which keeps the new index itself.
+//
+// Fields that the table holds but the client's type lacks
+// (TableSchema::HeldOnlyByTable) are never deleted: a put replaces the
+// fields its type knows, and a sub-message written whole keeps what newer
+// clients stored under it.
 #ifndef CORVIDA_STORE_WRITE_PATH_H_
 #define CORVIDA_STORE_WRITE_PATH_H_
 
@@ -51,9 +65,11 @@ public:
     RecordWriter(StoreContext* context, const TableSchema* schema, const RecordReader* reader)
         : m_context(context), m_schema(schema), m_reader(reader) {}
 
-    Status Put(const google::protobuf::Message& record);
-    Status Update(const google::protobuf::Message& record, const std::vector<std::string>& paths);
-    Status Delete(const google::protobuf::Message& key);
+    // Prepare and commit one write. *moved is set when the write was refused
+    // because the table's schema changed since the binding (nothing written).
+    Status Put(const google::protobuf::Message& record, bool* moved) const;
+    Status Update(const google::protobuf::Message& record, const std::vector<std::string>& paths, bool* moved) const;
+    Status Delete(const google::protobuf::Message& key, bool* moved) const;
 
     Status PreparePut(const google::protobuf::Message& record, Scratch* scratch, PreparedWrite* write) const;
     Status PrepareUpdate(const google::protobuf::Message& record, const std::vector<std::string>& paths,
@@ -64,8 +80,19 @@ public:
     // record that is not there.
     Status Stage(const PreparedWrite& write, const ReadView* view, Scratch* scratch, EngineBatch* batch) const;
 
-    // Stages write at a new view and commits it, until it commits or fails.
-    Status Commit(const PreparedWrite& write, Scratch* scratch, const char* what) const;
+    // Adds the conditions that every commit of a write of the table carries:
+    // the table's schema stamp is the one of the binding. A batch of many
+    // writes needs them once.
+    void StageTableConditions(EngineBatch* batch) const;
+
+    // After a refused commit: whether the table's schema stamp moved since
+    // the binding.
+    Status SchemaMoved(bool* moved) const;
+
+    // Stages write (and the table's conditions) at a new view and commits it,
+    // until it commits or fails. When a commit is refused because the schema
+    // moved, *moved is set and the status is kBusy: bind again and retry.
+    Status Commit(const PreparedWrite& write, Scratch* scratch, const char* what, bool* moved) const;
 
 private:
     Status StagePut(const PreparedWrite& write, const ReadView* view, Scratch* scratch, EngineBatch* batch) const;

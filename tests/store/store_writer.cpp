@@ -16,15 +16,27 @@
 //   store_writer upgrade DIR       upgrades the store in DIR to the current
 //                                  layout; prints "upgraded", "current" or
 //                                  the error (exit status 1)
+//   store_writer build DIR         opens the store in DIR with sync on and runs
+//                                  the pending work of the index-build crash
+//                                  test's index (its back-fill, or the removal
+//                                  of its entries) while another thread writes
+//                                  records of the table; writes "done total\n"
+//                                  after each batch and "finished\n" at the
+//                                  end, then writes on until it is killed
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <random>
 #include <string>
+#include <thread>
 
 #include <unistd.h>
 
 #include "crash_ops.h"
+#include "index_build_ops.h"
+#include "schema_versions.h"
 #include "store/table_store.h"
 #include "store_test_support.h"
 #include "tables3.pb.h"
@@ -97,6 +109,61 @@ int Upgrade(const std::string& dir) {
     return 0;
 }
 
+// Writes records of the table until stop is set: puts, updates of the level
+// and deletes of random records, so that the back-fill meets them.
+void WriteBeside(Table* table, corvida_store_test::SchemaVersion* version, const std::atomic<bool>* stop) {
+    std::mt19937_64 rng(std::random_device{}());
+    for (uint64_t n = 0; !*stop; ++n) {
+        const uint64_t id = rng() % (corvida_store_test::kBuildRecords + 500) + 1;
+        const std::string text = corvida_store_test::BuildRowText(id, rng());
+        Status s;
+        switch (rng() % 4) {
+            case 0: s = table->Delete(*version->Parse(corvida_store_test::kBuildTable, text)); break;
+            case 1: s = table->Update(*version->Parse(corvida_store_test::kBuildTable, text), {"level"}); break;
+            default: s = table->Put(*version->Parse(corvida_store_test::kBuildTable, text)); break;
+        }
+        if (!s.ok() && !s.IsNotFound()) {
+            Fail("write beside the build", s);
+            std::exit(1);
+        }
+    }
+}
+
+int Build(const std::string& dir) {
+    std::unique_ptr<TableStore> store;
+    Status s = corvida_store_test::OpenStore(dir, &store, true);
+    if (!s.ok()) return Fail("open", s);
+    corvida::store::TableDescription described;
+    s = store->DescribeTable(corvida_store_test::kBuildTable, &described);
+    if (!s.ok()) return Fail("describe", s);
+    bool with_index = false;
+    for (const corvida::store::IndexDescription& index : described.indexes) {
+        with_index = with_index || (index.name == corvida_store_test::kBuildIndex &&
+                                    index.state != corvida::store::IndexState::kDropping);
+    }
+    corvida_store_test::SchemaVersion version(corvida_store_test::BuildTableProto(with_index));
+    std::unique_ptr<Table> table;
+    s = store->OpenTable(version.Prototype(corvida_store_test::kBuildTable), nullptr, &table);
+    if (!s.ok()) return Fail("open table", s);
+    std::atomic<bool> stop{false};
+    std::thread writer(WriteBeside, table.get(), &version, &stop);
+    s = store->BuildIndex(corvida_store_test::kBuildTable, corvida_store_test::kBuildIndex, nullptr,
+                          [](uint64_t done, uint64_t total) {
+                              std::printf("%llu %llu\n", static_cast<unsigned long long>(done),
+                                          static_cast<unsigned long long>(total));
+                              std::fflush(stdout);
+                              return true;
+                          });
+    if (!s.ok()) {
+        Fail("build", s);
+        std::exit(1);
+    }
+    std::printf("finished\n");
+    std::fflush(stdout);
+    writer.join();  // never returns: the process is killed
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -109,6 +176,7 @@ int main(int argc, char** argv) {
         std::printf("%s\n", s.ToString().c_str());
         return s.ok() ? 0 : s.IsBusy() ? 3 : 1;
     }
-    std::fprintf(stderr, "usage: store_writer write DIR START | open DIR | race DIR N | upgrade DIR\n");
+    if (argc == 3 && std::strcmp(argv[1], "build") == 0) return Build(argv[2]);
+    std::fprintf(stderr, "usage: store_writer write DIR START | open DIR | race DIR N | upgrade DIR | build DIR\n");
     return 2;
 }

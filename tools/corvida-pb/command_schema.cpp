@@ -167,18 +167,7 @@ private:
                          const std::vector<SchemaDifference>& differences) const {
         Json result = {{"table", client->full_name()}, {"compatible", ret == 0}, {"code", ret}};
         if (ret != 0) result["explanation"] = ExplainCompareResult(ret);
-        if (m_all) {
-            Json list = Json::array();
-            for (const SchemaDifference& difference : differences) {
-                Json item = {{"file", schema.FileDisplayName(difference.file)}};
-                item["line"] = difference.line > 0 ? Json(difference.line) : Json(nullptr);
-                item["column"] = difference.line > 0 ? Json(difference.column) : Json(nullptr);
-                item["code"] = difference.code;
-                item["message"] = difference.message;
-                list.push_back(item);
-            }
-            result["differences"] = list;
-        }
+        if (m_all) result["differences"] = DifferencesJson(schema, differences);
         PrintJson(std::cout, result);
     }
 

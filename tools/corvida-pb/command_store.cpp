@@ -291,6 +291,7 @@ std::vector<std::unique_ptr<Command>> MakeStoreCommands(CLI::App* parent) {
     std::vector<std::unique_ptr<Command>> commands;
     AddStoreRecordCommands(group, &commands);
     AddStoreAdminCommands(group, &commands);
+    AddStoreSchemaCommands(group, &commands);
     return commands;
 }
 

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include <google/protobuf/descriptor.h>
+#include <nlohmann/json.hpp>
 
 namespace corvida_pb {
 
@@ -54,6 +55,17 @@ std::vector<SchemaDifference> DifferencesReported(const google::protobuf::Descri
 // "FILE:LINE:COL" of a difference in the client's schema (without line and
 // column when they are unknown).
 std::string DifferenceLocation(const Schema& schema, const SchemaDifference& difference);
+
+// A difference found elsewhere (the table store's evolution rules), pointed
+// at a declaration of the client's type: its field of number field, or, with
+// field 0, its message option of number option (or the type itself, with
+// option 0 too). message is taken as it is.
+SchemaDifference DifferenceAt(const google::protobuf::Descriptor* type, int field, int option, int code,
+                              const std::string& message);
+
+// [{"file", "line", "column", "code", "message"}...]: line and column null
+// when unknown.
+nlohmann::ordered_json DifferencesJson(const Schema& schema, const std::vector<SchemaDifference>& differences);
 
 }  // namespace corvida_pb
 

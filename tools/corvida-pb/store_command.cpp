@@ -85,16 +85,16 @@ void StoreCommand::LoadClient() {
     if (m_loaded.schema == nullptr) m_loaded = LoadTableMessage();
 }
 
-void StoreCommand::OpenStore() {
+void StoreCommand::OpenStore(StoreAccess access) {
     if (m_traits.client) LoadClient();
-    CheckStore(TableStore::Open(m_db, Options(), &m_store));
+    CheckStore(TableStore::Open(m_db, Options(access), &m_store));
 }
 
-corvida::store::StoreOptions StoreCommand::Options() {
+corvida::store::StoreOptions StoreCommand::Options(StoreAccess access) {
     if (m_log == nullptr) m_log.reset(new CliLog(log_priority()));
     corvida::store::StoreOptions options;
-    options.create_if_missing = m_traits.access == StoreAccess::kCreate;
-    options.read_only = m_traits.access == StoreAccess::kRead;
+    options.create_if_missing = access == StoreAccess::kCreate;
+    options.read_only = access == StoreAccess::kRead;
     options.sync = m_sync;
     options.wait_seconds = m_wait;
     options.timeout_seconds = m_timeout;
@@ -139,16 +139,7 @@ bool StoreCommand::OpenTable() {
                        {"compatible", false},
                        {"code", code},
                        {"explanation", explanation}};
-        Json list = Json::array();
-        for (const SchemaDifference& difference : differences) {
-            Json item = {{"file", m_loaded.schema->FileDisplayName(difference.file)}};
-            item["line"] = difference.line > 0 ? Json(difference.line) : Json(nullptr);
-            item["column"] = difference.line > 0 ? Json(difference.column) : Json(nullptr);
-            item["code"] = difference.code;
-            item["message"] = difference.message;
-            list.push_back(item);
-        }
-        result["differences"] = list;
+        result["differences"] = DifferencesJson(*m_loaded.schema, differences);
         PrintJson(std::cout, result);
     } else {
         std::cout << "incompatible (result " << code << "): " << explanation << "\n";

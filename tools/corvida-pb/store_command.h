@@ -57,13 +57,15 @@ protected:
     // Loads the table's definitions and the message of --text / --text-file.
     void LoadClient();
 
-    // Opens the store as the traits say, with the client loaded first for a
-    // client command.
-    void OpenStore();
+    // Opens the store as the traits say (or as access says), with the client
+    // loaded first for a client command.
+    void OpenStore() { OpenStore(m_traits.access); }
+    void OpenStore(StoreAccess access);
 
     // The options the store is opened with, from the command line (and the
     // log category of --log-level, made on the first call).
-    corvida::store::StoreOptions Options();
+    corvida::store::StoreOptions Options() { return Options(m_traits.access); }
+    corvida::store::StoreOptions Options(StoreAccess access);
 
     // Opens the table as the client type of --table. Returns false after
     // printing the comparison's answer (every incompatibility, named) when
@@ -74,6 +76,7 @@ protected:
     std::unique_ptr<google::protobuf::Message> NewMessage() const;
 
     const google::protobuf::Message& message() const { return *m_loaded.msg; }
+    const Schema& schema() const { return *m_loaded.schema; }
     const google::protobuf::Descriptor* table_type() const { return m_loaded.table; }
     corvida::store::Table& table() { return *m_table; }
     corvida::store::TableStore& store() { return *m_store; }
@@ -126,6 +129,7 @@ protected:
 // *commands under the group app.
 void AddStoreRecordCommands(CLI::App* group, std::vector<std::unique_ptr<Command>>* commands);
 void AddStoreAdminCommands(CLI::App* group, std::vector<std::unique_ptr<Command>>* commands);
+void AddStoreSchemaCommands(CLI::App* group, std::vector<std::unique_ptr<Command>>* commands);
 
 }  // namespace corvida_pb
 
