@@ -66,7 +66,6 @@ std::string Seconds(std::chrono::duration<double> d) {
 
 struct EtcdClient::Member {
     std::string endpoint;
-    std::shared_ptr<grpc::Channel> channel;
     std::unique_ptr<etcdserverpb::KV::Stub> kv;
     std::unique_ptr<etcdserverpb::Maintenance::Stub> maintenance;
 };
@@ -97,9 +96,10 @@ Status EtcdClient::Open(const EtcdLocator& locator, const StoreOptions& options,
     for (const std::string& endpoint : locator.endpoints) {
         auto member = std::make_unique<Member>();
         member->endpoint = endpoint;
-        member->channel = grpc::CreateCustomChannel(endpoint, credentials, arguments);
-        member->kv = etcdserverpb::KV::NewStub(member->channel);
-        member->maintenance = etcdserverpb::Maintenance::NewStub(member->channel);
+        // One channel for both services of the member.
+        const std::shared_ptr<grpc::Channel> channel = grpc::CreateCustomChannel(endpoint, credentials, arguments);
+        member->kv = etcdserverpb::KV::NewStub(channel);
+        member->maintenance = etcdserverpb::Maintenance::NewStub(channel);
         members.push_back(std::move(member));
     }
     const double timeout = std::min(options.timeout_seconds, kLongestTimeoutSeconds);

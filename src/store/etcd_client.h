@@ -72,8 +72,6 @@ public:
     // member that failed.
     Status DefragmentEach(const char* what);
 
-    bool tls() const { return m_tls; }
-
 private:
     struct Member;
     // One call: grpc::Status(Member&, grpc::ClientContext*).
