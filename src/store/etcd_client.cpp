@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <future>
 #include <thread>
 
 #include "store/etcd_tls.h"
+#include "store/grpc_call.h"
 
 namespace corvida {
 namespace store {
@@ -25,21 +25,6 @@ constexpr double kLongestTimeoutSeconds = 1e6;
 // for a leader while they have none.
 constexpr char kRequireLeaderKey[] = "hasleader";
 constexpr char kRequireLeaderValue[] = "true";
-
-using Done = std::function<void(grpc::Status)>;
-
-// Runs one call that start begins through gRPC's callback API, handing it
-// the function to call when done, and waits for it. Unlike gRPC's blocking
-// calls, the callback API keeps gRPC's own threads polling the channels, so
-// that a member that comes back is connected to again within its reconnect
-// backoff rather than at gRPC's backup poll, every five seconds.
-template <typename Start>
-grpc::Status Await(const Start& start) {
-    std::promise<grpc::Status> done;
-    std::future<grpc::Status> result = done.get_future();
-    start([&done](grpc::Status status) { done.set_value(std::move(status)); });
-    return result.get();
-}
 
 bool ReadsOnly(const etcdserverpb::TxnRequest& request) {
     auto reads = [](const etcdserverpb::RequestOp& op) { return op.has_request_range(); };
@@ -120,24 +105,35 @@ std::chrono::system_clock::time_point EtcdClient::Deadline() const {
 
 Status EtcdClient::Range(const etcdserverpb::RangeRequest& request, etcdserverpb::RangeResponse* response,
                          const char* what, EtcdFailure* failure) {
-    return Call(what, true, [&](Member& member, grpc::ClientContext* context) {
-        return Await([&](Done done) { member.kv->async()->Range(context, &request, response, std::move(done)); });
-    }, failure);
+    return Call(
+        what, true,
+        [&](Member& member, grpc::ClientContext* context) {
+            return AwaitCall(
+                [&](GrpcDone done) { member.kv->async()->Range(context, &request, response, std::move(done)); });
+        },
+        failure);
 }
 
-Status EtcdClient::Txn(const etcdserverpb::TxnRequest& request, etcdserverpb::TxnResponse* response,
-                       const char* what, EtcdFailure* failure) {
-    return Call(what, ReadsOnly(request), [&](Member& member, grpc::ClientContext* context) {
-        return Await([&](Done done) { member.kv->async()->Txn(context, &request, response, std::move(done)); });
-    }, failure);
+Status EtcdClient::Txn(const etcdserverpb::TxnRequest& request, etcdserverpb::TxnResponse* response, const char* what,
+                       EtcdFailure* failure) {
+    return Call(
+        what, ReadsOnly(request),
+        [&](Member& member, grpc::ClientContext* context) {
+            return AwaitCall(
+                [&](GrpcDone done) { member.kv->async()->Txn(context, &request, response, std::move(done)); });
+        },
+        failure);
 }
 
-Status EtcdClient::Compact(const etcdserverpb::CompactionRequest& request, const char* what,
-                           EtcdFailure* failure) {
+Status EtcdClient::Compact(const etcdserverpb::CompactionRequest& request, const char* what, EtcdFailure* failure) {
     etcdserverpb::CompactionResponse response;
-    return Call(what, false, [&](Member& member, grpc::ClientContext* context) {
-        return Await([&](Done done) { member.kv->async()->Compact(context, &request, &response, std::move(done)); });
-    }, failure);
+    return Call(
+        what, false,
+        [&](Member& member, grpc::ClientContext* context) {
+            return AwaitCall(
+                [&](GrpcDone done) { member.kv->async()->Compact(context, &request, &response, std::move(done)); });
+        },
+        failure);
 }
 
 Status EtcdClient::DefragmentEach(const char* what) {
@@ -147,7 +143,7 @@ Status EtcdClient::DefragmentEach(const char* what) {
         context.set_deadline(Deadline());
         etcdserverpb::DefragmentRequest request;
         etcdserverpb::DefragmentResponse response;
-        const grpc::Status s = Await([&](Done done) {
+        const grpc::Status s = AwaitCall([&](GrpcDone done) {
             member->maintenance->async()->Defragment(&context, &request, &response, std::move(done));
         });
         if (s.ok()) continue;

@@ -86,8 +86,7 @@ private:
 
     // The error for a round in which no member took the call: reasons has a
     // line for each; some had no leader, or all were unreachable.
-    Status NoMemberTook(const char* what, const std::vector<std::string>& reasons, bool no_leader,
-                        bool all_down) const;
+    Status NoMemberTook(const char* what, const std::vector<std::string>& reasons, bool no_leader, bool all_down) const;
 
     std::chrono::system_clock::time_point Deadline() const;
 

@@ -12,13 +12,13 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <future>
 #include <sstream>
 #include <thread>
 
 #include <grpcpp/grpcpp.h>
 
 #include "etcd/etcdserver/etcdserverpb/rpc.grpc.pb.h"
+#include "store/grpc_call.h"
 
 namespace corvida_test {
 
@@ -84,17 +84,16 @@ struct EtcdCluster::Member {
     std::string endpoint() const { return "127.0.0.1:" + std::to_string(client_port); }
 
     // The member's status as it reports it; false when it does not answer
-    // within a moment. Asked through gRPC's callback API, whose threads
-    // notice a member that starts listening at once (a blocking call's
-    // channel notices only at its backup poll, every five seconds).
+    // within a moment. Asked the way the engine asks (store/grpc_call.h), so
+    // that a member that starts listening is noticed at once.
     bool Status(etcdserverpb::StatusResponse* status) const {
         grpc::ClientContext context;
         context.set_deadline(std::chrono::system_clock::now() + std::chrono::milliseconds(500));
         const etcdserverpb::StatusRequest request;
-        std::promise<bool> done;
-        maintenance->async()->Status(&context, &request, status,
-                                     [&done](const grpc::Status& s) { done.set_value(s.ok()); });
-        return done.get_future().get();
+        return corvida::store::AwaitCall([&](corvida::store::GrpcDone done) {
+                   maintenance->async()->Status(&context, &request, status, std::move(done));
+               })
+            .ok();
     }
 
     // Ends the process with signal and reaps it.
@@ -129,8 +128,8 @@ std::unique_ptr<EtcdCluster> EtcdCluster::Start(const EtcdClusterOptions& option
         while (!cluster->Exited(error, &port_taken)) {
             if (cluster->LeaderIndex(0) >= 0) return cluster;
             if (Clock::now() > deadline) {
-                *error = "the cluster elected no leader within " + std::to_string(kStartSeconds) + " s\n" +
-                         cluster->Logs();
+                *error =
+                    "the cluster elected no leader within " + std::to_string(kStartSeconds) + " s\n" + cluster->Logs();
                 return nullptr;
             }
         }
@@ -206,8 +205,8 @@ bool EtcdCluster::Launch(const EtcdClusterOptions& options, std::string* error) 
         grpc::ChannelArguments arguments;
         arguments.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, 100);
         arguments.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, 200);
-        member->maintenance = etcdserverpb::Maintenance::NewStub(
-            grpc::CreateCustomChannel(member->endpoint(), credentials, arguments));
+        member->maintenance =
+            etcdserverpb::Maintenance::NewStub(grpc::CreateCustomChannel(member->endpoint(), credentials, arguments));
         if (!Spawn(*member)) {
             *error = "cannot start " + std::string(CORVIDA_ETCD_PROGRAM);
             return false;
@@ -279,8 +278,8 @@ bool EtcdCluster::Restart(int i) { return m_members[i]->pid < 0 && Spawn(*m_memb
 bool EtcdCluster::Running(int i) const { return m_members[i]->pid >= 0; }
 
 int EtcdCluster::LeaderIndex(double seconds) {
-    const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                             std::chrono::duration<double>(seconds));
+    const auto deadline =
+        Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
     do {
         uint64_t leader = 0;
         int leader_index = -1;
@@ -288,8 +287,8 @@ int EtcdCluster::LeaderIndex(double seconds) {
         for (size_t i = 0; i < m_members.size() && agreed; ++i) {
             if (m_members[i]->pid < 0) continue;
             etcdserverpb::StatusResponse status;
-            agreed = m_members[i]->Status(&status) && status.leader() != 0 &&
-                     (leader == 0 || status.leader() == leader);
+            agreed =
+                m_members[i]->Status(&status) && status.leader() != 0 && (leader == 0 || status.leader() == leader);
             leader = status.leader();
             if (agreed && status.header().member_id() == leader) leader_index = static_cast<int>(i);
         }
