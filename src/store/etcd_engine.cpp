@@ -41,7 +41,9 @@ private:
     const int64_t m_revision;
 };
 
-int64_t RevisionOf(const ReadView* view) { return view == nullptr ? 0 : static_cast<const EtcdView*>(view)->revision(); }
+int64_t RevisionOf(const ReadView* view) {
+    return view == nullptr ? 0 : static_cast<const EtcdView*>(view)->revision();
+}
 
 // Refuses a batch that changes a key twice: an etcd transaction may not.
 Status CheckOneChangePerKey(const EngineBatch& batch) {

@@ -66,11 +66,13 @@ std::string ConnectFailure(std::string_view message, bool tls) {
     if (Contains(cause, "andshake") || Contains(cause, "certificate") || Contains(cause, "Peer name")) {
         detail = "TLS handshake failed: " + detail;
     } else if (closed && tls) {
-        detail += " (the member closed the connection during the TLS handshake: if it is up, does it accept the "
-                  "client's certificate and key?)";
+        detail +=
+            " (the member closed the connection during the TLS handshake: if it is up, does it accept the "
+            "client's certificate and key?)";
     } else if (closed) {
-        detail += " (the member closed the connection: if it is up, does it serve TLS only? then give the etcd TLS "
-                  "options, the cluster's CA file at least)";
+        detail +=
+            " (the member closed the connection: if it is up, does it serve TLS only? then give the etcd TLS "
+            "options, the cluster's CA file at least)";
     }
     return detail;
 }
@@ -138,9 +140,9 @@ EtcdFailure ClassifyEtcdFailure(const grpc::Status& status, bool tls) {
             "the transaction changes one key twice, which an etcd transaction may not; nothing was written"));
     }
     if (Contains(message, "required revision has been compacted")) {
-        return Answer(Status::IOError(
-            "the revision the read was taken at has been compacted away on the etcd cluster (" + message +
-            "): read again from a new view"),
+        return Answer(
+            Status::IOError("the revision the read was taken at has been compacted away on the etcd cluster (" +
+                            message + "): read again from a new view"),
             EtcdFailure::Refusal::kCompacted);
     }
     if (Contains(message, "required revision is a future revision")) {

@@ -87,8 +87,8 @@ Status LoadEtcdTls(const EtcdTlsOptions& tls, grpc::SslCredentialsOptions* crede
         auto cert = FirstCertificate(result.pem_cert_chain);
         if (!cert) return Unusable("client certificate file", tls.cert_file, "holds no PEM certificate");
         auto bio = MemoryBio(result.pem_private_key);
-        std::unique_ptr<EVP_PKEY, KeyFree> key(
-            bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, NoPassphrase, nullptr) : nullptr);
+        std::unique_ptr<EVP_PKEY, KeyFree> key(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, NoPassphrase, nullptr)
+                                                   : nullptr);
         const bool matches = key && X509_check_private_key(cert.get(), key.get()) == 1;
         ERR_clear_error();
         if (!key) {

@@ -147,9 +147,8 @@ TEST_F(EtcdEngineTest, ScansTheirRangeInByteOrder) {
     EXPECT_TRUE(keys.empty());
     // The visitor stops the scan.
     int visited = 0;
-    ASSERT_TRUE(IsOk(m_engine->Scan(nullptr, "", "", [&](std::string_view, std::string_view) {
-        return ++visited < 3;
-    })));
+    ASSERT_TRUE(
+        IsOk(m_engine->Scan(nullptr, "", "", [&](std::string_view, std::string_view) { return ++visited < 3; })));
     EXPECT_EQ(visited, 3);
 }
 

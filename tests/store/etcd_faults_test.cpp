@@ -79,8 +79,9 @@ TEST_F(EtcdFaultTest, ALostQuorumFailsWithinTheDeadlineAndComesBack) {
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     EXPECT_TRUE(s.IsIOError()) << s.ToString();
     EXPECT_LT(seconds, kTimeout + 1.5) << s.ToString();
-    const bool clear = s.message().find("the cluster has had no leader until the deadline of 2 s") != std::string::npos ||
-                       s.message().find("no answer within the deadline of 2 s") != std::string::npos;
+    const bool clear =
+        s.message().find("the cluster has had no leader until the deadline of 2 s") != std::string::npos ||
+        s.message().find("no answer within the deadline of 2 s") != std::string::npos;
     EXPECT_TRUE(clear) << s.message();
     RecordProperty("error", s.ToString());
     // By now the member left knows it has no leader, and says so; reads

@@ -103,8 +103,9 @@ TEST(EtcdErrorsTest, TellsWhatTheEngineMayDoNext) {
               std::string::npos);
     EXPECT_NE(Classify(grpc::StatusCode::UNAVAILABLE, closed, false).detail.find("does it serve TLS only?"),
               std::string::npos);
-    const std::string reset = "failed to connect to all addresses; last error: UNKNOWN: ipv4:127.0.0.1:2379: "
-                              "recvmsg:Connection reset by peer";
+    const std::string reset =
+        "failed to connect to all addresses; last error: UNKNOWN: ipv4:127.0.0.1:2379: "
+        "recvmsg:Connection reset by peer";
     EXPECT_EQ(Classify(grpc::StatusCode::UNAVAILABLE, reset, true).detail, "recvmsg:Connection reset by peer");
 }
 
@@ -152,10 +153,10 @@ TEST(EtcdErrorsTest, MapsTheClustersAnswers) {
 // the options of both sides keep their own extension numbers.
 TEST(EtcdApiTest, SharesTheDescriptorPoolWithoutClashes) {
     const google::protobuf::DescriptorPool* pool = google::protobuf::DescriptorPool::generated_pool();
-    for (const char* file : {"etcd/etcdserver/etcdserverpb/rpc.proto", "etcd/mvcc/mvccpb/kv.proto",
-                             "etcd/auth/authpb/auth.proto", "gogoproto/gogo.proto", "google/api/annotations.proto",
-                             "google/api/http.proto", "corvidaservice.optionv1.proto",
-                             "google/protobuf/descriptor.proto"}) {
+    for (const char* file :
+         {"etcd/etcdserver/etcdserverpb/rpc.proto", "etcd/mvcc/mvccpb/kv.proto", "etcd/auth/authpb/auth.proto",
+          "gogoproto/gogo.proto", "google/api/annotations.proto", "google/api/http.proto",
+          "corvidaservice.optionv1.proto", "google/protobuf/descriptor.proto"}) {
         EXPECT_NE(pool->FindFileByName(file), nullptr) << file;
     }
     EXPECT_EQ(pool->FindFileByName("gogoproto/gogo.proto")->dependency(0),

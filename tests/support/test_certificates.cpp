@@ -31,16 +31,16 @@ bool MakeCa(const std::string& base, const std::string& name, std::string* error
 
 // A key at base.key and a certificate at base.crt for name, signed by the CA
 // at ca.crt/ca.key, with the X.509 extensions given.
-bool MakeSigned(const std::string& base, const std::string& name, const std::string& ca,
-                const std::string& extensions, std::string* error) {
+bool MakeSigned(const std::string& base, const std::string& name, const std::string& ca, const std::string& extensions,
+                std::string* error) {
     const std::string extensions_file = base + ".ext";
     std::ofstream(extensions_file) << extensions;
     std::vector<std::string> request = {"req", "-new"};
     request.insert(request.end(), kNewKey.begin(), kNewKey.end());
     request.insert(request.end(), {"-keyout", base + ".key", "-out", base + ".csr", "-subj", "/CN=" + name});
     return OpenSsl(request, error) &&
-           OpenSsl({"x509", "-req", "-in", base + ".csr", "-CA", ca + ".crt", "-CAkey", ca + ".key",
-                    "-CAcreateserial", "-out", base + ".crt", "-days", "2", "-extfile", extensions_file},
+           OpenSsl({"x509", "-req", "-in", base + ".csr", "-CA", ca + ".crt", "-CAkey", ca + ".key", "-CAcreateserial",
+                    "-out", base + ".crt", "-days", "2", "-extfile", extensions_file},
                    error);
 }
 
