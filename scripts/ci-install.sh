@@ -66,7 +66,8 @@ check_tree() {
         [ -f "$inc/$header" ] || fail "header $header is not installed"
     done
     for private in protobuf_util_log.h protobuf_util_tokens.h protobuf_util_plans.h protobuf_util_fields.h \
-        pb_value_set_buffer_internal.h key_layout.h record_codec.h store_core.h; do
+        pb_value_set_buffer_internal.h key_layout.h record_codec.h store_core.h engine.h etcd_engine.h etcd_client.h \
+        etcd_errors.h etcd_locator.h etcd_tls.h rpc.pb.h rpc.grpc.pb.h gogo.pb.h; do
         [ -z "$(find "$prefix" -name "$private")" ] || fail "private header $private is installed"
     done
     for header in $(cd "$inc" && find . -name '*.h' | sort); do

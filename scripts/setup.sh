@@ -11,6 +11,9 @@ PACKAGES="
   libbenchmark-dev
   clang libclang-rt-14-dev
   librocksdb-dev
+  libgrpc++-dev protobuf-compiler-grpc
+  golang-etcd-server-dev golang-github-gogo-protobuf-dev golang-github-gogo-googleapis-dev
+  etcd-server
   libcli11-dev nlohmann-json3-dev
 "
 

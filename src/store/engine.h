@@ -22,6 +22,7 @@
 #ifndef CORVIDA_STORE_ENGINE_H_
 #define CORVIDA_STORE_ENGINE_H_
 
+#include <algorithm>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -67,10 +68,11 @@ public:
     const std::vector<Op>& ops() const { return m_ops; }
     bool empty() const { return m_ops.empty(); }
 
-    // What the batch asks of an engine's limits: operations (conditions
-    // included, as an etcd transaction counts them) and bytes of keys and
-    // values.
-    size_t OperationCount() const { return m_conditions.size() + m_ops.size(); }
+    // What the batch asks of an engine's limits: operations, counted as an
+    // etcd transaction counts them (its conditions and its changes are two
+    // lists, each held to the limit on its own: the longer one counts), and
+    // bytes of keys and values.
+    size_t OperationCount() const { return std::max(m_conditions.size(), m_ops.size()); }
     size_t ByteSize() const { return m_bytes; }
 
     void Clear();

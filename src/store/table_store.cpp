@@ -11,7 +11,8 @@
 #include "store/table_impl.h"
 #include "store/store_open.h"
 #include "store/upgrade.h"
-#if CORVIDA_STORE_WITH_ETCD
+#include "store/etcd_locator.h"
+#if CORVIDA_STORE_HAS_ETCD
 #include "store/etcd_engine.h"
 #endif
 
@@ -19,10 +20,6 @@ namespace corvida {
 namespace store {
 
 namespace {
-
-constexpr std::string_view kEtcdScheme = "etcd://";
-
-bool IsEtcdLocator(std::string_view where) { return where.substr(0, kEtcdScheme.size()) == kEtcdScheme; }
 
 RocksEngineOptions RocksOptions(const StoreOptions& options) {
     RocksEngineOptions rocks;
@@ -37,7 +34,7 @@ RocksEngineOptions RocksOptions(const StoreOptions& options) {
 Status OpenEngine(const std::string& where, const StoreOptions& options, std::unique_ptr<Engine>* engine,
                   NewStore* made) {
     if (IsEtcdLocator(where)) {
-#if CORVIDA_STORE_WITH_ETCD
+#if CORVIDA_STORE_HAS_ETCD
         return OpenEtcdEngine(where, options, engine);
 #else
         return Status::NotSupported(where + ": this build of the table store has no etcd engine");
