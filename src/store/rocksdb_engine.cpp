@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <mutex>
 #include <set>
+#include <shared_mutex>
 #include <system_error>
 #include <thread>
 
@@ -297,17 +298,26 @@ public:
                                                                               : write.Delete(op.key);
             if (!s.ok()) return FromRocks(s, "writing to " + m_dir);
         }
-        std::vector<size_t> stripes;
-        for (const EngineBatch::Condition& condition : batch.conditions()) stripes.push_back(Stripe(condition.key));
-        std::sort(stripes.begin(), stripes.end());
-        stripes.erase(std::unique(stripes.begin(), stripes.end()), stripes.end());
-        for (size_t stripe : stripes) m_stripes[stripe].lock();
+        const std::vector<StripeLock> locks = StripeLocks(batch);
+        for (const StripeLock& lock : locks) {
+            if (lock.exclusive) {
+                m_stripes[lock.stripe].lock();
+            } else {
+                m_stripes[lock.stripe].lock_shared();
+            }
+        }
         Status status = CheckConditions(batch, committed);
         if (status.ok() && *committed) {
             status = FromRocks(m_db->Write(m_write_options, &write), "writing to " + m_dir);
             *committed = status.ok();
         }
-        for (auto stripe = stripes.rbegin(); stripe != stripes.rend(); ++stripe) m_stripes[*stripe].unlock();
+        for (auto lock = locks.rbegin(); lock != locks.rend(); ++lock) {
+            if (lock->exclusive) {
+                m_stripes[lock->stripe].unlock();
+            } else {
+                m_stripes[lock->stripe].unlock_shared();
+            }
+        }
         return status;
     }
 
@@ -327,6 +337,35 @@ private:
     }
 
     size_t Stripe(const std::string& key) const { return std::hash<std::string>()(key) % m_stripes.size(); }
+
+    struct StripeLock {
+        size_t stripe;
+        bool exclusive;
+    };
+
+    // The stripes of a batch's conditions, in stripe order (so that
+    // concurrent commits never wait for each other in a circle): exclusive
+    // for a key the batch also writes, shared for one it only checks (the
+    // schema stamp of a table, which every write of the table checks and
+    // only an alter writes), so that the writes of different records of one
+    // table commit side by side.
+    std::vector<StripeLock> StripeLocks(const EngineBatch& batch) const {
+        std::vector<StripeLock> locks;
+        for (const EngineBatch::Condition& condition : batch.conditions()) {
+            const bool written = std::any_of(batch.ops().begin(), batch.ops().end(),
+                                             [&condition](const EngineBatch::Op& op) { return op.key == condition.key; });
+            locks.push_back(StripeLock{Stripe(condition.key), written});
+        }
+        std::sort(locks.begin(), locks.end(), [](const StripeLock& a, const StripeLock& b) {
+            return a.stripe < b.stripe || (a.stripe == b.stripe && a.exclusive && !b.exclusive);
+        });
+        // One lock per stripe, exclusive when any of its keys needs it.
+        std::vector<StripeLock> merged;
+        for (const StripeLock& lock : locks) {
+            if (merged.empty() || merged.back().stripe != lock.stripe) merged.push_back(lock);
+        }
+        return merged;
+    }
 
     // Called with the stripes of every condition held.
     Status CheckConditions(const EngineBatch& batch, bool* hold) {
@@ -351,7 +390,7 @@ private:
     bool m_read_only;
     rocksdb::WriteOptions m_write_options;
     EngineLimits m_limits;
-    std::array<std::mutex, 256> m_stripes;
+    std::array<std::shared_mutex, 256> m_stripes;
     std::unique_ptr<rocksdb::DB> m_db;  // destroyed first
 };
 

@@ -31,9 +31,10 @@
 // behind but the database's own.
 //
 // Conditional commits: the engine takes, for each key a batch has a condition
-// on, one of 256 striped mutexes (in a fixed order), checks the conditions
-// against the latest state and writes the batch, all under those mutexes.
-// Within one process that is exact; no other process writes.
+// on, one of 256 striped reader-writer locks (in a fixed order; exclusive for
+// a key the batch also writes, shared for one it only checks), checks the
+// conditions against the latest state and writes the batch, all under those
+// locks. Within one process that is exact; no other process writes.
 #ifndef CORVIDA_STORE_ROCKSDB_ENGINE_H_
 #define CORVIDA_STORE_ROCKSDB_ENGINE_H_
 
