@@ -2,6 +2,7 @@
 // serves TLS and asks for client certificates (made by the test with
 // openssl), and a cluster that loses two of its three members in the middle
 // of the writes and gets them back.
+#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -99,6 +100,9 @@ TEST_F(StoreEtcdTlsCliTest, AClientWithoutACertificateIsRefused) {
     EXPECT_EQ(r.out, "");
     EXPECT_NE(r.err.find("no member of the cluster is reachable"), std::string::npos) << r.err;
     EXPECT_NE(r.err.find("does it accept the client's certificate"), std::string::npos) << r.err;
+    // The tool's one line, without gRPC's own lines about the handshake.
+    EXPECT_EQ(r.err.rfind("corvida-pb store create: error: etcd: opening: ", 0), 0u) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
     RecordProperty("error", r.err);
     // Nor was anything created.
     const ProcessResult tables = Pb({"store", "tables", "--db", s_cluster->Locator("refused"), "--etcd-cacert",
