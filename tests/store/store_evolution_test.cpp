@@ -1,7 +1,8 @@
 // Schema evolution of a table that holds records: each allowed change and
 // each refused one, indexes built online and dropped, what the store tells
 // about a table, the drop of a table, and clients of two versions side by
-// side.
+// side. On every engine (store_place.h); the index work killed halfway is
+// store_index_crash_test's, on RocksDB.
 #include <algorithm>
 #include <atomic>
 #include <set>
@@ -17,6 +18,7 @@
 
 #include "schema_versions.h"
 #include "store/table_store.h"
+#include "store_place.h"
 #include "store_test_support.h"
 #include "support/log_capture.h"
 
@@ -98,14 +100,16 @@ std::vector<std::string> Reasons(const AlterPlan& plan) {
     return out;
 }
 
-// A store holding the table at its first version, with kRecords records.
-class EvolutionTest : public ::testing::Test {
+// A store holding the table at its first version, with kRecords records, on
+// the engine of the test's parameter.
+class EvolutionTest : public ::testing::TestWithParam<EngineKind> {
 protected:
     static constexpr int kRecords = 40;
 
     void SetUp() override {
         ASSERT_TRUE(m_v1.ok());
-        ASSERT_TRUE(OpenStore(m_dir.path(), &m_store).ok());
+        ASSERT_FALSE(m_place.where().empty());
+        ASSERT_TRUE(OpenStore(m_place.where(), &m_store).ok());
         ASSERT_TRUE(m_store->CreateTable(m_v1.blob(), kItem).ok());
         ASSERT_TRUE(m_store->OpenTable(m_v1.Prototype(kItem), nullptr, &m_table).ok());
         for (int i = 1; i <= kRecords; ++i) {
@@ -170,7 +174,7 @@ protected:
         EXPECT_TRUE(table->Verify().ok());
     }
 
-    TempDir m_dir;
+    StorePlace m_place{GetParam()};
     SchemaVersion m_v1{kBase};
     std::unique_ptr<TableStore> m_store;
     std::unique_ptr<Table> m_table;
@@ -178,27 +182,27 @@ protected:
 
 // --- Allowed changes --------------------------------------------------------
 
-TEST_F(EvolutionTest, NewFieldIsAllowed) {
+TEST_P(EvolutionTest, NewFieldIsAllowed) {
     ExpectAllowed(WithItemField("string title = 8;"), "new field title (number 8) of evo.Item");
 }
 
-TEST_F(EvolutionTest, NewEnumValueIsAllowed) {
+TEST_P(EvolutionTest, NewEnumValueIsAllowed) {
     ExpectAllowed(Edited(kBase, "  COLOR_RED = 1;\n", "  COLOR_RED = 1;\n  COLOR_BLUE = 2;\n"),
                   "new value COLOR_BLUE (number 2) of enum evo.Color");
 }
 
-TEST_F(EvolutionTest, NewNestedTypeIsAllowed) {
+TEST_P(EvolutionTest, NewNestedTypeIsAllowed) {
     const std::string text = Edited(WithItemField("Badge badge = 8;"), "message Item {",
                                     "message Badge {\n  string label = 1;\n}\n\nmessage Item {");
     ExpectAllowed(text, "new message type evo.Badge");
 }
 
-TEST_F(EvolutionTest, NewFieldInsideASubMessageIsAllowed) {
+TEST_P(EvolutionTest, NewFieldInsideASubMessageIsAllowed) {
     ExpectAllowed(Edited(kBase, "  string b = 2;\n", "  string b = 2;\n  int64 c = 3;\n"),
                   "new field c (number 3) of evo.Inner");
 }
 
-TEST_F(EvolutionTest, RemovedFieldThatNoRecordHoldsIsAllowedAndItsNumberRetired) {
+TEST_P(EvolutionTest, RemovedFieldThatNoRecordHoldsIsAllowedAndItsNumberRetired) {
     // score is cleared in every record first.
     for (int i = 1; i <= kRecords; ++i) {
         std::unique_ptr<Message> record = Record1(i);
@@ -219,7 +223,7 @@ TEST_F(EvolutionTest, RemovedFieldThatNoRecordHoldsIsAllowedAndItsNumberRetired)
 
 // --- Refused changes --------------------------------------------------------
 
-TEST_F(EvolutionTest, ChangedPrimaryKeyIsRefused) {
+TEST_P(EvolutionTest, ChangedPrimaryKeyIsRefused) {
     SchemaVersion next(Edited(kBase, "corvida_primary_key) = \"id\"", "corvida_primary_key) = \"id, name\""));
     AlterPlan plan;
     const Status s = Alter(next, &plan);
@@ -232,20 +236,20 @@ TEST_F(EvolutionTest, ChangedPrimaryKeyIsRefused) {
     ExpectUnchanged();
 }
 
-TEST_F(EvolutionTest, ChangedShardingKeyIsRefused) {
+TEST_P(EvolutionTest, ChangedShardingKeyIsRefused) {
     ExpectRefused(Edited(kBase, "corvida_sharding_key) = \"id\"", "corvida_sharding_key) = \"level\""),
                   "sharding key (corvida_sharding_key) of evo.Item is \"id\" in the stored schema but \"level\" in "
                   "the new one: every record's shard would move",
                   -20);
 }
 
-TEST_F(EvolutionTest, ChangedFieldNumberIsRefused) {
+TEST_P(EvolutionTest, ChangedFieldNumberIsRefused) {
     ExpectRefused(Edited(kBase, "int32 level = 3;", "int32 level = 30;"),
                   "field level of evo.Item has number 3 in the stored schema but 30 in the new one: records hold it "
                   "under 3; a field keeps its number");
 }
 
-TEST_F(EvolutionTest, ChangedFieldTypeIsRefused) {
+TEST_P(EvolutionTest, ChangedFieldTypeIsRefused) {
     SchemaVersion next(Edited(kBase, "int32 level = 3;", "int64 level = 3;"));
     AlterPlan plan;
     const Status s = Alter(next, &plan);
@@ -254,25 +258,25 @@ TEST_F(EvolutionTest, ChangedFieldTypeIsRefused) {
     ExpectUnchanged();
 }
 
-TEST_F(EvolutionTest, ChangedLabelIsRefused) {
+TEST_P(EvolutionTest, ChangedLabelIsRefused) {
     ExpectRefused(Edited(kBase, "int64 score = 7;", "repeated int64 score = 7;"),
                   "field score (number 7) of evo.Item is optional in the stored schema but repeated in the new one: "
                   "the records hold it the way an optional field is stored");
 }
 
-TEST_F(EvolutionTest, RemovedFieldThatRecordsHoldIsRefused) {
+TEST_P(EvolutionTest, RemovedFieldThatRecordsHoldIsRefused) {
     ExpectRefused(Edited(kBase, "  int64 score = 7;\n", ""),
                   "field score (number 7) of evo.Item is removed, but 40 records hold a value for it; clear it in "
                   "every record first");
 }
 
-TEST_F(EvolutionTest, RemovedFieldOfANestedTypeIsRefused) {
+TEST_P(EvolutionTest, RemovedFieldOfANestedTypeIsRefused) {
     ExpectRefused(Edited(kBase, "  string b = 2;\n", ""),
                   "field b (number 2) of evo.Inner is removed: sub-messages are stored whole, so the store cannot "
                   "tell whether records hold it; a field of a nested type cannot be removed");
 }
 
-TEST_F(EvolutionTest, ChangedSyntaxIsRefused) {
+TEST_P(EvolutionTest, ChangedSyntaxIsRefused) {
     // The same fields, each with its proto2 label.
     const std::string proto2 = std::regex_replace(Edited(kBase, "syntax = \"proto3\";", "syntax = \"proto2\";"),
                                                   std::regex("\n  (?!repeated|option)(\\w+ \\w+ = )"),
@@ -286,7 +290,7 @@ TEST_F(EvolutionTest, ChangedSyntaxIsRefused) {
     ExpectUnchanged();
 }
 
-TEST_F(EvolutionTest, ChangedCipherSuiteIsRefused) {
+TEST_P(EvolutionTest, ChangedCipherSuiteIsRefused) {
     SchemaVersion next(Edited(kBase, "corvida_sharding_key) = \"id\";\n",
                               "corvida_sharding_key) = \"id\";\n"
                               "  option (corvidaservice.corvida_field_cipher_suite) = \"aes128\";\n"));
@@ -297,21 +301,21 @@ TEST_F(EvolutionTest, ChangedCipherSuiteIsRefused) {
     ExpectUnchanged();
 }
 
-TEST_F(EvolutionTest, ChangedIndexFieldsAreRefused) {
+TEST_P(EvolutionTest, ChangedIndexFieldsAreRefused) {
     ExpectRefused(Edited(kBase, "by_name(name)", "by_name(name, level)"),
                   "index \"by_name\" of evo.Item has the fields (name) in the stored schema but (name, level) in the "
                   "new one: every entry would change; add the new index under another name and drop this one",
                   -22);
 }
 
-TEST_F(EvolutionTest, RemovedOrRenamedEnumValueIsRefused) {
+TEST_P(EvolutionTest, RemovedOrRenamedEnumValueIsRefused) {
     ExpectRefused(Edited(kBase, "  COLOR_RED = 1;\n", ""),
                   "value COLOR_RED (number 1) of enum evo.Color is removed, but records may hold it");
     ExpectRefused(Edited(kBase, "COLOR_RED = 1;", "COLOR_SCARLET = 1;"),
                   "value COLOR_RED (number 1) of enum evo.Color is named COLOR_SCARLET in the new schema");
 }
 
-TEST_F(EvolutionTest, NewRequiredFieldIsRefused) {
+TEST_P(EvolutionTest, NewRequiredFieldIsRefused) {
     // Of a proto2 table.
     const std::string v1 = R"proto(
 syntax = "proto2";
@@ -333,7 +337,7 @@ message Row {
                                                       "records written before hold no value for it"});
 }
 
-TEST_F(EvolutionTest, EveryReasonIsListed) {
+TEST_P(EvolutionTest, EveryReasonIsListed) {
     std::string text = Edited(kBase, "int32 level = 3;", "int64 level = 3;");
     text = Edited(text, "corvida_sharding_key) = \"id\"", "corvida_sharding_key) = \"name\"");
     text = Edited(text, "  int64 score = 7;\n", "  repeated string tags2 = 8;\n");
@@ -347,7 +351,7 @@ TEST_F(EvolutionTest, EveryReasonIsListed) {
     ExpectUnchanged();
 }
 
-TEST_F(EvolutionTest, DryRunWritesNothingAndCounts) {
+TEST_P(EvolutionTest, DryRunWritesNothingAndCounts) {
     SchemaVersion next(WithIndexes({"by_level(level)"}));
     ASSERT_TRUE(next.ok());
     AlterPlan plan;
@@ -362,7 +366,7 @@ TEST_F(EvolutionTest, DryRunWritesNothingAndCounts) {
 
 // --- Indexes built online and dropped ----------------------------------------
 
-TEST_F(EvolutionTest, NewIndexIsBuiltOnline) {
+TEST_P(EvolutionTest, NewIndexIsBuiltOnline) {
     SchemaVersion v2(WithIndexes({"by_name(name)", "by_level(level)"}));
     AlterPlan plan;
     ASSERT_TRUE(Alter(v2, &plan).ok());
@@ -407,7 +411,7 @@ TEST_F(EvolutionTest, NewIndexIsBuiltOnline) {
     EXPECT_TRUE(m_store->BuildIndex(kItem, "by_colour", nullptr, nullptr).IsNotFound());
 }
 
-TEST_F(EvolutionTest, DroppedIndexHasItsEntriesRemoved) {
+TEST_P(EvolutionTest, DroppedIndexHasItsEntriesRemoved) {
     SchemaVersion v2(WithIndexes({}));
     AlterPlan plan;
     ASSERT_TRUE(Alter(v2, &plan).ok());
@@ -426,13 +430,13 @@ TEST_F(EvolutionTest, DroppedIndexHasItsEntriesRemoved) {
     EXPECT_TRUE(described.indexes.empty());
     m_table.reset();
     m_store.reset();
-    for (const auto& key : RawContents(m_dir.path())) EXPECT_NE(key.first[0], 'I') << "an index entry is left";
+    for (const auto& key : m_place.Contents()) EXPECT_NE(key.first[0], 'I') << "an index entry is left";
 }
 
 // A writer bound before the alter never writes a record without its entry of
 // the new index: its commit is refused, it binds the new schema, and the
 // comparison then refuses its type (it declares one index fewer).
-TEST_F(EvolutionTest, WriterBoundBeforeTheAlterBindsAgain) {
+TEST_P(EvolutionTest, WriterBoundBeforeTheAlterBindsAgain) {
     SchemaVersion v2(WithIndexes({"by_name(name)", "by_level(level)"}));
     AlterPlan plan;
     ASSERT_TRUE(Alter(v2, &plan).ok());
@@ -453,7 +457,7 @@ TEST_F(EvolutionTest, WriterBoundBeforeTheAlterBindsAgain) {
 
 // Writers of the new schema write while the back-fill runs, in small batches
 // so that they meet: every record ends up in the index exactly once.
-TEST_F(EvolutionTest, BackfillBesideAWriter) {
+TEST_P(EvolutionTest, BackfillBesideAWriter) {
     SchemaVersion v2(WithIndexes({"by_name(name)", "by_level(level)"}));
     AlterPlan plan;
     ASSERT_TRUE(Alter(v2, &plan).ok());
@@ -491,7 +495,7 @@ TEST_F(EvolutionTest, BackfillBesideAWriter) {
 
 // --- Seeing and dropping tables ----------------------------------------------
 
-TEST_F(EvolutionTest, DescribeTellsKeyShardingKeyAndIndexes) {
+TEST_P(EvolutionTest, DescribeTellsKeyShardingKeyAndIndexes) {
     TableDescription described;
     ASSERT_TRUE(m_store->DescribeTable("Item", &described).ok());
     EXPECT_EQ(described.name, kItem);
@@ -506,7 +510,7 @@ TEST_F(EvolutionTest, DescribeTellsKeyShardingKeyAndIndexes) {
     EXPECT_TRUE(m_store->DescribeTable("Nothing", &described).IsNotFound());
 }
 
-TEST_F(EvolutionTest, DropRemovesTheTableAndResumes) {
+TEST_P(EvolutionTest, DropRemovesTheTableAndResumes) {
     SchemaVersion other(Edited(kBase, "package evo;", "package other;"));
     ASSERT_TRUE(m_store->CreateTable(other.blob(), "other.Item").ok());
     std::unique_ptr<Table> others;
@@ -559,13 +563,13 @@ protected:
         options.log = log->category();
         m_table.reset();
         m_store.reset();
-        ASSERT_TRUE(TableStore::Open(m_dir.path(), options, &m_store).ok());
+        ASSERT_TRUE(TableStore::Open(m_place.where(), options, &m_store).ok());
         ASSERT_TRUE(m_store->OpenTable(m_v1.Prototype(kItem), nullptr, t1).ok());
         ASSERT_TRUE(m_store->OpenTable(v2.Prototype(kItem), nullptr, t2).ok());
     }
 };
 
-TEST_F(TwoVersionsTest, OlderClientReadsWithoutNewFieldsAndKeepsThem) {
+TEST_P(TwoVersionsTest, OlderClientReadsWithoutNewFieldsAndKeepsThem) {
     SchemaVersion v2(Version2());
     corvida_test::LogCapture log(PLOG_PRIORITY_WARN);
     std::unique_ptr<Table> t1;
@@ -600,7 +604,7 @@ TEST_F(TwoVersionsTest, OlderClientReadsWithoutNewFieldsAndKeepsThem) {
 // what it read back (read, change, put), or updates fields it knows. Nothing
 // any client wrote is lost, every read is what the writes say, and nothing
 // is logged.
-TEST_F(TwoVersionsTest, RollingUpgradeLosesNothingAndLogsNothing) {
+TEST_P(TwoVersionsTest, RollingUpgradeLosesNothingAndLogsNothing) {
     SchemaVersion v2(Version2());
     corvida_test::LogCapture log(PLOG_PRIORITY_WARN);
     std::unique_ptr<Table> t1;
@@ -696,6 +700,9 @@ TEST_F(TwoVersionsTest, RollingUpgradeLosesNothingAndLogsNothing) {
     EXPECT_TRUE(t1->Verify().ok());
     EXPECT_TRUE(log.lines().empty()) << log.Dump();
 }
+
+INSTANTIATE_TEST_SUITE_P(Engines, EvolutionTest, ::testing::ValuesIn(StoreEngines()), EngineName);
+INSTANTIATE_TEST_SUITE_P(Engines, TwoVersionsTest, ::testing::ValuesIn(StoreEngines()), EngineName);
 
 }  // namespace
 }  // namespace corvida_store_test

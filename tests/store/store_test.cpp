@@ -1,6 +1,16 @@
-// The table store's record model: round trips on proto2 and proto3 tables,
-// whole and partial writes, writes under sub-messages, repeated fields and
-// maps, encrypted key fields, indexes, shards, reopening.
+// The table store's record model, on every engine of the build (RocksDB
+// and etcd: store_place.h): round trips on proto2 and proto3 tables, whole
+// and partial writes, writes under sub-messages, repeated fields and maps,
+// encrypted key fields, indexes, shards, reopening, streaming reads resumed
+// from cursors, counts, and what Verify finds.
+//
+// What only RocksDB has is tested on RocksDB alone: damaged files, repair,
+// the writer's lock and read-only openers (store_bad_input_test,
+// store_recovery_test), full disks and failed syncs (store_fault_test,
+// store_media_test), crashes of a writing process (store_crash_test,
+// store_index_crash_test) and the upgrade from layout 1.
+#include <algorithm>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -10,7 +20,9 @@
 #include <google/protobuf/util/message_differencer.h>
 #include <gtest/gtest.h>
 
+#include "store/key_format.h"
 #include "store/table_store.h"
+#include "store_place.h"
 #include "store_tables.pb.h"
 #include "store_test_support.h"
 #include "support/log_capture.h"
@@ -48,11 +60,13 @@ const char kPlayer[] = R"(
     avatar: "\377\000png" kind: KIND3_HERO scores: [5, 6, 7] rating: 4.5 flags: 99 delta: -3
 )";
 
-// A store with the tables Player2, Player3, Secret2 and Account, opened.
-class StoreTest : public ::testing::Test {
+// A store with the tables Player2, Player3, Secret2 and Account, opened, on
+// the engine of the test's parameter.
+class StoreTest : public ::testing::TestWithParam<EngineKind> {
 protected:
     void SetUp() override {
-        ASSERT_TRUE(OpenStore(m_dir.path(), &m_store).ok());
+        ASSERT_FALSE(m_place.where().empty());
+        ASSERT_TRUE(OpenStore(m_place.where(), &m_store).ok());
         ASSERT_TRUE(m_store->CreateTable(SchemaBlob(Player2::descriptor()), "Player2").ok());
         ASSERT_TRUE(m_store->CreateTable(SchemaBlob(Player3::descriptor()), "Player3").ok());
         ASSERT_TRUE(m_store->CreateTable(SchemaBlob(corvida::test::Secret2::descriptor()), "Secret2").ok());
@@ -60,12 +74,17 @@ protected:
         Reopen();
     }
 
-    void Reopen() {
+    // Closes the store: no table of it is left open.
+    void Close() {
         m_players2.reset();
         m_players3.reset();
         m_accounts.reset();
         m_store.reset();
-        ASSERT_TRUE(OpenStore(m_dir.path(), &m_store).ok());
+    }
+
+    void Reopen() {
+        Close();
+        ASSERT_TRUE(OpenStore(m_place.where(), &m_store).ok());
         ASSERT_TRUE(m_store->OpenTable(Player2::default_instance(), nullptr, &m_players2).ok());
         ASSERT_TRUE(m_store->OpenTable(Player3::default_instance(), nullptr, &m_players3).ok());
         ASSERT_TRUE(m_store->OpenTable(Account::default_instance(), m_kv.get(), &m_accounts).ok());
@@ -91,7 +110,7 @@ protected:
         return uids;
     }
 
-    TempDir m_dir;
+    StorePlace m_place{GetParam()};
     std::unique_ptr<CORVIDA_KV::CorvidaKVApi> m_kv = AesKv();
     std::unique_ptr<TableStore> m_store;
     std::unique_ptr<Table> m_players2;
@@ -99,7 +118,7 @@ protected:
     std::unique_ptr<Table> m_accounts;
 };
 
-TEST_F(StoreTest, Proto3RecordRoundTripsWhole) {
+TEST_P(StoreTest, Proto3RecordRoundTripsWhole) {
     const Player3 player = Parse<Player3>(kPlayer);
     ASSERT_TRUE(m_players3->Put(player).ok());
     Player3 key;
@@ -111,7 +130,7 @@ TEST_F(StoreTest, Proto3RecordRoundTripsWhole) {
     EXPECT_TRUE(failed.empty());
 }
 
-TEST_F(StoreTest, Proto2RecordRoundTripsWhole) {
+TEST_P(StoreTest, Proto2RecordRoundTripsWhole) {
     const Player2 player = Parse<Player2>(R"(
         zone: 1 uid: 7 name: "bob" level: 3
         stats { hp: 1 deep { text: "x" } history: [9, 8] }
@@ -127,7 +146,7 @@ TEST_F(StoreTest, Proto2RecordRoundTripsWhole) {
     EXPECT_TRUE(MessageDifferencer::Equals(player, back)) << back.DebugString();
 }
 
-TEST_F(StoreTest, NestedMapsAndRepeatedInsideSubMessagesRoundTrip) {
+TEST_P(StoreTest, NestedMapsAndRepeatedInsideSubMessagesRoundTrip) {
     const Account account = Parse<Account>(R"(
         region: 2 email: "ann@example.com" city: "Lyon" level: 5
         profile { nickname: "ann" stats { hp: 3 history: [4, 5] } badges: ["x", "y"]
@@ -144,7 +163,7 @@ TEST_F(StoreTest, NestedMapsAndRepeatedInsideSubMessagesRoundTrip) {
     EXPECT_TRUE(MessageDifferencer::Equals(account, back)) << back.DebugString();
 }
 
-TEST_F(StoreTest, PutReplacesTheWholeRecord) {
+TEST_P(StoreTest, PutReplacesTheWholeRecord) {
     ASSERT_TRUE(m_players3->Put(Parse<Player3>(kPlayer)).ok());
     ASSERT_TRUE(m_players3->Update(Parse<Player3>("zone: 3 uid: 1001 stats { deep { v: 99 } }"), {"stats.deep.v"}).ok());
     const Player3 second = Parse<Player3>(R"(zone: 3 uid: 1001 name: "alice2" tags: "only")");
@@ -154,7 +173,7 @@ TEST_F(StoreTest, PutReplacesTheWholeRecord) {
     EXPECT_TRUE(MessageDifferencer::Equals(second, back)) << back.DebugString();
 }
 
-TEST_F(StoreTest, UpdateWritesOnlyTheNamedFields) {
+TEST_P(StoreTest, UpdateWritesOnlyTheNamedFields) {
     const Player3 player = Parse<Player3>(kPlayer);
     ASSERT_TRUE(m_players3->Put(player).ok());
     ASSERT_TRUE(m_players3->Update(Parse<Player3>(R"(zone: 3 uid: 1001 level: 43 name: "ignored" pos { x: 5 })"),
@@ -167,7 +186,7 @@ TEST_F(StoreTest, UpdateWritesOnlyTheNamedFields) {
     EXPECT_TRUE(MessageDifferencer::Equals(expected, back)) << back.DebugString();
 }
 
-TEST_F(StoreTest, WritingASubMessageReplacesWhatWasWrittenUnderIt) {
+TEST_P(StoreTest, WritingASubMessageReplacesWhatWasWrittenUnderIt) {
     ASSERT_TRUE(m_players3->Put(Parse<Player3>("zone: 1 uid: 2 stats { hp: 1 mp: 2 }")).ok());
     ASSERT_TRUE(m_players3->Update(Parse<Player3>("zone: 1 uid: 2 stats { deep { v: 5 text: \"t\" } }"),
                                    {"stats.deep"})
@@ -191,7 +210,7 @@ TEST_F(StoreTest, WritingASubMessageReplacesWhatWasWrittenUnderIt) {
     EXPECT_EQ("zone: 1 uid: 2", Read(m_players3.get(), Parse<Player3>("zone: 1 uid: 2")).ShortDebugString());
 }
 
-TEST_F(StoreTest, UpdateDoesNotChangeTheMessageItCutsFrom) {
+TEST_P(StoreTest, UpdateDoesNotChangeTheMessageItCutsFrom) {
     ASSERT_TRUE(m_players3->Put(Parse<Player3>("zone: 1 uid: 2 stats { hp: 1 }")).ok());
     const Player3 update = Parse<Player3>("zone: 1 uid: 2");
     ASSERT_TRUE(m_players3->Update(update, {"stats.deep.v"}).ok());
@@ -201,7 +220,7 @@ TEST_F(StoreTest, UpdateDoesNotChangeTheMessageItCutsFrom) {
               Read(m_players3.get(), Parse<Player3>("zone: 1 uid: 2")).ShortDebugString());
 }
 
-TEST_F(StoreTest, RepeatedFieldsAndMapsAreUpdatedWhole) {
+TEST_P(StoreTest, RepeatedFieldsAndMapsAreUpdatedWhole) {
     ASSERT_TRUE(m_players3->Put(Parse<Player3>(kPlayer)).ok());
     ASSERT_TRUE(m_players3->Update(Parse<Player3>(R"(zone: 3 uid: 1001 tags: ["x", "y"] attrs { key: "z" value: 1 })"),
                                    {"tags", "attrs", "items"})
@@ -218,7 +237,7 @@ TEST_F(StoreTest, RepeatedFieldsAndMapsAreUpdatedWhole) {
     EXPECT_NE(std::string::npos, element.message().find("goes into repeated field items")) << element.message();
 }
 
-TEST_F(StoreTest, UpdateRefusesBadPathsAndWritesNothing) {
+TEST_P(StoreTest, UpdateRefusesBadPathsAndWritesNothing) {
     const Player3 player = Parse<Player3>(kPlayer);
     ASSERT_TRUE(m_players3->Put(player).ok());
     const Player3 update = Parse<Player3>("zone: 3 uid: 1001 level: 1 stats { hp: 1 }");
@@ -243,7 +262,7 @@ TEST_F(StoreTest, UpdateRefusesBadPathsAndWritesNothing) {
     EXPECT_TRUE(MessageDifferencer::Equals(player, Read(m_players3.get(), Parse<Player3>("zone: 3 uid: 1001"))));
 }
 
-TEST_F(StoreTest, UpdateOfAMissingRecordCreatesIt) {
+TEST_P(StoreTest, UpdateOfAMissingRecordCreatesIt) {
     ASSERT_TRUE(m_players3->Update(Parse<Player3>("zone: 4 uid: 8 level: 6"), {"level"}).ok());
     EXPECT_EQ("zone: 4 uid: 8 level: 6", Read(m_players3.get(), Parse<Player3>("zone: 4 uid: 8")).ShortDebugString());
     // Its index entries exist, the unwritten name as its default.
@@ -253,7 +272,7 @@ TEST_F(StoreTest, UpdateOfAMissingRecordCreatesIt) {
     EXPECT_TRUE(m_players3->Verify().ok());
 }
 
-TEST_F(StoreTest, GetReturnsOnlyTheNamedFields) {
+TEST_P(StoreTest, GetReturnsOnlyTheNamedFields) {
     ASSERT_TRUE(m_players3->Put(Parse<Player3>(kPlayer)).ok());
     ASSERT_TRUE(m_players3->Update(Parse<Player3>("zone: 3 uid: 1001 stats { deep { v: 8 } }"), {"stats.deep.v"}).ok());
     Player3 out = Parse<Player3>("name: \"stale\"");
@@ -266,7 +285,7 @@ TEST_F(StoreTest, GetReturnsOnlyTheNamedFields) {
     EXPECT_TRUE(bad.IsInvalidArgument()) << bad.ToString();
 }
 
-TEST_F(StoreTest, MissingRecordsAreNotFound) {
+TEST_P(StoreTest, MissingRecordsAreNotFound) {
     Player3 out;
     EXPECT_TRUE(m_players3->Get(Parse<Player3>("zone: 1 uid: 1"), {}, &out, nullptr).IsNotFound());
     EXPECT_TRUE(m_players3->Delete(Parse<Player3>("zone: 1 uid: 1")).IsNotFound());
@@ -275,7 +294,7 @@ TEST_F(StoreTest, MissingRecordsAreNotFound) {
     EXPECT_TRUE(m_players3->Get(Parse<Player3>("zone: 1 uid: 1"), {}, &out, nullptr).IsNotFound());
 }
 
-TEST_F(StoreTest, IndexesFollowPutUpdateAndDelete) {
+TEST_P(StoreTest, IndexesFollowPutUpdateAndDelete) {
     ASSERT_TRUE(m_players3->Put(Parse<Player3>("zone: 1 uid: 10 name: \"a\" level: 5")).ok());
     ASSERT_TRUE(m_players3->Put(Parse<Player3>("zone: 1 uid: 11 name: \"b\" level: 5")).ok());
     ASSERT_TRUE(m_players3->Put(Parse<Player3>("zone: 2 uid: 12 name: \"a\" level: 6")).ok());
@@ -320,7 +339,7 @@ TEST_F(StoreTest, IndexesFollowPutUpdateAndDelete) {
     EXPECT_EQ(std::vector<std::string>({"by_level", "by_name"}), m_players3->IndexNames());
 }
 
-TEST_F(StoreTest, AnIndexFieldUnsetInProto2LeavesTheRecordOutOfThatIndex) {
+TEST_P(StoreTest, AnIndexFieldUnsetInProto2LeavesTheRecordOutOfThatIndex) {
     ASSERT_TRUE(m_players2->Put(Parse<Player2>("zone: 1 uid: 1 level: 3")).ok());
     std::vector<Record> found;
     const Status unset = m_players2->FindByIndex("by_name", Parse<Player2>("zone: 1"), &found);
@@ -340,14 +359,18 @@ TEST_F(StoreTest, AnIndexFieldUnsetInProto2LeavesTheRecordOutOfThatIndex) {
 }
 
 // A record outside a sparse index is no error: nothing reaches the log.
-TEST(StoreLogTest, ARecordOutsideAnIndexLogsNoError) {
-    TempDir dir;
+class StoreLogTest : public ::testing::TestWithParam<EngineKind> {
+protected:
+    StorePlace m_place{GetParam()};
+};
+
+TEST_P(StoreLogTest, ARecordOutsideAnIndexLogsNoError) {
     corvida_test::LogCapture log(PLOG_PRIORITY_ERROR);
     corvida::store::StoreOptions options;
     options.create_if_missing = true;
     options.log = log.category();
     std::unique_ptr<TableStore> store;
-    ASSERT_TRUE(TableStore::Open(dir.path(), options, &store).ok());
+    ASSERT_TRUE(TableStore::Open(m_place.where(), options, &store).ok());
     ASSERT_TRUE(store->CreateTable(SchemaBlob(Player2::descriptor()), "Player2").ok());
     std::unique_ptr<Table> players;
     ASSERT_TRUE(store->OpenTable(Player2::default_instance(), nullptr, &players).ok());
@@ -360,7 +383,7 @@ TEST(StoreLogTest, ARecordOutsideAnIndexLogsNoError) {
     EXPECT_TRUE(log.lines().empty()) << log.Dump();
 }
 
-TEST_F(StoreTest, ScanListsAShardOrTheWholeTable) {
+TEST_P(StoreTest, ScanListsAShardOrTheWholeTable) {
     for (uint64_t uid : {5, 6, 7}) {
         for (int zone : {2, 1}) {
             Player3 p;
@@ -391,7 +414,7 @@ TEST_F(StoreTest, ScanListsAShardOrTheWholeTable) {
     EXPECT_TRUE(secrets->Scan(&corvida::test::Secret2::default_instance(), 0, &some).IsInvalidArgument());
 }
 
-TEST_F(StoreTest, EncryptedKeyFieldsAreStoredAsCiphertextAndReadBackPlain) {
+TEST_P(StoreTest, EncryptedKeyFieldsAreStoredAsCiphertextAndReadBackPlain) {
     const Account account = Parse<Account>(R"(region: 9 email: "carol@example.com" city: "Oslo" level: 2)");
     ASSERT_TRUE(m_accounts->Put(account).ok());
     std::vector<Record> found;
@@ -404,17 +427,14 @@ TEST_F(StoreTest, EncryptedKeyFieldsAreStoredAsCiphertextAndReadBackPlain) {
     ASSERT_EQ(1u, shard.size());
     EXPECT_EQ("carol@example.com", static_cast<const Account&>(*shard[0].message).email());
 
-    m_players2.reset();
-    m_players3.reset();
-    m_accounts.reset();
-    m_store.reset();
-    for (const auto& kv : RawContents(m_dir.path())) {
+    Close();
+    for (const auto& kv : m_place.Contents()) {
         EXPECT_EQ(std::string::npos, kv.first.find("carol")) << "plain key field in a stored key";
         EXPECT_EQ(std::string::npos, kv.second.find("carol")) << "plain key field in a stored value";
     }
 }
 
-TEST_F(StoreTest, EncryptedFieldsOutsideTheKeyAreReportedInFailedPaths) {
+TEST_P(StoreTest, EncryptedFieldsOutsideTheKeyAreReportedInFailedPaths) {
     ASSERT_TRUE(m_accounts->Put(Parse<Account>(R"(region: 1 email: "d@e.f" note: "sealed")")).ok());
     std::set<std::string> failed;
     const Account back = Read(m_accounts.get(), Parse<Account>(R"(region: 1 email: "d@e.f")"), &failed);
@@ -426,7 +446,7 @@ TEST_F(StoreTest, EncryptedFieldsOutsideTheKeyAreReportedInFailedPaths) {
     EXPECT_EQ(std::set<std::string>({"9"}), found[0].failed_paths);
 }
 
-TEST_F(StoreTest, AWrongCipherKeyIsRefusedAndStoresNothing) {
+TEST_P(StoreTest, AWrongCipherKeyIsRefusedAndStoresNothing) {
     std::unique_ptr<CORVIDA_KV::CorvidaKVApi> wrong = AesKv(kOtherAesKeyHex);
     std::unique_ptr<Table> accounts;
     const Status s = m_store->OpenTable(Account::default_instance(), wrong.get(), &accounts);
@@ -447,7 +467,7 @@ TEST_F(StoreTest, AWrongCipherKeyIsRefusedAndStoresNothing) {
     EXPECT_TRUE(all.empty());
 }
 
-TEST_F(StoreTest, KeysThatCannotBeBuiltAreRefused) {
+TEST_P(StoreTest, KeysThatCannotBeBuiltAreRefused) {
     const Status unset = m_players2->Put(Parse<Player2>("zone: 1 name: \"no uid\""));
     EXPECT_TRUE(unset.IsInvalidArgument());
     EXPECT_EQ(-9, unset.bridge_code());
@@ -460,7 +480,7 @@ TEST_F(StoreTest, KeysThatCannotBeBuiltAreRefused) {
     EXPECT_TRUE(m_players2->Put(big).IsInvalidArgument());
 }
 
-TEST_F(StoreTest, ReopeningKeepsEverything) {
+TEST_P(StoreTest, ReopeningKeepsEverything) {
     const Player3 player = Parse<Player3>(kPlayer);
     ASSERT_TRUE(m_players3->Put(player).ok());
     ASSERT_TRUE(m_players3->Update(Parse<Player3>("zone: 3 uid: 1001 level: 1"), {"level"}).ok());
@@ -481,7 +501,7 @@ TEST_F(StoreTest, ReopeningKeepsEverything) {
     EXPECT_EQ("corvida.test3.Player3", tables[3].name);
 }
 
-TEST_F(StoreTest, TheCatalogRefusesDuplicatesAndBlobsThatDoNotLoad) {
+TEST_P(StoreTest, TheCatalogRefusesDuplicatesAndBlobsThatDoNotLoad) {
     EXPECT_TRUE(m_store->CreateTable(SchemaBlob(Player3::descriptor()), "Player3").IsAlreadyExists());
     const Status garbage = m_store->CreateTable("\x0a\xff garbage", "Player3");
     EXPECT_TRUE(garbage.IsInvalidArgument());
@@ -501,6 +521,211 @@ TEST_F(StoreTest, TheCatalogRefusesDuplicatesAndBlobsThatDoNotLoad) {
                                      "corvida.test.Player2, corvida.test.Secret2, corvida.test3.Player3)"))
         << unknown.message();
 }
+
+// Records of one shard (uid 5, zones 1 to 7) and of another (uid 6), levels
+// 0 and 1 in turn; the test reads them in pages.
+class PagedReadTest : public StoreTest {
+protected:
+    void SetUp() override {
+        StoreTest::SetUp();
+        for (int zone = 1; zone <= 7; ++zone) {
+            for (uint64_t uid : {5, 6}) {
+                Player3 p;
+                p.set_zone(zone);
+                p.set_uid(uid);
+                p.set_level(zone % 2);
+                ASSERT_TRUE(m_players3->Put(p).ok());
+            }
+        }
+    }
+
+    // The records of a streaming read, page after page of `limit`, each page
+    // resumed from the cursor of the one before; the "zone/uid" of each,
+    // with "|" after each page that handed a cursor back.
+    template <typename Read>
+    std::string Paged(size_t limit, Read read) {
+        std::string listed;
+        corvida::store::Page page;
+        page.limit = limit;
+        for (int pages = 0; pages < 100; ++pages) {
+            std::string next = "stale";
+            const Status s = read(page, Lister(&listed), &next);
+            EXPECT_TRUE(s.ok()) << s.ToString();
+            if (!s.ok() || next.empty()) return listed;
+            listed += "| ";
+            page.after = next;
+        }
+        ADD_FAILURE() << "the read never ended";
+        return listed;
+    }
+
+    // "zone/uid " of a record.
+    static std::string Named(const Record& record) {
+        const Player3& p = static_cast<const Player3&>(*record.message);
+        return std::to_string(p.zone()) + "/" + std::to_string(p.uid()) + " ";
+    }
+
+    // A visitor that appends the name of each record to *listed.
+    static corvida::store::RecordVisitor Lister(std::string* listed) {
+        return [listed](Record& record) {
+            *listed += Named(record);
+            return true;
+        };
+    }
+
+    // The same records read in one call, as Paged lists them.
+    static std::string Whole(const std::vector<Record>& records) {
+        std::string listed;
+        for (const Record& record : records) listed += Named(record);
+        return listed;
+    }
+
+    // Removes the separators of a paged listing.
+    static std::string Joined(std::string listed) {
+        for (size_t at = listed.find("| "); at != std::string::npos; at = listed.find("| ")) listed.erase(at, 2);
+        return listed;
+    }
+};
+
+TEST_P(PagedReadTest, StreamingReadsResumeFromTheirCursors) {
+    std::vector<Record> all;
+    ASSERT_TRUE(m_players3->Scan(nullptr, 0, &all).ok());
+    ASSERT_EQ(14u, all.size());
+    const std::string table = Paged(4, [&](const corvida::store::Page& page, const corvida::store::RecordVisitor& v,
+                                           std::string* next) { return m_players3->ScanEach(nullptr, page, v, next); });
+    EXPECT_EQ(Joined(table), Whole(all));
+    EXPECT_EQ(3, std::count(table.begin(), table.end(), '|')) << table;
+
+    const Player3 shard = Parse<Player3>("uid: 5");
+    const std::string listed = Paged(3, [&](const corvida::store::Page& page, const corvida::store::RecordVisitor& v,
+                                            std::string* next) { return m_players3->ScanEach(&shard, page, v, next); });
+    EXPECT_EQ(listed, "1/5 2/5 3/5 | 4/5 5/5 6/5 | 7/5 ");
+
+    const Player3 level = Parse<Player3>("level: 1");
+    std::vector<Record> found;
+    ASSERT_TRUE(m_players3->FindByIndex("by_level", level, &found).ok());
+    ASSERT_EQ(8u, found.size());
+    const std::string indexed = Paged(5, [&](const corvida::store::Page& page, const corvida::store::RecordVisitor& v,
+                                             std::string* next) {
+        return m_players3->FindEach("by_level", level, page, v, next);
+    });
+    EXPECT_EQ(Joined(indexed), Whole(found));
+    EXPECT_EQ(1, std::count(indexed.begin(), indexed.end(), '|')) << indexed;
+}
+
+TEST_P(PagedReadTest, ACursorResumesAfterItsRecordEvenWhenThatRecordIsGone) {
+    const Player3 shard = Parse<Player3>("uid: 5");
+    std::string listed;
+    std::string next;
+    ASSERT_TRUE(m_players3->ScanEach(&shard, {2, ""}, Lister(&listed), &next).ok());
+    EXPECT_EQ(listed, "1/5 2/5 ");
+    ASSERT_FALSE(next.empty());
+    // The cursor's record and the one after it go; one before it comes.
+    ASSERT_TRUE(m_players3->Delete(Parse<Player3>("zone: 2 uid: 5")).ok());
+    ASSERT_TRUE(m_players3->Delete(Parse<Player3>("zone: 3 uid: 5")).ok());
+    ASSERT_TRUE(m_players3->Put(Parse<Player3>("zone: 0 uid: 5")).ok());
+    listed.clear();
+    ASSERT_TRUE(m_players3->ScanEach(&shard, {2, next}, Lister(&listed), &next).ok());
+    EXPECT_EQ(listed, "4/5 5/5 ");
+
+    // A visitor that stops the read gets no cursor back.
+    listed.clear();
+    next = "stale";
+    ASSERT_TRUE(m_players3->ScanEach(&shard, {2, ""}, [](Record&) { return false; }, &next).ok());
+    EXPECT_TRUE(next.empty()) << next;
+}
+
+TEST_P(PagedReadTest, CursorsOfAnotherReadAreRefused) {
+    const Player3 shard = Parse<Player3>("uid: 5");
+    std::string listed;
+    std::string next;
+    ASSERT_TRUE(m_players3->ScanEach(&shard, {1, ""}, Lister(&listed), &next).ok());
+    ASSERT_FALSE(next.empty());
+    const Player3 other = Parse<Player3>("uid: 6");
+    const Status shard_cursor = m_players3->ScanEach(&other, {1, next}, Lister(&listed), nullptr);
+    EXPECT_TRUE(shard_cursor.IsInvalidArgument()) << shard_cursor.ToString();
+    const Status table_cursor = m_players3->ScanEach(nullptr, {1, next}, Lister(&listed), nullptr);
+    EXPECT_TRUE(table_cursor.IsInvalidArgument()) << table_cursor.ToString();
+    const Status index_cursor =
+        m_players3->FindEach("by_level", Parse<Player3>("level: 1"), {1, next}, Lister(&listed), nullptr);
+    EXPECT_TRUE(index_cursor.IsInvalidArgument()) << index_cursor.ToString();
+    const Status garbage = m_players3->ScanEach(nullptr, {1, "not a cursor"}, Lister(&listed), nullptr);
+    EXPECT_TRUE(garbage.IsInvalidArgument()) << garbage.ToString();
+    EXPECT_EQ(listed, "1/5 ");
+}
+
+TEST_P(PagedReadTest, CountsFollowTheWrites) {
+    uint64_t count = 0;
+    ASSERT_TRUE(m_players3->Count(nullptr, &count).ok());
+    EXPECT_EQ(count, 14u);
+    const Player3 shard = Parse<Player3>("uid: 5");
+    ASSERT_TRUE(m_players3->Count(&shard, &count).ok());
+    EXPECT_EQ(count, 7u);
+    ASSERT_TRUE(m_players3->CountIndex("by_level", Parse<Player3>("level: 1"), &count).ok());
+    EXPECT_EQ(count, 8u);
+
+    ASSERT_TRUE(m_players3->Delete(Parse<Player3>("zone: 1 uid: 5")).ok());
+    ASSERT_TRUE(m_players3->Update(Parse<Player3>("zone: 3 uid: 6 level: 0"), {"level"}).ok());
+    ASSERT_TRUE(m_players3->Count(nullptr, &count).ok());
+    EXPECT_EQ(count, 13u);
+    ASSERT_TRUE(m_players3->Count(&shard, &count).ok());
+    EXPECT_EQ(count, 6u);
+    ASSERT_TRUE(m_players3->CountIndex("by_level", Parse<Player3>("level: 1"), &count).ok());
+    EXPECT_EQ(count, 6u);
+    ASSERT_TRUE(m_players3->CountIndex("by_level", Parse<Player3>("level: 0"), &count).ok());
+    EXPECT_EQ(count, 7u);
+    EXPECT_TRUE(m_players3->CountIndex("by_rank", Parse<Player3>("level: 0"), &count).IsInvalidArgument());
+    EXPECT_TRUE(m_players3->Verify().ok());
+}
+
+// Verify counts index and shard entries that are missing, and entries whose
+// record is gone, made by writing around the store.
+TEST_P(StoreTest, VerifyCountsMissingEntriesAndEntriesWithoutTheirRecord) {
+    for (uint64_t uid : {1, 2, 3}) {
+        Player3 p = Parse<Player3>("zone: 1 name: \"n\"");
+        p.set_uid(uid);
+        p.set_level(static_cast<int32_t>(uid));
+        ASSERT_TRUE(m_players3->Put(p).ok());
+    }
+    ASSERT_TRUE(m_players3->Verify().ok());
+    Close();
+
+    // Every stored key of a row or an entry by the primary key it belongs to
+    // (only Player3 holds records).
+    namespace keys = corvida::store::keys;
+    std::map<std::string, std::vector<std::string>> rows;
+    std::map<std::string, std::vector<std::string>> index_entries;
+    for (const auto& pair : m_place.Contents()) {
+        const std::string& key = pair.first;
+        std::string_view rest = std::string_view(key).substr(std::min<size_t>(key.size(), 5));
+        std::string pk;
+        std::string value;
+        std::string name;
+        std::string_view tag_path;
+        if (key[0] == keys::kRow && keys::SplitRowKey(rest, &pk, &tag_path)) rows[pk].push_back(key);
+        if (key[0] == keys::kIndex && keys::ReadEscaped(&rest, &name) && keys::SplitSecondaryKey(rest, &value, &pk)) {
+            index_entries[pk].push_back(key);
+        }
+    }
+    ASSERT_EQ(rows.size(), 3u);
+    ASSERT_EQ(index_entries.size(), 3u);
+    // The row of the last record goes, leaving its two index entries and its
+    // shard entry behind; one index entry of the first record goes too.
+    std::vector<std::string> deletes = rows.rbegin()->second;
+    deletes.push_back(index_entries.begin()->second.front());
+    m_place.RawWrite({}, deletes);
+
+    Reopen();
+    const Status s = m_players3->Verify();
+    EXPECT_TRUE(s.IsCorruption()) << s.ToString();
+    EXPECT_EQ(s.message(),
+              "table corvida.test3.Player3: 1 index or shard entries missing, 3 entries without their record, in 2 "
+              "records");
+}
+
+INSTANTIATE_TEST_SUITE_P(Engines, StoreTest, ::testing::ValuesIn(StoreEngines()), EngineName);
+INSTANTIATE_TEST_SUITE_P(Engines, StoreLogTest, ::testing::ValuesIn(StoreEngines()), EngineName);
+INSTANTIATE_TEST_SUITE_P(Engines, PagedReadTest, ::testing::ValuesIn(StoreEngines()), EngineName);
 
 }  // namespace
 }  // namespace corvida_store_test

@@ -165,9 +165,17 @@ std::map<std::string, std::string> RawContents(const std::string& dir) {
 }
 
 void RawPut(const std::string& dir, const std::string& key, const std::string& value) {
+    RawWrite(dir, {{key, value}}, {});
+}
+
+void RawWrite(const std::string& dir, const std::map<std::string, std::string>& puts,
+              const std::vector<std::string>& deletes) {
     std::unique_ptr<rocksdb::DB> db = OpenRaw(dir);
     if (db == nullptr) return;
-    rocksdb::Status s = db->Put(rocksdb::WriteOptions(), key, value);
+    rocksdb::WriteBatch batch;
+    for (const auto& pair : puts) batch.Put(pair.first, pair.second);
+    for (const std::string& key : deletes) batch.Delete(key);
+    rocksdb::Status s = db->Write(rocksdb::WriteOptions(), &batch);
     EXPECT_TRUE(s.ok()) << s.ToString();
 }
 

@@ -58,6 +58,11 @@ std::map<std::string, std::string> RawContents(const std::string& dir);
 // creating the database if there is none.
 void RawPut(const std::string& dir, const std::string& key, const std::string& value);
 
+// Writes the pairs of puts and deletes the keys of deletes in one write batch
+// of the RocksDB database in dir (which no store holds).
+void RawWrite(const std::string& dir, const std::map<std::string, std::string>& puts,
+              const std::vector<std::string>& deletes);
+
 // Rewrites the store in dir (which no store holds) in key layout 1, as the
 // first version of the store wrote it: tables under their short names,
 // lengths before keys, empty row markers. For the tests of the upgrade.

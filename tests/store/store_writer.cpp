@@ -1,6 +1,7 @@
 // The other process of the store's tests.
 //
-//   store_writer write DIR START   opens (creating) the store in DIR with sync
+//   store_writer write WHERE START opens (creating) the store at WHERE (a
+//                                  directory or an etcd locator) with sync
 //                                  on, and runs the crash test's operations
 //                                  from number START on, writing "N\n" to
 //                                  standard output once operation N returned;
@@ -16,6 +17,20 @@
 //   store_writer upgrade DIR       upgrades the store in DIR to the current
 //                                  layout; prints "upgraded", "current" or
 //                                  the error (exit status 1)
+//   store_writer shared WHERE W N SECONDS
+//                                  opens (creating) the store at WHERE (a
+//                                  directory or an etcd locator) with a
+//                                  deadline of SECONDS per etcd call, creates
+//                                  the table Task unless another process did,
+//                                  and makes writes 0 to N-1 of writer W
+//                                  (shared_writes.h), printing the line of
+//                                  each once it returned, failed or not
+//   store_writer read WHERE ROUNDS ROUNDS times: opens the store at WHERE for
+//                                  reading, and reads the table Player3 of
+//                                  "write" by key, whole, by index and by
+//                                  shard, counts and verifies it; prints
+//                                  "read ROUNDS rounds, last saw N records",
+//                                  or the first failure (exit status 1)
 //   store_writer build DIR         opens the store in DIR with sync on and runs
 //                                  the pending work of the index-build crash
 //                                  test's index (its back-fill, or the removal
@@ -24,6 +39,7 @@
 //                                  after each batch and "finished\n" at the
 //                                  end, then writes on until it is killed
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -37,6 +53,7 @@
 #include "crash_ops.h"
 #include "index_build_ops.h"
 #include "schema_versions.h"
+#include "shared_writes.h"
 #include "store/table_store.h"
 #include "store_test_support.h"
 #include "tables3.pb.h"
@@ -76,6 +93,84 @@ int Write(const std::string& dir, uint64_t start) {
         std::printf("%llu\n", static_cast<unsigned long long>(i));
         std::fflush(stdout);
     }
+}
+
+int64_t NowNs() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+int Shared(const std::string& where, int writer, uint64_t count, double timeout_seconds) {
+    corvida::store::StoreOptions options;
+    options.create_if_missing = true;
+    options.timeout_seconds = timeout_seconds;
+    std::unique_ptr<TableStore> store;
+    Status s = TableStore::Open(where, options, &store);
+    if (!s.ok()) return Fail("open", s);
+    s = store->CreateTable(corvida_store_test::SchemaBlob(corvida::storetest::Task::descriptor()), "Task");
+    if (!s.ok() && !s.IsAlreadyExists()) return Fail("create", s);
+    std::unique_ptr<Table> table;
+    s = store->OpenTable(corvida::storetest::Task::default_instance(), nullptr, &table);
+    if (!s.ok()) return Fail("open table", s);
+    for (uint64_t n = 0; n < count; ++n) {
+        const corvida_store_test::SharedWrite write = corvida_store_test::MakeSharedWrite(writer, n);
+        corvida_store_test::SharedWriteOutcome outcome;
+        outcome.n = n;
+        outcome.begin_ns = NowNs();
+        switch (write.kind) {
+            case corvida_store_test::SharedWrite::kPut: s = table->Put(write.record); break;
+            case corvida_store_test::SharedWrite::kDelete:
+                s = table->Delete(write.record);
+                if (s.IsNotFound()) s = Status::OK();
+                break;
+            default: s = table->Update(write.record, write.paths); break;
+        }
+        outcome.end_ns = NowNs();
+        outcome.acknowledged = s.ok();
+        outcome.error = s.ToString();
+        std::printf("%s\n", corvida_store_test::SharedWriteLine(outcome).c_str());
+        std::fflush(stdout);
+    }
+    return 0;
+}
+
+// One round of Read: every kind of read of the table, each of which must
+// succeed; *records is what the scan saw.
+Status ReadRound(const std::string& where, size_t* records) {
+    corvida::store::StoreOptions options;
+    options.read_only = true;
+    std::unique_ptr<TableStore> store;
+    Status s = TableStore::Open(where, options, &store);
+    std::unique_ptr<Table> table;
+    if (s.ok()) s = store->OpenTable(Player3::default_instance(), nullptr, &table);
+    for (uint64_t i = 0; s.ok() && i < 4; ++i) {
+        const corvida_store_test::CrashOp op = corvida_store_test::MakeCrashOp(i);
+        Player3 out;
+        s = table->Get(op.record, {}, &out, nullptr);
+        if (s.IsNotFound()) s = Status::OK();
+    }
+    std::vector<corvida::store::Record> found;
+    if (s.ok()) s = table->Scan(nullptr, 0, &found);
+    *records = found.size();
+    Player3 probe;
+    probe.set_level(2);
+    probe.set_uid(3);
+    if (s.ok()) s = table->FindByIndex("by_level", probe, &found);
+    if (s.ok()) s = table->Scan(&probe, 0, &found);
+    uint64_t count = 0;
+    if (s.ok()) s = table->Count(nullptr, &count);
+    if (s.ok()) s = table->Verify();
+    return s;
+}
+
+int Read(const std::string& where, int rounds) {
+    size_t records = 0;
+    for (int round = 0; round < rounds; ++round) {
+        const Status s = ReadRound(where, &records);
+        if (!s.ok()) return Fail(("read round " + std::to_string(round)).c_str(), s);
+    }
+    std::printf("read %d rounds, last saw %zu records\n", rounds, records);
+    return 0;
 }
 
 int Race(const std::string& dir, int attempts) {
@@ -177,6 +272,12 @@ int main(int argc, char** argv) {
         return s.ok() ? 0 : s.IsBusy() ? 3 : 1;
     }
     if (argc == 3 && std::strcmp(argv[1], "build") == 0) return Build(argv[2]);
-    std::fprintf(stderr, "usage: store_writer write DIR START | open DIR | race DIR N | upgrade DIR | build DIR\n");
+    if (argc == 6 && std::strcmp(argv[1], "shared") == 0) {
+        return Shared(argv[2], std::atoi(argv[3]), std::strtoull(argv[4], nullptr, 10), std::atof(argv[5]));
+    }
+    if (argc == 4 && std::strcmp(argv[1], "read") == 0) return Read(argv[2], std::atoi(argv[3]));
+    std::fprintf(stderr,
+                 "usage: store_writer write DIR START | open DIR | race DIR N | upgrade DIR | build DIR | "
+                 "shared WHERE W N SECONDS | read WHERE ROUNDS\n");
     return 2;
 }

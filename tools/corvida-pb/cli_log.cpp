@@ -1,10 +1,14 @@
 #include "corvida-pb/cli_log.h"
 
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <string>
 
 #include <google/protobuf/stubs/logging.h>
+#if CORVIDA_PB_WITH_ETCD
+#include <grpc/support/log.h>
+#endif
 
 #include "corvida-pb/secrets.h"
 #include "corvida-pb/status.h"
@@ -12,9 +16,9 @@
 namespace corvida_pb {
 namespace {
 
-// The priority of the CliLog alive, for protobuf's log handler, which takes
-// no context.
-int g_protobuf_priority = PLOG_PRIORITY_ERROR;
+// The priority of the CliLog alive, for the log handlers of protobuf and
+// gRPC, which take no context.
+int g_runtime_priority = PLOG_PRIORITY_ERROR;
 
 // Writes "[priority] source: text" with text passed through RedactSecrets(),
 // as every other message is: a line may quote the message text or a name
@@ -37,12 +41,26 @@ void WriteLine(void*, const PLOGEVENT* event, const char* message, size_t length
 // the library adds protobuf's descriptor.proto to every schema pool, and the
 // runtime reports each blob that brings its own copy.
 void WriteProtobufLine(google::protobuf::LogLevel level, const char*, int, const std::string& message) {
-    if (g_protobuf_priority < PLOG_PRIORITY_DEBUG) return;
+    if (g_runtime_priority < PLOG_PRIORITY_DEBUG) return;
     const int priority = level >= google::protobuf::LOGLEVEL_ERROR     ? PLOG_PRIORITY_ERROR
                          : level == google::protobuf::LOGLEVEL_WARNING ? PLOG_PRIORITY_WARN
                                                                        : PLOG_PRIORITY_INFO;
     WriteRedacted(priority, "protobuf", message.data(), message.size());
 }
+
+#if CORVIDA_PB_WITH_ETCD
+// gRPC's lines, of the etcd engine's connections, are below the tool's
+// message too: a member that refuses the client's certificate makes gRPC log
+// "Corruption detected." and more, while the store's error says what
+// happened. gRPC calls this from its own threads, at any time.
+void WriteGrpcLine(gpr_log_func_args* args) {
+    if (g_runtime_priority < PLOG_PRIORITY_DEBUG) return;
+    const int priority = args->severity == GPR_LOG_SEVERITY_ERROR  ? PLOG_PRIORITY_ERROR
+                         : args->severity == GPR_LOG_SEVERITY_INFO ? PLOG_PRIORITY_INFO
+                                                                   : PLOG_PRIORITY_DEBUG;
+    WriteRedacted(priority, "grpc", args->message, std::strlen(args->message));
+}
+#endif
 
 }  // namespace
 
@@ -56,10 +74,17 @@ int ParseLogLevel(const std::string& level) {
 CliLog::CliLog(int priority) {
     plog_category_init(&m_category, "corvida-pb", priority);
     m_category.pfnWrite = &WriteLine;
-    g_protobuf_priority = priority;
+    g_runtime_priority = priority;
     m_previous_handler = google::protobuf::SetLogHandler(&WriteProtobufLine);
+#if CORVIDA_PB_WITH_ETCD
+    gpr_set_log_function(&WriteGrpcLine);
+#endif
 }
 
-CliLog::~CliLog() { google::protobuf::SetLogHandler(m_previous_handler); }
+// gRPC has no way back to its own handler: its lines are dropped from now on.
+CliLog::~CliLog() {
+    g_runtime_priority = PLOG_PRIORITY_ERROR;
+    google::protobuf::SetLogHandler(m_previous_handler);
+}
 
 }  // namespace corvida_pb

@@ -2,7 +2,8 @@
 //
 // Each line reads "[priority] function: message". From level debug on, the
 // lines of protobuf's runtime (for example a string field with invalid UTF-8)
-// are written the same way with "protobuf" in place of the function.
+// are written the same way with "protobuf" in place of the function, and
+// those of gRPC (the etcd engine's connections) with "grpc".
 #ifndef CORVIDA_PB_CLI_LOG_H_
 #define CORVIDA_PB_CLI_LOG_H_
 
@@ -21,8 +22,8 @@ int ParseLogLevel(const std::string& level);
 class CliLog {
 public:
     // Writes lines up to and including priority (PLOG_PRIORITY_ERROR,
-    // PLOG_PRIORITY_DEBUG or PLOG_PRIORITY_TRACE) and routes protobuf's own
-    // log lines to stderr until destroyed.
+    // PLOG_PRIORITY_DEBUG or PLOG_PRIORITY_TRACE) and routes the log lines
+    // of protobuf and gRPC to stderr until destroyed.
     explicit CliLog(int priority);
     ~CliLog();
 
