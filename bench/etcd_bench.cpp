@@ -11,7 +11,9 @@
 // namespace "raw". Each baseline then makes, on the copy, the calls that the
 // same work takes on raw etcd, through the engine's own client
 // (store/etcd_client.h: the same channels, deadlines and gRPC calls), so
-// that each pair differs only by what the store does:
+// that each pair differs only by what the store does. A read of the moment
+// is linearizable; a read at the revision of an earlier one is served by the
+// member alone (serializable), as the engine reads at a view:
 //
 //   Get          store: Get by primary key          raw: one Range of the row
 //   FindByIndex  store: one record by by_level      raw: Range of the index value's entries,
@@ -309,6 +311,8 @@ Status RawRange(const std::string& begin, const std::string& end, int64_t* revis
     request.set_key(kRawPrefix + begin);
     request.set_range_end(kRawPrefix + end);
     request.set_revision(*revision);
+    // At a known revision, from the member's own copy, as the engine reads.
+    request.set_serializable(*revision != 0);
     etcdserverpb::RangeResponse response;
     Status s = g_fixture.raw()->Range(request, &response, "reading");
     if (!s.ok()) return s;
