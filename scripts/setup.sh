@@ -13,7 +13,7 @@ PACKAGES="
   librocksdb-dev
   libgrpc++-dev protobuf-compiler-grpc
   golang-etcd-server-dev golang-github-gogo-protobuf-dev golang-github-gogo-googleapis-dev
-  etcd-server
+  etcd-server etcd-client
   libcli11-dev nlohmann-json3-dev
 "
 

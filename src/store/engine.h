@@ -117,6 +117,13 @@ public:
     // A view of the data as it is now.
     virtual Status NewView(std::unique_ptr<ReadView>* view) = 0;
 
+    // A view whose state is fixed by its first read rather than by this
+    // call: it sees every commit acknowledged before this call, and its
+    // reads see one state, as any view's. For a reader that reads at once
+    // (a write, a lookup): where taking a view asks the database (etcd),
+    // this one asks nothing until that first read.
+    virtual Status NewLazyView(std::unique_ptr<ReadView>* view) { return NewView(view); }
+
     // Reads key at view (null: the latest state). *found is false, and the
     // status ok, when the key is absent.
     virtual Status Get(const ReadView* view, std::string_view key, std::string* value, bool* found) = 0;

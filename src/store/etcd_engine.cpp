@@ -32,18 +32,19 @@ constexpr size_t kMostTxnOps = 1024;
 constexpr size_t kEntryFramingBytes = 16;
 constexpr size_t kRequestFramingBytes = 256;
 
+// A revision to read at; 0 until the first read of a lazy view fixes it.
+// A view is used by one thread at a time, so fixing it needs no lock.
 class EtcdView : public ReadView {
 public:
     explicit EtcdView(int64_t revision) : m_revision(revision) {}
     int64_t revision() const { return m_revision; }
+    void Fix(int64_t revision) const {
+        if (m_revision == 0) m_revision = revision;
+    }
 
 private:
-    const int64_t m_revision;
+    mutable int64_t m_revision;
 };
-
-int64_t RevisionOf(const ReadView* view) {
-    return view == nullptr ? 0 : static_cast<const EtcdView*>(view)->revision();
-}
 
 // Refuses a batch that changes a key twice: an etcd transaction may not.
 Status CheckOneChangePerKey(const EngineBatch& batch) {
@@ -81,13 +82,17 @@ public:
         });
     }
 
+    Status NewLazyView(std::unique_ptr<ReadView>* view) override {
+        view->reset(new EtcdView(0));
+        return Status::OK();
+    }
+
     Status Get(const ReadView* view, std::string_view key, std::string* value, bool* found) override {
         return NoThrow([&] {
             etcdserverpb::RangeRequest request;
             request.set_key(m_prefix + std::string(key));
-            request.set_revision(RevisionOf(view));
             etcdserverpb::RangeResponse response;
-            Status s = m_client->Range(request, &response, "reading");
+            Status s = Read(static_cast<const EtcdView*>(view), &request, &response, "reading");
             if (!s.ok()) return s;
             *found = response.kvs_size() > 0;
             if (*found) *value = response.kvs(0).value();
@@ -103,12 +108,13 @@ public:
             request.set_limit(kPageKeys);
             // Left unsorted: etcd returns a range in key order, and a sort
             // order would make it read the whole range for every page.
-            request.set_revision(RevisionOf(view));
+            // Without a view, the first page fixes the revision of the others.
+            const EtcdView own(0);
+            const EtcdView* at = view != nullptr ? static_cast<const EtcdView*>(view) : &own;
             etcdserverpb::RangeResponse response;
             while (true) {
-                Status s = m_client->Range(request, &response, "scanning");
+                Status s = Read(at, &request, &response, "scanning");
                 if (!s.ok()) return s;
-                if (request.revision() == 0) request.set_revision(response.header().revision());
                 for (const mvccpb::KeyValue& kv : response.kvs()) {
                     if (!visit(std::string_view(kv.key()).substr(m_prefix.size()), kv.value())) return Status::OK();
                 }
@@ -145,6 +151,29 @@ public:
     }
 
 private:
+    // Reads request at view's revision (null: now). A read of now is
+    // linearizable: the member first learns from the leader how far the
+    // cluster has committed, a round among the members. A read at a known
+    // revision needs no such round, since what a revision holds never
+    // changes: it is served by the member from its own copy (serializable).
+    // A member that has not applied that revision yet says so, and is then
+    // asked linearizably, which waits until it has. A lazy view's first read
+    // is of now, and fixes the view's revision.
+    Status Read(const EtcdView* view, etcdserverpb::RangeRequest* request, etcdserverpb::RangeResponse* response,
+                const char* what) {
+        const int64_t revision = view != nullptr ? view->revision() : 0;
+        request->set_revision(revision);
+        request->set_serializable(revision != 0);
+        EtcdFailure failure;
+        Status s = m_client->Range(*request, response, what, &failure);
+        if (!s.ok() && failure.refusal == EtcdFailure::Refusal::kFutureRevision && revision != 0) {
+            request->set_serializable(false);
+            s = m_client->Range(*request, response, what);
+        }
+        if (s.ok() && view != nullptr) view->Fix(response->header().revision());
+        return s;
+    }
+
     Status CurrentRevision(const char* what, int64_t* revision) {
         // Any read tells the revision of the moment; the prefix itself is
         // never a key of the store, so this one carries nothing back.

@@ -10,6 +10,12 @@
 // every page of Scan at a view read at that revision. A Scan without a view
 // reads its first page at the cluster's revision of the moment and its
 // other pages at the same one, so commits made during the scan are not seen.
+// NewView asks the cluster for its revision; a view of NewLazyView takes the
+// revision of its first read. Only a read of the moment makes the members
+// agree on how far the cluster has committed (a round among them); a read at
+// a revision already known is served by one member from its own copy, since
+// what a revision holds never changes (one that has not applied the revision
+// yet is asked again in the first way, which waits until it has).
 // Pages hold up to 1000 keys. A view whose revision has since been
 // compacted away (by Compact, or by the cluster's --auto-compaction) reads
 // kIOError saying so; the reader takes a new view.

@@ -147,7 +147,8 @@ EtcdFailure ClassifyEtcdFailure(const grpc::Status& status, bool tls) {
     }
     if (Contains(message, "required revision is a future revision")) {
         return Answer(Status::IOError("the revision the read was taken at is ahead of the etcd member (" + message +
-                                      "): is the view from another cluster?"));
+                                      "): is the view from another cluster?"),
+                      EtcdFailure::Refusal::kFutureRevision);
     }
     if (Contains(message, "database space exceeded")) {
         return Answer(Status::IOError("the etcd cluster is out of space (" + message +

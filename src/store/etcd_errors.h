@@ -52,7 +52,7 @@ struct EtcdFailure {
     // kAnswer: the store's status for it, its message without context.
     Status status;
     // kAnswer: the answers the engine acts on.
-    enum class Refusal { kOther, kTooManyOperations, kTooLarge, kCompacted };
+    enum class Refusal { kOther, kTooManyOperations, kTooLarge, kCompacted, kFutureRevision };
     Refusal refusal = Refusal::kOther;
     // kTooLarge: the member's --max-request-bytes when it said (else 0).
     size_t max_request_bytes = 0;

@@ -172,16 +172,16 @@ Status RecordReader::Scan(const Message* shard, const Page& page, const RecordVi
     }
     std::string value;
     Status status = LookupValue(*m_schema->shard(), *shard, &value);
-    return status.ok() ? ReadEntries(*m_schema->shard(), value, page, visit, next) : status;
+    return status.ok() ? ReadEntries(*m_schema->shard(), value, page, visit, next, nullptr) : status;
 }
 
 Status RecordReader::Find(std::string_view index, const Message& fields, const Page& page,
-                          const RecordVisitor& visit, std::string* next) const {
+                          const RecordVisitor& visit, std::string* next, const ReadView* view) const {
     const Secondary* secondary = nullptr;
     Status status = FindSecondary(index, &secondary);
     std::string value;
     if (status.ok()) status = LookupValue(*secondary, fields, &value);
-    return status.ok() ? ReadEntries(*secondary, value, page, visit, next) : status;
+    return status.ok() ? ReadEntries(*secondary, value, page, visit, next, view) : status;
 }
 
 Status RecordReader::ScanTable(const Page& page, const RecordVisitor& visit, std::string* next) const {
@@ -195,7 +195,7 @@ Status RecordReader::ScanTable(const Page& page, const RecordVisitor& visit, std
         start = keys::EscapedEnd(keys::RowKey(m_schema->number(), after));
     }
     std::unique_ptr<ReadView> view;
-    Status status = m_context->engine()->NewView(&view);
+    Status status = m_context->engine()->NewLazyView(&view);
     if (!status.ok()) return status;
     PageState state(page);
     Status made;
@@ -219,7 +219,7 @@ Status RecordReader::ScanTable(const Page& page, const RecordVisitor& visit, std
 }
 
 Status RecordReader::ReadEntries(const Secondary& secondary, const std::string& value, const Page& page,
-                                 const RecordVisitor& visit, std::string* next) const {
+                                 const RecordVisitor& visit, std::string* next, const ReadView* view) const {
     if (next != nullptr) next->clear();
     const uint32_t table = m_schema->number();
     const CursorScope scope{table, secondary.space, secondary.name, value};
@@ -233,9 +233,10 @@ Status RecordReader::ReadEntries(const Secondary& secondary, const std::string& 
         start.push_back('\0');  // the first key after that entry
     }
     Engine* engine = m_context->engine();
-    std::unique_ptr<ReadView> view;
-    Status status = engine->NewView(&view);
+    std::unique_ptr<ReadView> own;
+    Status status = view == nullptr ? engine->NewLazyView(&own) : Status::OK();
     if (!status.ok()) return status;
+    if (view == nullptr) view = own.get();
 
     // The entries in chunks, then their records: the engine's scan of the
     // entries is not interleaved with reads of rows, and no more than a chunk
@@ -251,7 +252,7 @@ Status RecordReader::ReadEntries(const Secondary& secondary, const std::string& 
         std::string entry_value;
         std::string pk;
         Status damaged;
-        status = engine->Scan(view.get(), start, end, [&](std::string_view key, std::string_view) {
+        status = engine->Scan(view, start, end, [&](std::string_view key, std::string_view) {
             if (!keys::SplitSecondaryKey(key.substr(space_size), &entry_value, &pk) || entry_value != value) {
                 damaged = Status::Corruption(secondary.What(m_schema->name()) + ": a stored entry key does not split");
                 return false;
@@ -271,7 +272,7 @@ Status RecordReader::ReadEntries(const Secondary& secondary, const std::string& 
                 return Status::OK();
             }
             StoredRow row;
-            status = ReadRow(engine, view.get(), keys::RowKey(table, entry_pk), false, FieldFilter(), &row);
+            status = ReadRow(engine, view, keys::RowKey(table, entry_pk), false, FieldFilter(), &row);
             if (!status.ok()) return status;
             if (!row.exists) {
                 return Status::Corruption(secondary.What(m_schema->name()) + ": an entry without its record");

@@ -35,8 +35,10 @@ public:
     // Whole table (shard null) or one shard.
     Status Scan(const google::protobuf::Message* shard, const Page& page, const RecordVisitor& visit,
                 std::string* next) const;
+    // Reads at view when given (the view the caller checked its binding
+    // at), else at a view of its own.
     Status Find(std::string_view index, const google::protobuf::Message& fields, const Page& page,
-                const RecordVisitor& visit, std::string* next) const;
+                const RecordVisitor& visit, std::string* next, const ReadView* view = nullptr) const;
     Status Count(const google::protobuf::Message* shard, uint64_t* count) const;
     Status CountIndex(std::string_view index, const google::protobuf::Message& fields, uint64_t* count) const;
 
@@ -62,7 +64,7 @@ private:
     // null) and the field key of fields.
     Status LookupValue(const Secondary& secondary, const google::protobuf::Message& fields, std::string* value) const;
     Status ReadEntries(const Secondary& secondary, const std::string& value, const Page& page,
-                       const RecordVisitor& visit, std::string* next) const;
+                       const RecordVisitor& visit, std::string* next, const ReadView* view) const;
     Status ScanTable(const Page& page, const RecordVisitor& visit, std::string* next) const;
     Status CountPrefix(const std::string& prefix, uint64_t* count) const;
     Status FindSecondary(std::string_view index, const Secondary** secondary) const;

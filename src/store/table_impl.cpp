@@ -74,19 +74,26 @@ Status TableImpl::WriteBound(Write write) {
     }
 }
 
-Status TableImpl::Current(std::shared_ptr<const Binding>* bound) {
+Status TableImpl::Current(std::unique_ptr<ReadView>* view, std::shared_ptr<const Binding>* bound) {
+    Engine* engine = m_context->engine();
     *bound = Bound();
+    Status status = view != nullptr ? engine->NewLazyView(view) : Status::OK();
     std::string stamp;
     bool found = false;
-    Status status = m_context->engine()->Get(nullptr, keys::SchemaStampKey((*bound)->schema.number()), &stamp, &found);
+    if (status.ok()) {
+        status = engine->Get(view != nullptr ? view->get() : nullptr, keys::SchemaStampKey((*bound)->schema.number()),
+                             &stamp, &found);
+    }
     if (!status.ok() || stamp == (*bound)->schema.stamp()) return status;
     status = Rebind(*bound);
     if (status.ok()) *bound = Bound();
+    if (status.ok() && view != nullptr) status = engine->NewLazyView(view);
     return status;
 }
 
-Status TableImpl::BoundForLookup(std::string_view index, std::shared_ptr<const Binding>* bound) {
-    Status status = Current(bound);
+Status TableImpl::BoundForLookup(std::string_view index, std::unique_ptr<ReadView>* view,
+                                 std::shared_ptr<const Binding>* bound) {
+    Status status = Current(view, bound);
     if (!status.ok() || !(*bound)->schema.IsBuilding(index)) return status;
     TableState state;
     status = ReadTableState(m_context->engine(), nullptr, m_name, &state);
@@ -133,12 +140,13 @@ Status TableImpl::FindByIndex(std::string_view index, const Message& index_field
                               size_t limit) {
     return NoThrow([&] {
         if (records == nullptr) return Status::InvalidArgument("table " + name() + ": FindByIndex without an output");
+        std::unique_ptr<ReadView> view;
         std::shared_ptr<const Binding> bound;
-        Status status = BoundForLookup(index, &bound);
+        Status status = BoundForLookup(index, &view, &bound);
         if (!status.ok()) return status;
         Page page;
         page.limit = limit;
-        return bound->reader.Find(index, index_fields, page, AppendTo(records), nullptr);
+        return bound->reader.Find(index, index_fields, page, AppendTo(records), nullptr, view.get());
     });
 }
 
@@ -162,10 +170,11 @@ Status TableImpl::FindEach(std::string_view index, const Message& index_fields, 
                            const RecordVisitor& visit, std::string* next) {
     return NoThrow([&] {
         if (!visit) return Status::InvalidArgument("table " + name() + ": FindEach without a visitor");
+        std::unique_ptr<ReadView> view;
         std::shared_ptr<const Binding> bound;
-        Status status = BoundForLookup(index, &bound);
+        Status status = BoundForLookup(index, &view, &bound);
         if (!status.ok()) return status;
-        return bound->reader.Find(index, index_fields, page, visit, next);
+        return bound->reader.Find(index, index_fields, page, visit, next, view.get());
     });
 }
 
@@ -176,7 +185,7 @@ Status TableImpl::Count(const Message* shard, uint64_t* count) {
 Status TableImpl::CountIndex(std::string_view index, const Message& index_fields, uint64_t* count) {
     return NoThrow([&] {
         std::shared_ptr<const Binding> bound;
-        Status status = BoundForLookup(index, &bound);
+        Status status = BoundForLookup(index, nullptr, &bound);
         if (!status.ok()) return status;
         return bound->reader.CountIndex(index, index_fields, count);
     });
@@ -185,7 +194,7 @@ Status TableImpl::CountIndex(std::string_view index, const Message& index_fields
 Status TableImpl::Verify() {
     return NoThrow([&] {
         std::shared_ptr<const Binding> bound;
-        Status status = Current(&bound);
+        Status status = Current(nullptr, &bound);
         if (!status.ok()) return status;
         VerifyCounts counts;
         status = VerifyTable(m_context.get(), bound->schema, bound->reader, &counts);

@@ -83,12 +83,16 @@ private:
     Status WriteBound(Write write);
 
     // The current binding, once the stamp has been read again (and the table
-    // bound again when it moved).
-    Status Current(std::shared_ptr<const Binding>* bound);
+    // bound again when it moved). With view, the stamp is read at a new lazy
+    // view left in *view, or, when the table was bound again, at none and
+    // *view is a new lazy one taken after that: the binding holds at the
+    // view, so that a read made at it sees the table as bound.
+    Status Current(std::unique_ptr<ReadView>* view, std::shared_ptr<const Binding>* bound);
 
-    // The binding a lookup on index runs on: the current one, refused while
-    // the index is being built.
-    Status BoundForLookup(std::string_view index, std::shared_ptr<const Binding>* bound);
+    // The binding a lookup on index runs on, and the view it reads at (see
+    // Current): the current one, refused while the index is being built.
+    Status BoundForLookup(std::string_view index, std::unique_ptr<ReadView>* view,
+                          std::shared_ptr<const Binding>* bound);
 
     std::shared_ptr<StoreContext> m_context;
     const google::protobuf::Message& m_prototype;

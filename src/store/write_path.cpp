@@ -386,7 +386,7 @@ Status RecordWriter::Commit(const PreparedWrite& write, Scratch* scratch, const 
     *moved = false;
     return RetryConflicts(context, [&](bool* committed) {
         std::unique_ptr<ReadView> view;
-        Status status = engine->NewView(&view);
+        Status status = engine->NewLazyView(&view);
         if (!status.ok()) return status;
         EngineBatch batch;
         status = Stage(write, view.get(), scratch, &batch);

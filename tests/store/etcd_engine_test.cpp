@@ -216,6 +216,27 @@ TEST_F(EtcdEngineTest, AViewKeepsItsState) {
     EXPECT_EQ(Contents(m_engine.get(), view.get()), (std::map<std::string, std::string>{{"k", "1"}}));
 }
 
+TEST_F(EtcdEngineTest, ALazyViewIsFixedByItsFirstRead) {
+    ASSERT_TRUE(IsOk(PutAll(m_engine.get(), {{"k", "1"}})));
+    std::unique_ptr<ReadView> view;
+    ASSERT_TRUE(IsOk(m_engine->NewLazyView(&view)));
+    ASSERT_TRUE(IsOk(PutAll(m_engine.get(), {{"k", "2"}})));
+
+    // Its first read (a scan) sees the commit made after it was taken...
+    EXPECT_EQ(Contents(m_engine.get(), view.get()), (std::map<std::string, std::string>{{"k", "2"}}));
+    ASSERT_TRUE(IsOk(PutAll(m_engine.get(), {{"k", "3"}, {"new", "x"}})));
+    // ...and every later read is of that same state.
+    std::string value;
+    bool found = false;
+    ASSERT_TRUE(IsOk(m_engine->Get(view.get(), "k", &value, &found)));
+    EXPECT_TRUE(found);
+    EXPECT_EQ(value, "2");
+    ASSERT_TRUE(IsOk(m_engine->Get(view.get(), "new", &value, &found)));
+    EXPECT_FALSE(found);
+    EXPECT_EQ(Contents(m_engine.get(), view.get()), (std::map<std::string, std::string>{{"k", "2"}}));
+    EXPECT_EQ(ValueOf(m_engine.get(), "k"), "3");
+}
+
 TEST_F(EtcdEngineTest, LimitsAreTheClustersAndCountAsEtcdCounts) {
     const auto& limits = m_engine->limits();
     EXPECT_EQ(limits.max_operations, 128u);

@@ -129,6 +129,11 @@ TEST(EtcdErrorsTest, MapsTheClustersAnswers) {
     f = Classify(grpc::StatusCode::OUT_OF_RANGE, "etcdserver: mvcc: required revision has been compacted");
     EXPECT_EQ(f.refusal, Refusal::kCompacted);
     EXPECT_TRUE(f.status.IsIOError());
+    // What a member says to a read at a revision it has not applied yet:
+    // the engine then asks it again in a way that waits.
+    f = Classify(grpc::StatusCode::OUT_OF_RANGE, "etcdserver: mvcc: required revision is a future revision");
+    EXPECT_EQ(f.refusal, Refusal::kFutureRevision);
+    EXPECT_TRUE(f.status.IsIOError());
 
     const std::vector<std::pair<EtcdFailure, std::string>> io_errors = {
         {Classify(grpc::StatusCode::PERMISSION_DENIED, "etcdserver: permission denied"), "permission denied"},
