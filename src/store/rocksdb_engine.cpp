@@ -332,23 +332,29 @@ public:
     Status Commit(const EngineBatch& batch, bool* committed) override {
         *committed = false;
         if (m_read_only) return Status::NotSupported(m_dir + " is open for reading only");
-        rocksdb::WriteBatch write;
+        rocksdb::WriteBatch write(batch.ByteSize() + kBatchOverhead * batch.ops().size());
+        std::vector<size_t> stripes;
+        stripes.reserve(batch.conditions().size() + batch.ops().size());
         for (const EngineBatch::Op& op : batch.ops()) {
             const rocksdb::Status s = op.kind == EngineBatch::Op::Kind::kPut ? write.Put(op.key, op.value)
                                                                               : write.Delete(op.key);
             if (!s.ok()) return FromRocks(s, "writing to " + m_dir);
+            stripes.push_back(StripeOf(op.key));
         }
-        std::vector<size_t> stripes;
-        for (const EngineBatch::Condition& condition : batch.conditions()) stripes.push_back(Stripe(condition.key));
+        for (const EngineBatch::Condition& condition : batch.conditions()) stripes.push_back(StripeOf(condition.key));
         std::sort(stripes.begin(), stripes.end());
         stripes.erase(std::unique(stripes.begin(), stripes.end()), stripes.end());
-        for (size_t stripe : stripes) m_stripes[stripe].lock();
+        for (size_t stripe : stripes) m_stripes[stripe].mutex.lock();
         Status status = CheckConditions(batch, committed);
         if (status.ok() && *committed) {
             status = FromRocks(m_db->Write(m_write_options, &write), "writing to " + m_dir);
             *committed = status.ok();
+            // At or after the sequence number of this write: a view taken
+            // before it is older than the stripes it wrote.
+            const rocksdb::SequenceNumber written = m_db->GetLatestSequenceNumber();
+            for (size_t stripe : stripes) m_stripes[stripe].written = written;
         }
-        for (auto stripe = stripes.rbegin(); stripe != stripes.rend(); ++stripe) m_stripes[*stripe].unlock();
+        for (auto stripe = stripes.rbegin(); stripe != stripes.rend(); ++stripe) m_stripes[*stripe].mutex.unlock();
         return status;
     }
 
@@ -367,13 +373,19 @@ private:
         return view != nullptr ? static_cast<const RocksView*>(view)->snapshot() : nullptr;
     }
 
-    size_t Stripe(const std::string& key) const { return std::hash<std::string>()(key) % m_stripes.size(); }
+    size_t StripeOf(const std::string& key) const { return std::hash<std::string>()(key) % m_stripes.size(); }
 
-    // Called with the stripes of every condition held.
+    // Called with the stripes of the batch held. A condition read at a view
+    // holds without a read when no commit wrote its stripe since that view:
+    // the key is as the view saw it.
     Status CheckConditions(const EngineBatch& batch, bool* hold) {
         *hold = true;
         std::string value;
         for (const EngineBatch::Condition& condition : batch.conditions()) {
+            if (condition.read_at != nullptr &&
+                m_stripes[StripeOf(condition.key)].written <= Snapshot(condition.read_at)->GetSequenceNumber()) {
+                continue;
+            }
             const rocksdb::Status s = m_db->Get(rocksdb::ReadOptions(), condition.key, &value);
             if (!s.ok() && !s.IsNotFound()) return FromRocks(s, "reading " + m_dir);
             const bool present = s.ok();
@@ -385,6 +397,19 @@ private:
         return Status::OK();
     }
 
+    // Commits touching keys of one stripe (as a condition or a change) are
+    // serialized by its mutex, which also guards the sequence number at or
+    // after the last commit that changed a key of it (0: none since the
+    // open; no other process writes meanwhile).
+    struct StripeState {
+        std::mutex mutex;
+        rocksdb::SequenceNumber written = 0;
+    };
+
+    // Bytes a write batch adds to each key and value (a tag and two
+    // lengths), so that building one allocates once.
+    static constexpr size_t kBatchOverhead = 12;
+
     std::string m_dir;
     std::string m_held_as;  // the canonical directory, while this engine holds it for writing
     std::unique_ptr<rocksdb::Env> m_env;
@@ -392,7 +417,7 @@ private:
     bool m_read_only;
     rocksdb::WriteOptions m_write_options;
     EngineLimits m_limits;
-    std::array<std::mutex, 256> m_stripes;
+    std::array<StripeState, 256> m_stripes;
     std::unique_ptr<rocksdb::DB> m_db;  // destroyed first
 };
 

@@ -37,9 +37,12 @@
 // a bounded number of files.
 //
 // Conditional commits: the engine takes, for each key a batch has a condition
-// on, one of 256 striped mutexes (in a fixed order), checks the conditions
-// against the latest state and writes the batch, all under those mutexes.
-// Within one process that is exact; no other process writes.
+// on or changes, one of 256 striped mutexes (in a fixed order), checks the
+// conditions against the latest state and writes the batch, all under those
+// mutexes. Within one process that is exact; no other process writes. Each
+// stripe remembers the sequence number of the last write to it, so a
+// condition read at a view (EngineBatch::Condition::read_at) that no write
+// to its stripe has followed holds without reading the key again.
 #ifndef CORVIDA_STORE_ROCKSDB_ENGINE_H_
 #define CORVIDA_STORE_ROCKSDB_ENGINE_H_
 
