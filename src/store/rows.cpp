@@ -5,8 +5,18 @@
 namespace corvida {
 namespace store {
 
+namespace {
+
+constexpr size_t kTypicalFields = 32;
+
+}  // namespace
+
 Status ReadRow(Engine* engine, const ReadView* view, const std::string& row_key, bool all_paths,
                const FieldFilter& keep, StoredRow* row) {
+    // Room for the fields of a typical record, so that the vector is not
+    // moved while it grows.
+    row->fields.reserve(kTypicalFields);
+    if (all_paths) row->tag_paths.reserve(kTypicalFields);
     return engine->Scan(view, row_key, keys::RowEnd(row_key), [&](std::string_view key, std::string_view value) {
         const std::string_view tag_path = key.substr(row_key.size());
         if (tag_path.empty()) {
