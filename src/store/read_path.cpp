@@ -90,13 +90,11 @@ Status RecordReader::Get(const Message& key, const std::vector<std::string>& pat
     std::vector<ResolvedPath> resolved;
     if (status.ok()) status = m_schema->ResolvePaths(paths, false, &resolved);
     if (!status.ok()) return status;
+    ScratchPool::Lease scratch = m_context->scratch().Acquire();
     std::string pk;
-    {
-        ScratchPool::Lease scratch = m_context->scratch().Acquire();
-        key.ByteSizeLong();  // the key encoders write with cached sizes
-        status = m_schema->PrimaryKey(key, scratch.get(), &pk);
-        if (!status.ok()) return status;
-    }
+    key.ByteSizeLong();  // the key encoders write with cached sizes
+    status = m_schema->PrimaryKey(key, scratch.get(), &pk);
+    if (!status.ok()) return status;
     bool above = false;  // a stored sub-message holding more than was asked
     FieldFilter keep;
     if (!resolved.empty()) {
@@ -110,7 +108,7 @@ Status RecordReader::Get(const Message& key, const std::vector<std::string>& pat
             return kept;
         };
     }
-    StoredRow row;
+    StoredRow& row = scratch->row;
     status = ReadRow(m_context->engine(), nullptr, keys::RowKey(m_schema->number(), pk), false, keep, &row);
     if (!status.ok()) return status;
     if (!row.exists) return Status::NotFound("table " + table + ": no record with that key");
@@ -223,6 +221,8 @@ Status RecordReader::ReadEntries(const Secondary& secondary, const std::string& 
     std::unique_ptr<ReadView> view;
     Status status = engine->NewView(&view);
     if (!status.ok()) return status;
+    ScratchPool::Lease scratch = m_context->scratch().Acquire();
+    StoredRow& row = scratch->row;
 
     // The entries in chunks, then their records: the engine's scan of the
     // entries is not interleaved with reads of rows, and no more than a chunk
@@ -257,7 +257,6 @@ Status RecordReader::ReadEntries(const Secondary& secondary, const std::string& 
                 if (next != nullptr) *next = EncodeCursor(scope, last_pk);
                 return Status::OK();
             }
-            StoredRow row;
             status = ReadRow(engine, view.get(), keys::RowKey(table, entry_pk), false, FieldFilter(), &row);
             if (!status.ok()) return status;
             if (!row.exists) {
