@@ -233,6 +233,9 @@ Status RecordReader::ReadEntries(const Secondary& secondary, const std::string& 
     size_t returned = 0;
     std::string last_pk;
     for (;;) {
+        // A page of a limit reads one entry past it (to know whether a cursor
+        // is due), not a whole chunk.
+        const size_t chunk = page.limit != 0 ? std::min(kChunk, page.limit - returned + 1) : kChunk;
         std::vector<std::string> pks;
         bool more = false;
         std::string entry_value;
@@ -243,7 +246,7 @@ Status RecordReader::ReadEntries(const Secondary& secondary, const std::string& 
                 damaged = Status::Corruption(secondary.What(m_schema->name()) + ": a stored entry key does not split");
                 return false;
             }
-            if (pks.size() == kChunk) {
+            if (pks.size() == chunk) {
                 more = true;
                 return false;
             }
