@@ -12,6 +12,7 @@ PACKAGES="
   clang libclang-rt-14-dev
   librocksdb-dev
   libcli11-dev nlohmann-json3-dev
+  rocksdb-tools hyperfine strace jq gnuplot-nox
 "
 
 if [ "$(id -u)" -eq 0 ]; then
