@@ -13,13 +13,15 @@
 # corvida_workload_bench; RECORDS defaults to 1000000. The store is loaded
 # once through the library (corvida_workload_bench load: some minutes for
 # 1 M records) into $CORVIDA_BENCH_DIR/RECORDS (default /tmp/corvida-bench)
-# and kept for later runs; every run works on a fresh copy of it. RUNS
-# (default 30) timed runs per command. Prints Markdown on stdout.
+# and kept for later runs; every run works on fresh copies of it. RUNS
+# (default 30) timed runs per command, in ROUNDS (default 3) rounds. Prints
+# Markdown on stdout.
 set -eu
 
 build_dir=$(cd "${1:-build-rel}" && pwd)
 records=${2:-1000000}
 runs=${RUNS:-30}
+rounds=${ROUNDS:-3}
 cd "$(dirname "$0")/.."
 cli="$build_dir/tools/corvida-pb"
 workload="$build_dir/bench/corvida_workload_bench"
@@ -44,8 +46,9 @@ if [ ! -f "$base/records" ]; then
 fi
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT INT TERM
+# The reads go to one copy; the writes of each tool to a copy of their own.
 store="$work/store"
-cp -a "$base/store" "$store"
+for copy in store ldb-writes store-writes; do cp -a "$base/store" "$work/$copy"; done
 
 # A record from the middle: its row key (for ldb), its key fields, its index
 # field and the whole record (for corvida-pb).
@@ -63,8 +66,8 @@ get="$cli store get --db $store $schema --text-file $work/key.txt"
 find="$cli store find --db $store $schema --index by_level --text-file $work/level.txt --limit 1"
 scan="$cli store scan --db $store $schema --limit 10"
 ldb_get="ldb --db=$store get --hex $row_key"
-put="$cli store put --db $store $schema --text-file $work/record.txt"
-ldb_put="ldb --db=$store put --hex $row_key $stamp"
+put="$cli store put --db $work/store-writes $schema --text-file $work/record.txt"
+ldb_put="ldb --db=$work/ldb-writes put --hex $row_key $stamp"
 
 # The machine, as docs/performance.md records it.
 cpu=$(sed -n 's/^model name[[:space:]]*:[[:space:]]*//p' /proc/cpuinfo | head -n 1)
@@ -72,16 +75,25 @@ echo "Machine: $cpu, $(getconf _NPROCESSORS_ONLN) cores, load average $(cut -d' 
     "$records records, $(du -sh "$store" | cut -f1) in $(ls "$store" | wc -l) files; $(date -u +%Y-%m-%d)"
 echo
 
-# Times the commands (label, then command, in pairs) with hyperfine and
-# prints one row per command: median, mean, min and CPU times in ms.
+# Times the commands (hyperfine's -n label, then the command, for each) in
+# ROUNDS rounds of RUNS / ROUNDS runs each, all commands in every round, so
+# that a change of the machine's load falls on all of them; prints one row
+# per command over all runs: median, mean, min and CPU times in ms.
 timed() {
-    json="$work/times.json"
-    set -- --export-json "$json" "$@"
-    hyperfine -N --warmup 3 --runs "$runs" --style none "$@" >/dev/null 2>"$work/hyperfine.err" || {
-        cat "$work/hyperfine.err" >&2
-        exit 1
-    }
-    jq -r '.results[] | "| \(.command) | \(.median * 1000 | round) | \(.mean * 1000 | round) ± \(.stddev * 1000 | round) | \(.min * 1000 | round) | \(.user * 1000 | round) | \(.system * 1000 | round) |"' "$json"
+    round=1
+    while [ "$round" -le "$rounds" ]; do
+        hyperfine -N --warmup 2 --runs $((runs / rounds)) --style none --export-json "$work/times-$round.json" "$@" \
+            >/dev/null 2>"$work/hyperfine.err" || {
+            cat "$work/hyperfine.err" >&2
+            exit 1
+        }
+        round=$((round + 1))
+    done
+    jq -rs '(.[0].results | map(.command)) as $order | [.[].results[]] as $all | $order[] as $c
+        | [$all[] | select(.command == $c)] as $r | ($r | map(.times[]) | sort) as $t
+        | "| \($c) | \($t[($t | length) / 2 | floor] * 1000 | round) | \($t | add / length * 1000 | round) | \($t[0] * 1000 | round) | \($r | map(.user) | add / length * 1000 | round) | \($r | map(.system) | add / length * 1000 | round) |"' \
+        "$work"/times-*.json
+    rm -f "$work"/times-*.json
 }
 
 echo "| command | median ms | mean ms | min ms | user ms | system ms |"
@@ -91,16 +103,17 @@ timed -n "ldb get (one key)" "$ldb_get" -n "store get" "$get" -n "store find --l
 timed -n "ldb put (one key)" "$ldb_put" -n "store put (a whole record)" "$put"
 echo
 
-# What one run of a command does besides its work.
+# What one run of a command on the store in directory $2 does besides its
+# work.
 traced() {
-    ls -l --time-style=full-iso "$store" >"$work/before"
+    ls -l --time-style=full-iso "$2" >"$work/before"
     # shellcheck disable=SC2086
     strace -f -qq -o "$work/trace" -e trace=fsync,fdatasync,openat,rename,renameat,renameat2,clone,clone3 \
-        $2 >/dev/null
-    ls -l --time-style=full-iso "$store" >"$work/after"
+        $3 >/dev/null
+    ls -l --time-style=full-iso "$2" >"$work/after"
     threads=$(grep -cE ' clone3?\(' "$work/trace" || true)
     syncs=$(grep -cE ' f(data)?sync\(' "$work/trace" || true)
-    written=$(grep -F "$store/" "$work/trace" | grep -E ' openat\(' | grep -cE 'O_WRONLY|O_RDWR|O_CREAT' || true)
+    written=$(grep -F "$2/" "$work/trace" | grep -E ' openat\(' | grep -cE 'O_WRONLY|O_RDWR|O_CREAT' || true)
     renames=$(grep -cE ' rename(at2?)?\(' "$work/trace" || true)
     changed=$(diff "$work/before" "$work/after" | grep -c '^[<>]' || true)
     echo "| $1 | $threads | $syncs | $written | $renames | $changed |"
@@ -108,30 +121,42 @@ traced() {
 
 echo "| command | threads started | fsync + fdatasync | store files opened for writing | renames | lines of the listing changed |"
 echo "|---|---:|---:|---:|---:|---:|"
-traced "ldb get" "$ldb_get"
-traced "store get" "$get"
-traced "store find --limit 1" "$find"
-traced "store scan --limit 10" "$scan"
-traced "ldb put" "$ldb_put"
-traced "store put" "$put"
+traced "ldb get" "$store" "$ldb_get"
+traced "store get" "$store" "$get"
+traced "store find --limit 1" "$store" "$find"
+traced "store scan --limit 10" "$store" "$scan"
+traced "ldb put" "$work/ldb-writes" "$ldb_put"
+traced "store put" "$work/store-writes" "$put"
 echo
 
-# Files of the store after many write commands, each putting another record.
+# Files of a fresh copy of the store after many write commands, each
+# putting another record (ldb: another key).
+counts="1 2 5 10 20 50 100"
 printf '| write commands | 0 |'
-counts="1 2 5 10 20 50"
 for n in $counts; do printf ' %s |' "$n"; done
 echo
 printf '|---|---:|'
 for n in $counts; do printf -- '---:|'; done
 echo
-printf '| files of the store (store put) | %s |' "$(ls "$store" | wc -l)"
-done_puts=0
-for n in $counts; do
-    while [ "$done_puts" -lt "$n" ]; do
-        "$workload" record "$records" "$((records + done_puts))" | sed -n 3p >"$work/new.txt"
-        "$cli" store put --db "$store" $schema --text-file "$work/new.txt" >/dev/null
-        done_puts=$((done_puts + 1))
+for tool in store ldb; do
+    copy="$work/$tool-count"
+    cp -a "$base/store" "$copy"
+    printf '| files of the store (%s put) | %s |' "$tool" "$(ls "$copy" | wc -l)"
+    done_puts=0
+    for n in $counts; do
+        while [ "$done_puts" -lt "$n" ]; do
+            "$workload" record "$records" "$((records + done_puts))" >"$work/new"
+            if [ "$tool" = store ]; then
+                sed -n 3p "$work/new" >"$work/new.txt"
+                # shellcheck disable=SC2086
+                "$cli" store put --db "$copy" $schema --text-file "$work/new.txt" >/dev/null
+            else
+                ldb --db="$copy" put --hex "$(sed -n 1p "$work/new")" "$stamp" >/dev/null
+            fi
+            done_puts=$((done_puts + 1))
+        done
+        printf ' %s |' "$(ls "$copy" | wc -l)"
     done
-    printf ' %s |' "$(ls "$store" | wc -l)"
+    echo
+    rm -rf "$copy"
 done
-echo
