@@ -3,9 +3,9 @@
 //
 // Both databases hold the same kRecords BenchRecords (21 fields, 3 of them
 // the key, an index by_level with one record per level, sharded by id). The
-// raw database is a copy of the store's own keys and values, so each
-// baseline reads and writes exactly the keys and bytes that the store
-// operation reads and writes:
+// raw database is a copy of the store's own keys and values, opened with the
+// store's own options, so each baseline reads and writes exactly the keys
+// and bytes that the store operation reads and writes:
 //   Put          store: read the row, write marker + 18 fields        raw: same iterator, same batch
 //   Update (2)   store: read the marker, write marker + 2 fields      raw: same Get, same batch
 //   Get          store: read the row, merge 18 fields into a message  raw: same iterator, values copied
@@ -24,6 +24,7 @@
 
 #include <rocksdb/db.h>
 #include <rocksdb/iterator.h>
+#include <rocksdb/utilities/options_util.h>
 #include <rocksdb/write_batch.h>
 
 #include "bench_store.h"
@@ -124,13 +125,21 @@ private:
     // Copies every key and value of the store into a fresh database and
     // notes each record's keys.
     bool CopyRaw(const std::string& store_dir, const std::string& raw_dir) {
-        rocksdb::Options options;
+        // The raw database gets the store's own options, as its options file
+        // records them.
+        rocksdb::DBOptions options;
+        std::vector<rocksdb::ColumnFamilyDescriptor> families;
+        if (!rocksdb::LoadLatestOptions(rocksdb::ConfigOptions(), store_dir, &options, &families).ok()) return false;
         options.create_if_missing = true;
         rocksdb::DB* db = nullptr;
         if (!rocksdb::DB::OpenForReadOnly(rocksdb::Options(), store_dir, &db).ok()) return false;
         std::unique_ptr<rocksdb::DB> source(db);
-        if (!rocksdb::DB::Open(options, raw_dir, &db).ok()) return false;
+        std::vector<rocksdb::ColumnFamilyHandle*> handles;
+        if (!rocksdb::DB::Open(options, raw_dir, families, &handles, &db).ok()) return false;
         m_raw.reset(db);
+        for (rocksdb::ColumnFamilyHandle* handle : handles) {
+            m_raw->DestroyColumnFamilyHandle(handle).PermitUncheckedError();
+        }
         std::map<std::string, std::string> index_entries;   // primary key -> entry key
         std::map<std::string, std::string> index_prefixes;  // primary key -> the prefix of its index value
         std::map<std::string, RawRow> rows;                 // primary key -> row
