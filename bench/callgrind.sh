@@ -2,22 +2,25 @@
 # Instructions per call of benchmarks of corvida_bench, counted by
 # valgrind's callgrind: repeatable where timings on a shared machine are not.
 #
-#   bench/callgrind.sh [BUILD_DIR] [REGEX]
+#   bench/callgrind.sh [BUILD_DIR] [REGEX] [BINARY]
 #
 # Each benchmark whose name matches REGEX (default: all of them) runs twice
 # under callgrind with a fixed number of iterations (CORVIDA_BENCH_ITERATIONS,
 # SHORT and LONG, default 200 and 1200); the difference of the two totals
 # divided by the difference of the iterations cancels the set-up and leaves the
 # instructions (Ir) of one iteration. Prints one Markdown row per benchmark.
+# BINARY is the benchmark program under BUILD_DIR/bench (default
+# corvida_bench; corvida_store_bench counts the table store's operations).
 set -eu
 
 build_dir=${1:-build}
 regex=${2:-.}
 short=${SHORT:-200}
 long=${LONG:-1200}
-bench="$build_dir/bench/corvida_bench"
+binary=${3:-corvida_bench}
+bench="$build_dir/bench/$binary"
 if [ ! -x "$bench" ]; then
-    echo "callgrind.sh: $bench not found; build the corvida_bench target first" >&2
+    echo "callgrind.sh: $bench not found; build the $binary target first" >&2
     exit 2
 fi
 work=$(mktemp -d)

@@ -3,11 +3,11 @@
 //
 // Both databases hold the same kRecords BenchRecords (21 fields, 3 of them
 // the key, an index by_level with one record per level, sharded by id). The
-// raw database is a copy of the store's own keys and values, so each
-// baseline reads and writes exactly the keys and bytes that the store
-// operation reads and writes:
+// raw database is a copy of the store's own keys and values, opened with the
+// store's own options, so each baseline reads and writes exactly the keys
+// and bytes that the store operation reads and writes:
 //   Put          store: read the row, write marker + 18 fields        raw: same iterator, same batch
-//   Update (2)   store: read the marker, write 2 fields               raw: same Get, same batch
+//   Update (2)   store: read the marker, write marker + 2 fields      raw: same Get, same batch
 //   Get          store: read the row, merge 18 fields into a message  raw: same iterator, values copied
 //   FindByIndex  store: read one index entry, then its row, merged    raw: same two iterations
 // bench/run.sh prints their ratios (CPU time). And the price of durability:
@@ -22,11 +22,12 @@
 #include <string>
 #include <vector>
 
-#include <google/protobuf/descriptor.pb.h>
 #include <rocksdb/db.h>
 #include <rocksdb/iterator.h>
+#include <rocksdb/utilities/options_util.h>
 #include <rocksdb/write_batch.h>
 
+#include "bench_store.h"
 #include "bench_support.h"
 #include "bench_tables.pb.h"
 #include "store/key_format.h"
@@ -45,15 +46,6 @@ using corvida::store::TableStore;
 
 constexpr int kRecords = 1000;
 
-// The schema blob of BenchRecord's file: the option file, then the table's.
-std::string BenchBlob() {
-    google::protobuf::FileDescriptorSet set;
-    const google::protobuf::FileDescriptor* file = BenchRecord::descriptor()->file();
-    for (int i = 0; i < file->dependency_count(); ++i) file->dependency(i)->CopyTo(set.add_file());
-    file->CopyTo(set.add_file());
-    return set.SerializeAsString();
-}
-
 BenchRecord RecordNumber(int i) {
     BenchRecord record;
     FillRecord(&record);
@@ -66,7 +58,7 @@ BenchRecord RecordNumber(int i) {
 // The keys and values of one record as the store keeps them.
 struct RawRow {
     std::string row_key;                                 // the row marker's key
-    std::vector<std::pair<std::string, std::string>> kv;  // marker and fields, in key order
+    std::vector<std::pair<std::string, std::string>> kv;  // its fields, in key order
     std::string index_entry;                             // its by_level entry's key
     std::string index_prefix;                            // that entry without the primary key
     std::vector<std::pair<std::string, std::string>> update;  // the fields an Update writes (score, balance)
@@ -133,13 +125,21 @@ private:
     // Copies every key and value of the store into a fresh database and
     // notes each record's keys.
     bool CopyRaw(const std::string& store_dir, const std::string& raw_dir) {
-        rocksdb::Options options;
+        // The raw database gets the store's own options, as its options file
+        // records them.
+        rocksdb::DBOptions options;
+        std::vector<rocksdb::ColumnFamilyDescriptor> families;
+        if (!rocksdb::LoadLatestOptions(rocksdb::ConfigOptions(), store_dir, &options, &families).ok()) return false;
         options.create_if_missing = true;
         rocksdb::DB* db = nullptr;
         if (!rocksdb::DB::OpenForReadOnly(rocksdb::Options(), store_dir, &db).ok()) return false;
         std::unique_ptr<rocksdb::DB> source(db);
-        if (!rocksdb::DB::Open(options, raw_dir, &db).ok()) return false;
+        std::vector<rocksdb::ColumnFamilyHandle*> handles;
+        if (!rocksdb::DB::Open(options, raw_dir, families, &handles, &db).ok()) return false;
         m_raw.reset(db);
+        for (rocksdb::ColumnFamilyHandle* handle : handles) {
+            m_raw->DestroyColumnFamilyHandle(handle).PermitUncheckedError();
+        }
         std::map<std::string, std::string> index_entries;   // primary key -> entry key
         std::map<std::string, std::string> index_prefixes;  // primary key -> the prefix of its index value
         std::map<std::string, RawRow> rows;                 // primary key -> row
@@ -152,8 +152,11 @@ private:
             std::string_view tag;
             if (key[0] == 'R' && keys::SplitRowKey(std::string_view(key).substr(5), &pk, &tag)) {
                 RawRow& row = rows[pk];
-                if (tag.empty()) row.row_key = key;
-                row.kv.emplace_back(key, it->value().ToString());
+                if (tag.empty()) {
+                    row.row_key = key;
+                } else {
+                    row.kv.emplace_back(key, it->value().ToString());
+                }
                 if (tag == "7" || tag == "8") row.update.emplace_back(key, it->value().ToString());
             } else if (key[0] == 'I') {
                 std::string_view rest = std::string_view(key).substr(5);
@@ -214,10 +217,11 @@ bool Ready(benchmark::State& state) {
 
 // Runs op(i) for the records i = 0, 1, ... in turn while the benchmark runs
 // and marks it failed when a call fails; op returns a Status of the store or
-// of RocksDB.
+// of RocksDB. Reports the heap allocations per call.
 template <typename Op>
 void Cycle(benchmark::State& state, Op op) {
     int i = 0;
+    const long before = Allocations();
     for (auto _ : state) {
         const auto s = op(i);
         if (!s.ok()) {
@@ -226,6 +230,7 @@ void Cycle(benchmark::State& state, Op op) {
         }
         i = (i + 1) % kRecords;
     }
+    ReportAllocations(state, before);
 }
 
 // Reads every key and value of the row, as the store reads a row.
@@ -237,8 +242,12 @@ rocksdb::Status ReadRow(rocksdb::Iterator* it, const std::string& row_key) {
     return it->status();
 }
 
-rocksdb::Status Commit(rocksdb::DB* db, const std::vector<std::pair<std::string, std::string>>& kv) {
+// Writes the row's marker with a new stamp and the fields kv in one batch, as
+// the store commits a write of a record.
+rocksdb::Status Commit(rocksdb::DB* db, const std::string& row_key,
+                       const std::vector<std::pair<std::string, std::string>>& kv) {
     rocksdb::WriteBatch batch;
+    batch.Put(row_key, keys::NewStamp());
     for (const auto& pair : kv) batch.Put(pair.first, pair.second);
     return db->Write(rocksdb::WriteOptions(), &batch);
 }
@@ -264,7 +273,7 @@ void BM_Baseline_RocksDBPut(benchmark::State& state) {
         const RawRow& row = Fixture::Get().row(i);
         std::unique_ptr<rocksdb::Iterator> it(db->NewIterator(rocksdb::ReadOptions()));
         const rocksdb::Status s = ReadRow(it.get(), row.row_key);
-        return s.ok() ? Commit(db, row.kv) : s;
+        return s.ok() ? Commit(db, row.row_key, row.kv) : s;
     });
 }
 
@@ -282,7 +291,7 @@ void BM_Baseline_RocksDBUpdate2(benchmark::State& state) {
         const RawRow& row = Fixture::Get().row(i);
         std::string marker;
         const rocksdb::Status s = db->Get(rocksdb::ReadOptions(), row.row_key, &marker);
-        return s.ok() ? Commit(db, row.update) : s;
+        return s.ok() ? Commit(db, row.row_key, row.update) : s;
     });
 }
 
@@ -346,15 +355,15 @@ void ReleaseStoreFixture() { Fixture::Release(); }
 
 void RegisterStoreBenchmarks() {
     // Reads first, while both databases hold each record once, in a table file.
-    benchmark::RegisterBenchmark("BM_StoreGet", BM_StoreGet);
-    benchmark::RegisterBenchmark("BM_Baseline_RocksDBGet", BM_Baseline_RocksDBGet);
-    benchmark::RegisterBenchmark("BM_StoreFindByIndex", BM_StoreFindByIndex);
-    benchmark::RegisterBenchmark("BM_Baseline_RocksDBFindByIndex", BM_Baseline_RocksDBFindByIndex);
-    benchmark::RegisterBenchmark("BM_StoreUpdate2", BM_StoreUpdate2);
-    benchmark::RegisterBenchmark("BM_Baseline_RocksDBUpdate2", BM_Baseline_RocksDBUpdate2);
-    benchmark::RegisterBenchmark("BM_StorePut", BM_StorePut);
-    benchmark::RegisterBenchmark("BM_Baseline_RocksDBPut", BM_Baseline_RocksDBPut);
-    benchmark::RegisterBenchmark("BM_StorePutSync", BM_StorePutSync)->UseRealTime();
+    Register("BM_StoreGet", BM_StoreGet);
+    Register("BM_Baseline_RocksDBGet", BM_Baseline_RocksDBGet);
+    Register("BM_StoreFindByIndex", BM_StoreFindByIndex);
+    Register("BM_Baseline_RocksDBFindByIndex", BM_Baseline_RocksDBFindByIndex);
+    Register("BM_StoreUpdate2", BM_StoreUpdate2);
+    Register("BM_Baseline_RocksDBUpdate2", BM_Baseline_RocksDBUpdate2);
+    Register("BM_StorePut", BM_StorePut);
+    Register("BM_Baseline_RocksDBPut", BM_Baseline_RocksDBPut);
+    Register("BM_StorePutSync", BM_StorePutSync)->UseRealTime();
 }
 
 }  // namespace corvida_bench

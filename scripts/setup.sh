@@ -15,6 +15,7 @@ PACKAGES="
   golang-etcd-server-dev golang-github-gogo-protobuf-dev golang-github-gogo-googleapis-dev
   etcd-server etcd-client
   libcli11-dev nlohmann-json3-dev
+  rocksdb-tools hyperfine strace jq gnuplot-nox
 "
 
 if [ "$(id -u)" -eq 0 ]; then

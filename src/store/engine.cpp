@@ -3,13 +3,13 @@
 namespace corvida {
 namespace store {
 
-void EngineBatch::ExpectValue(std::string_view key, std::string_view value) {
-    m_conditions.push_back(Condition{std::string(key), true, std::string(value)});
+void EngineBatch::ExpectValue(std::string_view key, std::string_view value, const ReadView* read_at) {
+    m_conditions.push_back(Condition{std::string(key), true, std::string(value), read_at});
     m_bytes += key.size() + value.size();
 }
 
-void EngineBatch::ExpectAbsent(std::string_view key) {
-    m_conditions.push_back(Condition{std::string(key), false, std::string()});
+void EngineBatch::ExpectAbsent(std::string_view key, const ReadView* read_at) {
+    m_conditions.push_back(Condition{std::string(key), false, std::string(), read_at});
     m_bytes += key.size();
 }
 

@@ -48,6 +48,11 @@ public:
         std::string key;
         bool present;       // false: the key must be absent
         std::string value;  // when present: the value the key must hold
+        // A view at which the key was as the condition says (the writer read
+        // it there), or null. An engine that can tell that nothing wrote the
+        // key since that view holds the condition true without reading the
+        // key again.
+        const ReadView* read_at;
     };
     struct Op {
         enum class Kind { kPut, kDelete };
@@ -56,10 +61,11 @@ public:
         std::string value;  // of a put
     };
 
-    // Commit only while key holds value.
-    void ExpectValue(std::string_view key, std::string_view value);
-    // Commit only while key is absent.
-    void ExpectAbsent(std::string_view key);
+    // Commit only while key holds value. read_at (may be null) is the view
+    // the value was read at; it must stay alive until the batch is committed.
+    void ExpectValue(std::string_view key, std::string_view value, const ReadView* read_at = nullptr);
+    // Commit only while key is absent, as it was at read_at (may be null).
+    void ExpectAbsent(std::string_view key, const ReadView* read_at = nullptr);
 
     void Put(std::string_view key, std::string_view value);
     void Delete(std::string_view key);

@@ -103,13 +103,11 @@ Status RecordReader::Get(const Message& key, const std::vector<std::string>& pat
     std::vector<ResolvedPath> resolved;
     if (status.ok()) status = m_schema->ResolvePaths(paths, false, &resolved);
     if (!status.ok()) return status;
+    ScratchPool::Lease scratch = m_context->scratch().Acquire();
     std::string pk;
-    {
-        ScratchPool::Lease scratch = m_context->scratch().Acquire();
-        key.ByteSizeLong();  // the key encoders write with cached sizes
-        status = m_schema->PrimaryKey(key, scratch.get(), &pk);
-        if (!status.ok()) return status;
-    }
+    key.ByteSizeLong();  // the key encoders write with cached sizes
+    status = m_schema->PrimaryKey(key, scratch.get(), &pk);
+    if (!status.ok()) return status;
     bool above = false;  // a stored sub-message holding more than was asked
     FieldFilter keep;
     if (!resolved.empty()) {
@@ -123,7 +121,7 @@ Status RecordReader::Get(const Message& key, const std::vector<std::string>& pat
             return kept;
         };
     }
-    StoredRow row;
+    StoredRow& row = scratch->row;
     status = ReadRow(m_context->engine(), nullptr, keys::RowKey(m_schema->number(), pk), false, keep, &row);
     if (!status.ok()) return status;
     if (!row.exists) return Status::NotFound("table " + table + ": no record with that key");
@@ -237,6 +235,8 @@ Status RecordReader::ReadEntries(const Secondary& secondary, const std::string& 
     Status status = view == nullptr ? engine->NewLazyView(&own) : Status::OK();
     if (!status.ok()) return status;
     if (view == nullptr) view = own.get();
+    ScratchPool::Lease scratch = m_context->scratch().Acquire();
+    StoredRow& row = scratch->row;
 
     // The entries in chunks, then their records: the engine's scan of the
     // entries is not interleaved with reads of rows, and no more than a chunk
@@ -247,6 +247,9 @@ Status RecordReader::ReadEntries(const Secondary& secondary, const std::string& 
     size_t returned = 0;
     std::string last_pk;
     for (;;) {
+        // A page of a limit reads one entry past it (to know whether a cursor
+        // is due), not a whole chunk.
+        const size_t chunk = page.limit != 0 ? std::min(kChunk, page.limit - returned + 1) : kChunk;
         std::vector<std::string> pks;
         bool more = false;
         std::string entry_value;
@@ -257,7 +260,7 @@ Status RecordReader::ReadEntries(const Secondary& secondary, const std::string& 
                 damaged = Status::Corruption(secondary.What(m_schema->name()) + ": a stored entry key does not split");
                 return false;
             }
-            if (pks.size() == kChunk) {
+            if (pks.size() == chunk) {
                 more = true;
                 return false;
             }
@@ -271,7 +274,6 @@ Status RecordReader::ReadEntries(const Secondary& secondary, const std::string& 
                 if (next != nullptr) *next = EncodeCursor(scope, last_pk);
                 return Status::OK();
             }
-            StoredRow row;
             status = ReadRow(engine, view, keys::RowKey(table, entry_pk), false, FieldFilter(), &row);
             if (!status.ok()) return status;
             if (!row.exists) {

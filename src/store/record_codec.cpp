@@ -40,15 +40,28 @@ bool LooksLikeTagPath(const std::string& tag_path) {
            tag_path.find_first_not_of("0123456789.") == std::string::npos;
 }
 
-// The top-level repeated field (or map) that a tag path of one number names,
-// or null.
-const FieldDescriptor* TopLevelRepeated(const Descriptor* desc, const std::string& tag_path) {
+// The top-level repeated fields (and maps) of desc: few or none, so that
+// finding one among them is cheaper than a lookup by number.
+std::vector<const FieldDescriptor*> RepeatedFields(const Descriptor* desc) {
+    std::vector<const FieldDescriptor*> repeated;
+    for (int i = 0; i < desc->field_count(); ++i) {
+        if (desc->field(i)->is_repeated()) repeated.push_back(desc->field(i));
+    }
+    return repeated;
+}
+
+// The field among repeated that a tag path of one number names, or null.
+const FieldDescriptor* TopLevelRepeated(const std::vector<const FieldDescriptor*>& repeated,
+                                        const std::string& tag_path) {
+    if (repeated.empty()) return nullptr;
     int number = 0;
     const char* end = tag_path.data() + tag_path.size();
     const std::from_chars_result parsed = std::from_chars(tag_path.data(), end, number);
     if (parsed.ec != std::errc() || parsed.ptr != end || tag_path.empty() || tag_path[0] == '-') return nullptr;
-    const FieldDescriptor* field = desc->FindFieldByNumber(number);
-    return field != nullptr && field->is_repeated() ? field : nullptr;
+    for (const FieldDescriptor* field : repeated) {
+        if (field->number() == number) return field;
+    }
+    return nullptr;
 }
 
 // True when tag may carry a value of field: its number, and the field's wire
@@ -82,7 +95,7 @@ bool MergeRepeated(const FieldDescriptor* field, const std::string& bytes, Messa
 
 void MergeStoredFields(const std::vector<StoredField>& fields, Message* msg, std::set<std::string>* failed_paths,
                        LPPLOGCATEGORYINST log) {
-    const Descriptor* desc = msg->GetDescriptor();
+    const std::vector<const FieldDescriptor*> repeated_fields = RepeatedFields(msg->GetDescriptor());
     std::vector<PbValueSetBuffer::Field> bridge_fields;
     bridge_fields.reserve(fields.size());
     for (const StoredField& stored : fields) {
@@ -92,7 +105,7 @@ void MergeStoredFields(const std::vector<StoredField>& fields, Message* msg, std
         }
         // A top-level repeated field has nothing stored above or below it, so
         // the order in which it merges does not matter.
-        if (const FieldDescriptor* repeated = TopLevelRepeated(desc, stored.tag_path)) {
+        if (const FieldDescriptor* repeated = TopLevelRepeated(repeated_fields, stored.tag_path)) {
             if (!MergeRepeated(repeated, stored.bytes, msg)) failed_paths->insert(stored.tag_path);
             continue;
         }

@@ -17,10 +17,12 @@
 #include <system_error>
 #include <thread>
 
+#include <rocksdb/cache.h>
 #include <rocksdb/db.h>
 #include <rocksdb/env.h>
 #include <rocksdb/iterator.h>
 #include <rocksdb/options.h>
+#include <rocksdb/table.h>
 #include <rocksdb/write_batch.h>
 
 namespace corvida {
@@ -142,6 +144,45 @@ private:
         }
         return created;
     }
+};
+
+// The environment of a store: the target's own files and clock, used
+// directly, and RocksDB's background threads started when the database first
+// schedules work for them (a flush or a compaction), not when it opens. A
+// command that opens a store, reads or writes a record and closes it mostly
+// schedules nothing, and then starts no thread; a store opened for reading
+// only never does.
+class StoreEnv : public rocksdb::EnvWrapper {
+public:
+    explicit StoreEnv(std::unique_ptr<rocksdb::Env> target) : rocksdb::EnvWrapper(std::move(target)) {
+        file_system_ = this->target()->GetFileSystem();
+        system_clock_ = this->target()->GetSystemClock();
+    }
+
+    const char* Name() const override { return "CorvidaStoreEnv"; }
+
+    void IncBackgroundThreadsIfNeeded(int number, Priority pri) override {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_wanted[pri] = std::max(m_wanted[pri], number);
+    }
+
+    int GetBackgroundThreads(Priority pri) override {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return std::max(m_wanted[pri], target()->GetBackgroundThreads(pri));
+    }
+
+    void Schedule(void (*function)(void* arg), void* arg, Priority pri, void* tag,
+                  void (*unschedule)(void* arg)) override {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_wanted[pri] > 0) target()->IncBackgroundThreadsIfNeeded(m_wanted[pri], pri);
+        }
+        target()->Schedule(function, arg, pri, tag, unschedule);
+    }
+
+private:
+    std::mutex m_mutex;
+    std::array<int, Priority::TOTAL> m_wanted{};  // threads the database asked for, by pool
 };
 
 // ---------------------------------------------------------------------------
@@ -292,7 +333,7 @@ public:
     Status Commit(const EngineBatch& batch, bool* committed) override {
         *committed = false;
         if (m_read_only) return Status::NotSupported(m_dir + " is open for reading only");
-        rocksdb::WriteBatch write;
+        rocksdb::WriteBatch write(batch.ByteSize() + kBatchOverhead * batch.ops().size());
         for (const EngineBatch::Op& op : batch.ops()) {
             const rocksdb::Status s = op.kind == EngineBatch::Op::Kind::kPut ? write.Put(op.key, op.value)
                                                                               : write.Delete(op.key);
@@ -301,21 +342,27 @@ public:
         const std::vector<StripeLock> locks = StripeLocks(batch);
         for (const StripeLock& lock : locks) {
             if (lock.exclusive) {
-                m_stripes[lock.stripe].lock();
+                m_stripes[lock.stripe].mutex.lock();
             } else {
-                m_stripes[lock.stripe].lock_shared();
+                m_stripes[lock.stripe].mutex.lock_shared();
             }
         }
         Status status = CheckConditions(batch, committed);
         if (status.ok() && *committed) {
             status = FromRocks(m_db->Write(m_write_options, &write), "writing to " + m_dir);
             *committed = status.ok();
+            // At or after the sequence number of this write: a view taken
+            // before it is older than the stripes it wrote.
+            const rocksdb::SequenceNumber written = m_db->GetLatestSequenceNumber();
+            for (const StripeLock& lock : locks) {
+                if (lock.exclusive) m_stripes[lock.stripe].written = written;
+            }
         }
         for (auto lock = locks.rbegin(); lock != locks.rend(); ++lock) {
             if (lock->exclusive) {
-                m_stripes[lock->stripe].unlock();
+                m_stripes[lock->stripe].mutex.unlock();
             } else {
-                m_stripes[lock->stripe].unlock_shared();
+                m_stripes[lock->stripe].mutex.unlock_shared();
             }
         }
         return status;
@@ -336,25 +383,25 @@ private:
         return view != nullptr ? static_cast<const RocksView*>(view)->snapshot() : nullptr;
     }
 
-    size_t Stripe(const std::string& key) const { return std::hash<std::string>()(key) % m_stripes.size(); }
+    size_t StripeOf(const std::string& key) const { return std::hash<std::string>()(key) % m_stripes.size(); }
 
     struct StripeLock {
         size_t stripe;
         bool exclusive;
     };
 
-    // The stripes of a batch's conditions, in stripe order (so that
-    // concurrent commits never wait for each other in a circle): exclusive
-    // for a key the batch also writes, shared for one it only checks (the
-    // schema stamp of a table, which every write of the table checks and
-    // only an alter writes), so that the writes of different records of one
-    // table commit side by side.
+    // The stripes of a batch's keys, in stripe order (so that concurrent
+    // commits never wait for each other in a circle): exclusive for a key the
+    // batch writes, shared for one it only checks (the schema stamp of a
+    // table, which every write of the table checks and only an alter
+    // writes), so that the writes of different records of one table commit
+    // side by side.
     std::vector<StripeLock> StripeLocks(const EngineBatch& batch) const {
         std::vector<StripeLock> locks;
+        locks.reserve(batch.ops().size() + batch.conditions().size());
+        for (const EngineBatch::Op& op : batch.ops()) locks.push_back(StripeLock{StripeOf(op.key), true});
         for (const EngineBatch::Condition& condition : batch.conditions()) {
-            const bool written = std::any_of(batch.ops().begin(), batch.ops().end(),
-                                             [&condition](const EngineBatch::Op& op) { return op.key == condition.key; });
-            locks.push_back(StripeLock{Stripe(condition.key), written});
+            locks.push_back(StripeLock{StripeOf(condition.key), false});
         }
         std::sort(locks.begin(), locks.end(), [](const StripeLock& a, const StripeLock& b) {
             return a.stripe < b.stripe || (a.stripe == b.stripe && a.exclusive && !b.exclusive);
@@ -367,11 +414,17 @@ private:
         return merged;
     }
 
-    // Called with the stripes of every condition held.
+    // Called with the stripes of the batch held. A condition read at a view
+    // holds without a read when no commit wrote its stripe since that view:
+    // the key is as the view saw it.
     Status CheckConditions(const EngineBatch& batch, bool* hold) {
         *hold = true;
         std::string value;
         for (const EngineBatch::Condition& condition : batch.conditions()) {
+            if (condition.read_at != nullptr &&
+                m_stripes[StripeOf(condition.key)].written <= Snapshot(condition.read_at)->GetSequenceNumber()) {
+                continue;
+            }
             const rocksdb::Status s = m_db->Get(rocksdb::ReadOptions(), condition.key, &value);
             if (!s.ok() && !s.IsNotFound()) return FromRocks(s, "reading " + m_dir);
             const bool present = s.ok();
@@ -383,6 +436,19 @@ private:
         return Status::OK();
     }
 
+    // Commits changing keys of one stripe are serialized by its lock, held
+    // shared by commits that only check a key of it; the lock also guards
+    // the sequence number at or after the last commit that changed a key of
+    // it (0: none since the open; no other process writes meanwhile).
+    struct StripeState {
+        std::shared_mutex mutex;
+        rocksdb::SequenceNumber written = 0;
+    };
+
+    // Bytes a write batch adds to each key and value (a tag and two
+    // lengths), so that building one allocates once.
+    static constexpr size_t kBatchOverhead = 12;
+
     std::string m_dir;
     std::string m_held_as;  // the canonical directory, while this engine holds it for writing
     std::unique_ptr<rocksdb::Env> m_env;
@@ -390,9 +456,18 @@ private:
     bool m_read_only;
     rocksdb::WriteOptions m_write_options;
     EngineLimits m_limits;
-    std::array<std::shared_mutex, 256> m_stripes;
+    std::array<StripeState, 256> m_stripes;
     std::unique_ptr<rocksdb::DB> m_db;  // destroyed first
 };
+
+// The size of the table files compactions write.
+constexpr uint64_t kTableFileBytes = 8 << 20;
+
+// The block cache of a store opened for reading only: index blocks and data
+// blocks, filled as reads need them. Four shards of 16 MiB: one holds the
+// index of a file of a gigabyte.
+constexpr size_t kReaderCacheBytes = 64 << 20;
+constexpr int kReaderCacheShardBits = 2;
 
 // RocksDB's options for a store.
 rocksdb::Options DatabaseOptions(rocksdb::Env* env, const std::shared_ptr<rocksdb::Logger>& logger, bool create) {
@@ -406,22 +481,57 @@ rocksdb::Options DatabaseOptions(rocksdb::Env* env, const std::shared_ptr<rocksd
     // Statistics dumps are written to the info log, which keeps warnings only.
     options.stats_dump_period_sec = 0;
     options.stats_persist_period_sec = 0;
+    // Every table file is opened at open, by the opening thread.
+    options.max_open_files = -1;
+    options.max_file_opening_threads = 1;
+    // Universal compaction merges the newest small runs with each other and
+    // rewrites the large ones seldom. A store written by one command after
+    // another gets a small run per command (its write-ahead log, flushed at
+    // the next open); merging those takes a command milliseconds, so it ends
+    // before the command closes the store. Leveled compaction would merge
+    // them into all of level 1 (each record has keys all over the key
+    // space), a merge that a short command abandons at close: the runs would
+    // pile up until writes stall for one long merge.
+    options.compaction_style = rocksdb::kCompactionStyleUniversal;
+    // Small table files: a reader loads the index of the files a read
+    // touches (see OpenReadOnly), so a smaller file costs it less.
+    options.target_file_size_base = kTableFileBytes;
     return options;
 }
 
 // Opens the database read-only. A process writing the store may delete a file
 // while the open reads the file list: such an open is tried again.
-Status OpenReadOnly(const std::string& dir, const rocksdb::Options& base, CategoryLogger* logger,
+Status OpenReadOnly(const std::string& dir, const rocksdb::Options& options, CategoryLogger* logger,
                     std::unique_ptr<rocksdb::DB>* db) {
-    rocksdb::Options options = base;
-    options.max_open_files = -1;  // every table file opened now, and kept open
+    // Every table file opened now, and kept open (max_open_files -1). The
+    // open with column families goes straight to the read-only database; the
+    // plain one first tries to open the files as a fully compacted database
+    // and, for any other, opens every file a second time.
+    const rocksdb::DBOptions db_options(options);
+    rocksdb::ColumnFamilyOptions family(options);
+    // The index of a table file is read into the block cache when a read
+    // first needs it, not at open: a read of one record loads the indexes of
+    // the few files it touches. (Level 0 files are read at open all the
+    // same.) The cache holds the index of any file whole.
+    rocksdb::BlockBasedTableOptions table;
+    table.cache_index_and_filter_blocks = true;
+    table.block_cache = rocksdb::NewLRUCache(kReaderCacheBytes, kReaderCacheShardBits);
+    family.table_factory.reset(rocksdb::NewBlockBasedTableFactory(table));
+    const std::vector<rocksdb::ColumnFamilyDescriptor> families = {
+        rocksdb::ColumnFamilyDescriptor(rocksdb::kDefaultColumnFamilyName, family)};
     const std::string canonical = Canonical(dir);
     rocksdb::Status s;
     for (int attempt = 0; attempt < 20; ++attempt) {
         rocksdb::DB* raw = nullptr;
-        s = rocksdb::DB::OpenForReadOnly(options, dir, &raw);
+        std::vector<rocksdb::ColumnFamilyHandle*> handles;
+        s = rocksdb::DB::OpenForReadOnly(db_options, dir, families, &handles, &raw);
         if (s.ok()) {
             db->reset(raw);
+            // Reads go to the default column family, which the database
+            // keeps a handle of its own to.
+            for (rocksdb::ColumnFamilyHandle* handle : handles) {
+                raw->DestroyColumnFamilyHandle(handle).PermitUncheckedError();
+            }
             return Status::OK();
         }
         if (!WriterRegistry::Instance().WriterActive(canonical, dir)) break;
@@ -505,7 +615,8 @@ Status OpenRocksEngine(const std::string& dir, const RocksEngineOptions& options
 
     std::shared_ptr<rocksdb::FileSystem> base =
         options.file_system != nullptr ? options.file_system : rocksdb::FileSystem::Default();
-    std::unique_ptr<rocksdb::Env> env = rocksdb::NewCompositeEnv(std::make_shared<PrivateFileSystem>(base));
+    std::unique_ptr<rocksdb::Env> env =
+        std::make_unique<StoreEnv>(rocksdb::NewCompositeEnv(std::make_shared<PrivateFileSystem>(base)));
     auto logger = std::make_shared<CategoryLogger>(options.log);
     const bool fresh = state == DirState::kMissingOrEmpty;
     const rocksdb::Options db_options = DatabaseOptions(env.get(), logger, fresh);

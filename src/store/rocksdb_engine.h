@@ -12,9 +12,13 @@
 //     written: a read-only RocksDB open that sees the store as its files and
 //     write-ahead log hold it at that moment, and keeps seeing that state
 //     while another process writes (every table file is opened at once, so a
-//     file that the writer's compaction deletes afterwards stays readable).
-//     An open that meets a file the writer deleted during the open is tried
-//     again. It works on read-only media.
+//     file that the writer's compaction deletes afterwards stays readable;
+//     a file's index is read when a read first needs it). An open that meets
+//     a file the writer deleted during the open is tried again. It works on
+//     read-only media.
+//   - Threads: RocksDB's background threads start when the database first
+//     schedules a flush or a compaction, not at open; a reader starts none.
+//     (A writer's open starts RocksDB's timer for periodic tasks.)
 //   - Nothing is written before the directory is known to hold a store (or
 //     to be new): a foreign RocksDB database is only ever opened read-only.
 //
@@ -28,13 +32,18 @@
 // Files: the directory is created 0700 and every file 0600, whatever the
 // umask. RocksDB's informational log goes to the store's log category
 // (warnings and errors only), not to files: opening a store leaves no file
-// behind but the database's own.
+// behind but the database's own. Compaction is universal (newest small runs
+// merged first), so a store written by one short command after another keeps
+// a bounded number of files.
 //
 // Conditional commits: the engine takes, for each key a batch has a condition
-// on, one of 256 striped reader-writer locks (in a fixed order; exclusive for
-// a key the batch also writes, shared for one it only checks), checks the
-// conditions against the latest state and writes the batch, all under those
-// locks. Within one process that is exact; no other process writes.
+// on or changes, one of 256 striped reader-writer locks (in a fixed order;
+// exclusive for a key the batch changes, shared for one it only checks),
+// checks the conditions against the latest state and writes the batch, all
+// under those locks. Within one process that is exact; no other process
+// writes. Each stripe remembers the sequence number of the last write to it,
+// so a condition read at a view (EngineBatch::Condition::read_at) that no
+// write to its stripe has followed holds without reading the key again.
 #ifndef CORVIDA_STORE_ROCKSDB_ENGINE_H_
 #define CORVIDA_STORE_ROCKSDB_ENGINE_H_
 

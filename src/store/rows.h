@@ -29,7 +29,9 @@ struct StoredRow {
 using FieldFilter = std::function<bool(std::string_view tag_path)>;
 
 // Reads the row at row_key: its marker, every tag path when all_paths, and
-// the fields keep accepts (every field when keep is empty).
+// the fields keep accepts (every field when keep is empty). What *row held
+// is replaced; its strings are reused, so reading one row after another into
+// the same StoredRow allocates little.
 Status ReadRow(Engine* engine, const ReadView* view, const std::string& row_key, bool all_paths,
                const FieldFilter& keep, StoredRow* row);
 

@@ -13,6 +13,7 @@
 #include "plog/plog.h"
 #include "protocol/corvida_protocol_comm.h"
 #include "protocol/idl_tbl.h"
+#include "store/rows.h"
 #include "store/status.h"
 
 namespace corvida {
@@ -37,11 +38,13 @@ Status NoThrow(Body&& body) noexcept {
 // The large records one call of the bridge needs: a value set (about 44 MB)
 // and the key encoders' scratch record (about 10 MB). Allocated once, never
 // initialised beyond construct(): only the bytes a call uses are touched.
+// And a row that reads reuse, so that reading a record allocates little.
 struct Scratch {
     Scratch() : values(new ProtobufValueSet_), idl(new tagtbl_idl) { values->construct(); }
 
     std::unique_ptr<ProtobufValueSet_> values;
     std::unique_ptr<tagtbl_idl> idl;
+    StoredRow row;
 };
 
 // Scratch records for concurrent calls: one per call in flight, reused. The

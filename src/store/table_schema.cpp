@@ -287,18 +287,19 @@ Status TableSchema::ResolvePaths(const std::vector<std::string>& paths, bool for
         std::vector<std::string> names;
         PROTOBUF_UTIL::TokenSplit(dotted, ".", names);
         const Descriptor* desc = m_desc;
+        auto where = [&] { return "table " + m_name + ": path '" + dotted + "'"; };  // for messages only
         for (size_t i = 0; i < names.size(); ++i) {
-            const std::string where = "table " + m_name + ": path '" + dotted + "'";
             if (desc == nullptr) {
-                return Status::InvalidArgument(where + ": field " + path.last->full_name() +
+                return Status::InvalidArgument(where() + ": field " + path.last->full_name() +
                                                " is not a message, so it has no field '" + names[i] + "'");
             }
             const FieldDescriptor* field = desc->FindFieldByName(names[i]);
             if (field == nullptr) {
-                return Status::InvalidArgument(where + ": " + desc->full_name() + " has no field '" + names[i] + "'");
+                return Status::InvalidArgument(where() + ": " + desc->full_name() + " has no field '" + names[i] +
+                                               "'");
             }
             if (field->is_repeated() && i + 1 < names.size()) {
-                return Status::InvalidArgument(where + " goes into repeated field " + field->name() +
+                return Status::InvalidArgument(where() + " goes into repeated field " + field->name() +
                                                "; name the field whole");
             }
             if (i == 0) path.top = field;

@@ -29,12 +29,12 @@ bool Rewritten(const std::vector<StoredField>& writes, const std::string& tag_pa
                        [&tag_path](const StoredField& write) { return write.tag_path == tag_path; });
 }
 
-// The condition that the record is still as it was read.
-void ExpectRow(const std::string& row_key, const StoredRow& row, EngineBatch* batch) {
+// The condition that the record is still as it was read at view.
+void ExpectRow(const std::string& row_key, const StoredRow& row, const ReadView* view, EngineBatch* batch) {
     if (row.exists) {
-        batch->ExpectValue(row_key, row.stamp);
+        batch->ExpectValue(row_key, row.stamp, view);
     } else {
-        batch->ExpectAbsent(row_key);
+        batch->ExpectAbsent(row_key, view);
     }
 }
 
@@ -191,7 +191,7 @@ Status RecordWriter::StagePut(const PreparedWrite& write, const ReadView* view, 
     Status status = ReadRow(m_context->engine(), view, write.row_key, true,
                             [schema](std::string_view tag) { return schema->IsSecondaryField(tag); }, &row);
     if (!status.ok()) return status;
-    ExpectRow(write.row_key, row, batch);
+    ExpectRow(write.row_key, row, view, batch);
     std::string key = write.row_key;
     for (const std::string& tag_path : row.tag_paths) {
         if (Rewritten(write.writes, tag_path) || m_schema->HeldOnlyByTable(tag_path)) continue;
@@ -241,7 +241,7 @@ Status RecordWriter::StageUpdate(const PreparedWrite& write, const ReadView* vie
         row.tag_paths = std::move(read.tag_paths);
         row.fields = std::move(read.fields);
     }
-    ExpectRow(write.row_key, row, batch);
+    ExpectRow(write.row_key, row, view, batch);
     batch->Put(write.row_key, keys::NewStamp());
     std::string key = write.row_key;
     for (const std::string& tag_path : row.tag_paths) {
@@ -289,7 +289,7 @@ Status RecordWriter::StageDelete(const PreparedWrite& write, const ReadView* vie
                             [schema](std::string_view tag) { return schema->IsSecondaryField(tag); }, &row);
     if (!status.ok()) return status;
     if (!row.exists) return Status::NotFound("table " + m_schema->name() + ": no record with that key");
-    ExpectRow(write.row_key, row, batch);
+    ExpectRow(write.row_key, row, view, batch);
     batch->Delete(write.row_key);
     std::string key = write.row_key;
     for (const std::string& tag_path : row.tag_paths) {

@@ -339,6 +339,36 @@ TEST_P(StoreTest, IndexesFollowPutUpdateAndDelete) {
     EXPECT_EQ(std::vector<std::string>({"by_level", "by_name"}), m_players3->IndexNames());
 }
 
+TEST_P(StoreTest, PagesOfAFindHandEveryRecordOnceAndACursorOnlyWhileMoreRemain) {
+    std::vector<uint64_t> all;
+    for (uint64_t uid = 1; uid <= 7; ++uid) {
+        ASSERT_TRUE(m_players3->Put(Parse<Player3>("zone: 1 level: 6 uid: " + std::to_string(uid))).ok());
+        all.push_back(uid);
+    }
+    const Player3 level = Parse<Player3>("level: 6");
+    for (size_t limit : {1, 2, 3, 6, 7, 8}) {
+        std::vector<uint64_t> uids;
+        corvida::store::Page page;
+        page.limit = limit;
+        size_t pages = 0;
+        do {
+            std::vector<Record> found;
+            std::string next;
+            const Status s = m_players3->FindEach("by_level", level, page, [&found](Record& record) {
+                found.push_back(std::move(record));
+                return true;
+            }, &next);
+            ASSERT_TRUE(s.ok()) << s.ToString();
+            ASSERT_LE(found.size(), limit);
+            for (uint64_t uid : Uids(found)) uids.push_back(uid);
+            page.after = next;
+            ++pages;
+        } while (!page.after.empty() && pages <= all.size());
+        EXPECT_EQ(all, uids) << "limit " << limit;
+        EXPECT_EQ((all.size() + limit - 1) / limit, pages) << "limit " << limit;
+    }
+}
+
 TEST_P(StoreTest, AnIndexFieldUnsetInProto2LeavesTheRecordOutOfThatIndex) {
     ASSERT_TRUE(m_players2->Put(Parse<Player2>("zone: 1 uid: 1 level: 3")).ok());
     std::vector<Record> found;
