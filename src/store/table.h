@@ -80,6 +80,22 @@ struct Page {
 // moved from. Returning false stops the read (no cursor is handed back then).
 using RecordVisitor = std::function<bool(Record& record)>;
 
+// One write of a Write call: a Put, an Update or a Delete.
+struct WriteOp {
+    enum class Kind { kPut, kUpdate, kDelete };
+
+    Kind kind = Kind::kPut;
+    const google::protobuf::Message* message = nullptr;  // the record (put, update) or its key fields (delete)
+    std::vector<std::string> paths;                      // update: the fields to write
+};
+
+// What a Write call did.
+struct WriteReport {
+    size_t written = 0;               // writes[0, written) are stored; nothing of the others
+    std::vector<size_t> not_found;    // the deletes among them that found no record (and did nothing)
+    size_t commits = 0;               // the engine commits they took
+};
+
 class Table {
 public:
     virtual ~Table() = default;
@@ -120,6 +136,23 @@ public:
 
     // Removes the record and its index entries. kNotFound when there is none.
     virtual Status Delete(const google::protobuf::Message& key) = 0;
+
+    // Many writes in one call, each as Put, Update or Delete would make it,
+    // in order: a write of a record that an earlier write of the call
+    // changed sees that change. Many records go into each commit of the
+    // engine (as many as its limits allow); each record's change, with its
+    // index and shard entries, is whole in one commit. A delete of a record
+    // that is not there does nothing and is listed in report->not_found.
+    //
+    // The writes are made in order and stop at the first that fails: then
+    // report->written is its index, the writes before it are stored and
+    // nothing of it or after it is. kInvalidArgument means that write is
+    // refused for what the single call would refuse it for (the caller may
+    // go on after it); any other error is the store's (kBusy, kIOError...).
+    // A crash in the middle leaves the writes of the commits made: a prefix
+    // of writes, cut between two records, never part of a record.
+    // report may not be null.
+    virtual Status Write(const std::vector<WriteOp>& writes, WriteReport* report) = 0;
 
     // Appends to *records every record whose fields of index `index` equal
     // those of index_fields (other fields ignored), in primary-key byte

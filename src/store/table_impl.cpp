@@ -22,7 +22,8 @@ RecordVisitor AppendTo(std::vector<Record>* records) {
 TableImpl::TableImpl(std::shared_ptr<StoreContext> context)
     : m_context(std::move(context)),
       m_reader(m_context.get(), &m_schema),
-      m_writer(m_context.get(), &m_schema, &m_reader) {}
+      m_writer(m_context.get(), &m_schema, &m_reader),
+      m_bulk(m_context.get(), &m_schema, &m_writer) {}
 
 Status TableImpl::Open(std::shared_ptr<StoreContext> context, const CatalogTable& table, const Message& prototype,
                        CORVIDA_KV::CorvidaKVApi* kv, std::unique_ptr<Table>* out) {
@@ -48,6 +49,10 @@ Status TableImpl::Get(const Message& key, const std::vector<std::string>& paths,
 
 Status TableImpl::Delete(const Message& key) {
     return NoThrow([&] { return m_writer.Delete(key); });
+}
+
+Status TableImpl::Write(const std::vector<WriteOp>& writes, WriteReport* report) {
+    return NoThrow([&] { return m_bulk.Write(writes, report); });
 }
 
 Status TableImpl::FindByIndex(std::string_view index, const Message& index_fields, std::vector<Record>* records,

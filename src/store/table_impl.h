@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "store/bulk_write.h"
 #include "store/catalog.h"
 #include "store/read_path.h"
 #include "store/store_context.h"
@@ -34,6 +35,7 @@ public:
     Status Get(const google::protobuf::Message& key, const std::vector<std::string>& paths,
                google::protobuf::Message* out, std::set<std::string>* failed_paths) override;
     Status Delete(const google::protobuf::Message& key) override;
+    Status Write(const std::vector<WriteOp>& writes, WriteReport* report) override;
     Status FindByIndex(std::string_view index, const google::protobuf::Message& index_fields,
                        std::vector<Record>* records, size_t limit) override;
     Status Scan(const google::protobuf::Message* shard, size_t limit, std::vector<Record>* records) override;
@@ -53,6 +55,7 @@ private:
     TableSchema m_schema;
     RecordReader m_reader;
     RecordWriter m_writer;
+    BulkWriter m_bulk;
 };
 
 }  // namespace store
