@@ -89,6 +89,18 @@ struct WriteOp {
     std::vector<std::string> paths;                      // update: the fields to write
 };
 
+// What Verify went through and found.
+struct VerifyCounts {
+    uint64_t records = 0;
+    uint64_t entries = 0;  // index and shard entries
+    uint64_t missing = 0;  // entries a record should have and has not
+    uint64_t orphans = 0;  // entries without their record (or with another value than the record's)
+};
+
+// Called now and then during a long read with the number of records it has
+// gone through so far.
+using ProgressCallback = std::function<void(uint64_t records)>;
+
 // What a Write call did.
 struct WriteReport {
     size_t written = 0;               // writes[0, written) are stored; nothing of the others
@@ -190,6 +202,10 @@ public:
     // entry its record, reading the whole table at one state. kCorruption,
     // with the counts of what is missing or left over, when not.
     virtual Status Verify() = 0;
+    // The same, with *counts (may be null) receiving what was checked and
+    // found, also with kCorruption; progress (may be empty) is called every
+    // thousand records.
+    virtual Status Verify(VerifyCounts* counts, const ProgressCallback& progress) = 0;
 
 protected:
     Table() = default;

@@ -97,14 +97,17 @@ Status TableImpl::CountIndex(std::string_view index, const Message& index_fields
     return NoThrow([&] { return m_reader.CountIndex(index, index_fields, count); });
 }
 
-Status TableImpl::Verify() {
+Status TableImpl::Verify() { return Verify(nullptr, ProgressCallback()); }
+
+Status TableImpl::Verify(VerifyCounts* counts, const ProgressCallback& progress) {
     return NoThrow([&] {
-        VerifyCounts counts;
-        Status status = VerifyTable(m_context.get(), m_schema, m_reader, &counts);
-        if (!status.ok() || (counts.missing == 0 && counts.orphans == 0)) return status;
-        return Status::Corruption("table " + name() + ": " + std::to_string(counts.missing) +
-                                  " index or shard entries missing, " + std::to_string(counts.orphans) +
-                                  " entries without their record, in " + std::to_string(counts.records) + " records");
+        VerifyCounts found;
+        Status status = VerifyTable(m_context.get(), m_schema, m_reader, &found, progress);
+        if (counts != nullptr) *counts = found;
+        if (!status.ok() || (found.missing == 0 && found.orphans == 0)) return status;
+        return Status::Corruption("table " + name() + ": " + std::to_string(found.missing) +
+                                  " index or shard entries missing, " + std::to_string(found.orphans) +
+                                  " entries without their record, in " + std::to_string(found.records) + " records");
     });
 }
 

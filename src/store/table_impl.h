@@ -47,6 +47,7 @@ public:
     Status CountIndex(std::string_view index, const google::protobuf::Message& index_fields,
                       uint64_t* count) override;
     Status Verify() override;
+    Status Verify(VerifyCounts* counts, const ProgressCallback& progress) override;
 
 private:
     explicit TableImpl(std::shared_ptr<StoreContext> context);

@@ -273,6 +273,34 @@ TEST_F(StoreBulkTest, ARefusedWriteStopsTheCallAfterTheWritesBeforeIt) {
     EXPECT_TRUE(m_table->Write({}, nullptr).IsInvalidArgument());
 }
 
+TEST_F(StoreBulkTest, VerifyCountsWhatIsWrong) {
+    PutMany(0, 2500);
+    corvida::store::VerifyCounts counts;
+    std::vector<uint64_t> calls;
+    ASSERT_TRUE(m_table->Verify(&counts, [&calls](uint64_t records) { calls.push_back(records); }).ok());
+    EXPECT_EQ(calls, (std::vector<uint64_t>{1000, 2000}));
+    EXPECT_EQ(counts.records, 2500u);
+    EXPECT_EQ(counts.entries, 7500u);  // two indexes and the shard
+    EXPECT_EQ(counts.missing + counts.orphans, 0u);
+
+    // One index entry taken away, and one that names no record.
+    std::string entry;
+    ASSERT_TRUE(m_engine->Scan(nullptr, "I", "J", [&entry](std::string_view key, std::string_view) {
+        entry = std::string(key);
+        return false;
+    }).ok());
+    EngineBatch damage;
+    damage.Delete(entry);
+    damage.Put(entry.substr(0, entry.size() - 3) + "zz", "");
+    bool committed = false;
+    ASSERT_TRUE(m_engine->Commit(damage, &committed).ok() && committed);
+    const Status s = m_table->Verify(&counts, nullptr);
+    EXPECT_TRUE(s.IsCorruption()) << s.ToString();
+    EXPECT_EQ(counts.records, 2500u);
+    EXPECT_EQ(counts.missing, 1u);
+    EXPECT_EQ(counts.orphans, 1u);
+}
+
 // Pages of 97 through 10,000 records visit each exactly once, in
 // primary-key order, across cursors handed from one read to the next; the
 // same through the records of one index value and of one shard.
