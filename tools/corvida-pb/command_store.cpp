@@ -58,8 +58,7 @@ private:
         const google::protobuf::FileDescriptorSet files = SchemaBlobOf({table_type()->file()});
         const std::string blob = files.SerializeAsString();
         CheckStore(store().CreateTable(blob, table_type()->full_name()));
-        std::vector<std::string> names;
-        for (const auto& file : files.file()) names.push_back(file.name());
+        const std::vector<std::string> names = BlobFileNames(files);
         if (json()) {
             PrintJson(std::cout, {{"table", table_type()->full_name()},
                                   {"operation", "create"},

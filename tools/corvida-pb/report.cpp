@@ -42,6 +42,32 @@ std::string JoinComma(const std::vector<std::string>& items) {
     return out;
 }
 
+std::string WithResult(const std::string& explanation, int code) {
+    return explanation + " (result " + std::to_string(code) + ")";
+}
+
+void PrintIncompatible(std::ostream& out, int code, const std::string& explanation) {
+    out << "incompatible (result " << code << "): " << explanation << "\n";
+}
+
+void PrintDifferences(std::ostream& out, const Schema& schema, const std::vector<SchemaDifference>& differences) {
+    for (const SchemaDifference& difference : differences) {
+        out << DifferenceLocation(schema, difference) << ": " << difference.message << "\n";
+    }
+}
+
+std::vector<std::string> BlobFileNames(const google::protobuf::FileDescriptorSet& set) {
+    std::vector<std::string> names;
+    for (const auto& file : set.file()) names.push_back(file.name());
+    return names;
+}
+
+std::string FailedPathsText(const Descriptor* table, const std::set<std::string>& failed) {
+    std::vector<std::string> items;
+    for (const std::string& path : failed) items.push_back(Printable(path) + " (" + Printable(NamePath(table, path)) + ")");
+    return JoinComma(items);
+}
+
 std::string NamePath(const Descriptor* table, const std::string& tagpath) {
     std::vector<std::string> numbers;
     PROTOBUF_UTIL::TokenSplit(tagpath, ".", numbers);
@@ -90,9 +116,7 @@ void PrintMerge(std::ostream& out, const google::protobuf::Message& msg, size_t 
     std::string text;
     google::protobuf::TextFormat::PrintToString(msg, &text);
     out << msg.GetDescriptor()->full_name() << " after merging " << records << " records:\n" << text;
-    std::vector<std::string> items;
-    for (const std::string& path : failed) items.push_back(path + " (" + NamePath(msg.GetDescriptor(), path) + ")");
-    out << "failed paths: " << (items.empty() ? "none" : JoinComma(items)) << "\n";
+    out << "failed paths: " << (failed.empty() ? "none" : FailedPathsText(msg.GetDescriptor(), failed)) << "\n";
 }
 
 void PrintGroup(std::ostream& out, const PROTOBUF_UTIL::MsgDescGroup& group) {
@@ -148,6 +172,25 @@ Json MessageJson(const google::protobuf::Message& msg) {
 Json FailedPathsJson(const Descriptor* table, const std::set<std::string>& failed) {
     Json list = Json::array();
     for (const std::string& path : failed) list.push_back({{"tag_path", path}, {"path", NamePath(table, path)}});
+    return list;
+}
+
+Json ComparisonJson(const Descriptor* table, bool compatible, int code, const std::string& explanation) {
+    Json result = {{"table", table->full_name()}, {"compatible", compatible}, {"code", code}};
+    if (!compatible) result["explanation"] = explanation;
+    return result;
+}
+
+Json DifferencesJson(const Schema& schema, const std::vector<SchemaDifference>& differences) {
+    Json list = Json::array();
+    for (const SchemaDifference& difference : differences) {
+        Json item = {{"file", schema.FileDisplayName(difference.file)}};
+        item["line"] = difference.line > 0 ? Json(difference.line) : Json(nullptr);
+        item["column"] = difference.line > 0 ? Json(difference.column) : Json(nullptr);
+        item["code"] = difference.code;
+        item["message"] = difference.message;
+        list.push_back(item);
+    }
     return list;
 }
 

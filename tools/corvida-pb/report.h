@@ -8,9 +8,12 @@
 #include <vector>
 
 #include <google/protobuf/descriptor.h>
+#include <google/protobuf/descriptor.pb.h>
 #include <google/protobuf/message.h>
 #include <nlohmann/json.hpp>
 
+#include "corvida-pb/schema_diff.h"
+#include "corvida-pb/schema_loader.h"
 #include "protobuf_api/protobuf_util.h"
 
 namespace corvida_pb {
@@ -40,6 +43,24 @@ void PrintGroup(std::ostream& out, const PROTOBUF_UTIL::MsgDescGroup& group);
 
 // "a, b, c".
 std::string JoinComma(const std::vector<std::string>& items);
+
+// "<explanation> (result N)": a result code of the library after the words
+// that explain it, as every message of the tool shows one.
+std::string WithResult(const std::string& explanation, int code);
+
+// "incompatible (result N): <explanation>", the comparison's answer for a
+// client that the server's schema refuses.
+void PrintIncompatible(std::ostream& out, int code, const std::string& explanation);
+
+// One line per difference: "FILE:LINE:COL: message" in the client's schema.
+void PrintDifferences(std::ostream& out, const Schema& schema, const std::vector<SchemaDifference>& differences);
+
+// The names of the files of a schema blob, imported files first.
+std::vector<std::string> BlobFileNames(const google::protobuf::FileDescriptorSet& set);
+
+// "6.3 (profile.stats), 9 (note)": failed tag paths of a merge into table,
+// each with its field names, safe to print.
+std::string FailedPathsText(const google::protobuf::Descriptor* table, const std::set<std::string>& failed);
 
 // text safe to print on a terminal: control characters (C0, DEL and C1) and
 // bytes that are not UTF-8 written as \xNN, so that stored text (a damaged
@@ -72,6 +93,15 @@ Json MessageJson(const google::protobuf::Message& msg);
 
 // [{"tag_path", "path"}...] for the failed tag paths of a merge into table.
 Json FailedPathsJson(const google::protobuf::Descriptor* table, const std::set<std::string>& failed);
+
+// {"table", "compatible", "code", "explanation" (when not compatible)}:
+// the comparison's answer for the client type table.
+Json ComparisonJson(const google::protobuf::Descriptor* table, bool compatible, int code,
+                    const std::string& explanation);
+
+// [{"file", "line", "column", "code", "message"}...]; line and column are
+// null where the file has no source locations.
+Json DifferencesJson(const Schema& schema, const std::vector<SchemaDifference>& differences);
 
 // {"table", "file", "primary_key", "sharding_key": [{"number", "name"}...],
 //  "indexes": [{"name", "fields": [{"number", "name"}...]}...]}.

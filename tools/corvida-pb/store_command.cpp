@@ -110,8 +110,8 @@ bool StoreCommand::OpenTable() {
     const Status status = m_store->OpenTable(*m_loaded.msg, &m_api, &m_table);
     if (status.IsInvalidArgument() && (status.bridge_code() == -3 || status.bridge_code() == -4)) {
         // The cipher suite is missing or holds another key: say how to give it.
-        throw Failure(ExplainKeyResult(status.bridge_code(), *m_loaded.msg, nullptr, &m_api, 0) + " (result " +
-                      std::to_string(status.bridge_code()) + ")");
+        throw Failure(WithResult(ExplainKeyResult(status.bridge_code(), *m_loaded.msg, nullptr, &m_api, 0),
+                                 status.bridge_code()));
     }
     if (!status.IsIncompatibleSchema()) {
         CheckStore(status);
@@ -135,26 +135,12 @@ bool StoreCommand::OpenTable() {
         differences = DifferencesReported(server_table, m_loaded.table, code);
     }
     if (json()) {
-        Json result = {{"table", m_loaded.table->full_name()},
-                       {"compatible", false},
-                       {"code", code},
-                       {"explanation", explanation}};
-        Json list = Json::array();
-        for (const SchemaDifference& difference : differences) {
-            Json item = {{"file", m_loaded.schema->FileDisplayName(difference.file)}};
-            item["line"] = difference.line > 0 ? Json(difference.line) : Json(nullptr);
-            item["column"] = difference.line > 0 ? Json(difference.column) : Json(nullptr);
-            item["code"] = difference.code;
-            item["message"] = difference.message;
-            list.push_back(item);
-        }
-        result["differences"] = list;
+        Json result = ComparisonJson(m_loaded.table, false, code, explanation);
+        result["differences"] = DifferencesJson(*m_loaded.schema, differences);
         PrintJson(std::cout, result);
     } else {
-        std::cout << "incompatible (result " << code << "): " << explanation << "\n";
-        for (const SchemaDifference& difference : differences) {
-            std::cout << DifferenceLocation(*m_loaded.schema, difference) << ": " << difference.message << "\n";
-        }
+        PrintIncompatible(std::cout, code, explanation);
+        PrintDifferences(std::cout, *m_loaded.schema, differences);
     }
     return false;
 }
@@ -175,11 +161,7 @@ void StoreCommand::PrintListed(const Record& record, size_t number) const {
 
 void StoreCommand::WarnFailedPaths(const std::set<std::string>& failed, const std::string& which) const {
     if (failed.empty()) return;
-    std::vector<std::string> items;
-    for (const std::string& path : failed) {
-        items.push_back(Printable(path) + " (" + Printable(NamePath(table_type(), path)) + ")");
-    }
-    PrintWarning(app(), which + "fields that did not merge, shown as stored: " + JoinComma(items));
+    PrintWarning(app(), which + "fields that did not merge, shown as stored: " + FailedPathsText(table_type(), failed));
 }
 
 void StoreCommand::PrintWritten(const std::string& operation, const std::vector<std::string>& paths) const {
