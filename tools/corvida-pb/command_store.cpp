@@ -189,33 +189,35 @@ private:
 };
 
 // find and scan: records listed one after another, each after "# record N"
-// (one JSON object per line with --format json), at most --limit of them.
+// (one JSON object per line with --format json), at most --limit of them,
+// after the record of --after. When the limit cut the listing short, the
+// cursor of its last record comes last ("# next CURSOR", or the JSON line
+// {"#next":"CURSOR"}), for --after of the next page.
 class ListingCommand : public TableCommand {
 protected:
     ListingCommand(CLI::App* parent, const StoreCommandTraits& traits) : TableCommand(parent, traits) {
         // The range check refuses what strtoull would wrap ("-1") or saturate.
-        app()->add_option("--limit", m_limit, "list at most N records (0: all)")
+        app()->add_option("--limit", m_page.limit, "list at most N records (0: all)")
             ->type_name("N")
             ->check(CLI::Range(size_t{0}, size_t{std::numeric_limits<int32_t>::max()}));
+        app()->add_option("--after", m_page.after, "list the records after the one of CURSOR, which a limited listing printed last")
+            ->type_name("CURSOR");
     }
 
-    // Prints each record as it comes.
-    corvida::store::RecordVisitor Printer() {
-        return [this](Record& record) {
-            PrintListed(record, ++m_listed);
-            return true;
-        };
-    }
-
-    Page page() const {
-        Page page;
-        page.limit = m_limit;
-        return page;
+    // Lists the records of read, which takes the page, the visitor and where
+    // the cursor goes.
+    template <typename Read>
+    int List(Read read) {
+        size_t listed = 0;
+        std::string next;
+        VisitGuard guard;
+        guard.Check(read(m_page, guard.Wrap([this, &listed](Record& record) { PrintListed(record, ++listed); }), &next));
+        if (!next.empty()) printer().PrintNext(next);
+        return kExitOk;
     }
 
 private:
-    size_t m_limit = 0;
-    size_t m_listed = 0;
+    Page m_page;
 };
 
 const StoreCommandTraits kFind = {
@@ -235,8 +237,9 @@ public:
 
 private:
     int RunOnTable() override {
-        CheckStore(table().FindEach(m_index, message(), page(), Printer(), nullptr));
-        return kExitOk;
+        return List([this](const Page& page, const corvida::store::RecordVisitor& visit, std::string* next) {
+            return table().FindEach(m_index, message(), page, visit, next);
+        });
     }
 
     std::string m_index;
@@ -251,25 +254,15 @@ const StoreCommandTraits kScan = {
 
 class ScanCommand : public ListingCommand {
 public:
-    explicit ScanCommand(CLI::App* parent) : ListingCommand(parent, kScan) {
-        m_shard_option =
-            app()->add_option("--shard-text", m_shard_text, "the sharding-key fields in protobuf text format")
-                ->type_name("TEXT");
-    }
+    explicit ScanCommand(CLI::App* parent) : ListingCommand(parent, kScan) { AddShardOption(); }
 
 private:
     int RunOnTable() override {
-        std::unique_ptr<Message> shard;
-        if (Given(m_shard_option)) {
-            shard = NewMessage();
-            ParseMessageText(m_shard_text, "--shard-text", shard.get());
-        }
-        CheckStore(table().ScanEach(shard.get(), page(), Printer(), nullptr));
-        return kExitOk;
+        const std::unique_ptr<Message> shard = ShardFromArgs();
+        return List([this, &shard](const Page& page, const corvida::store::RecordVisitor& visit, std::string* next) {
+            return table().ScanEach(shard.get(), page, visit, next);
+        });
     }
-
-    std::string m_shard_text;
-    CLI::Option* m_shard_option = nullptr;
 };
 
 }  // namespace

@@ -2,8 +2,6 @@
 
 #include <iostream>
 
-#include <google/protobuf/text_format.h>
-
 #include "corvida-pb/explain.h"
 #include "corvida-pb/schema_diff.h"
 #include "corvida-pb/status.h"
@@ -27,12 +25,6 @@ void CheckRecord(const Status& status) {
 }
 
 namespace {
-
-std::string TextOf(const Message& msg) {
-    std::string text;
-    google::protobuf::TextFormat::PrintToString(msg, &text);
-    return text;
-}
 
 // The schema blob the store holds for the client type's table: the entry of
 // its full name, else the one of its short name.
@@ -105,6 +97,19 @@ corvida::store::StoreOptions StoreCommand::Options() {
 
 std::unique_ptr<Message> StoreCommand::NewMessage() const { return m_loaded.schema->NewMessage(m_loaded.table); }
 
+CLI::Option* StoreCommand::AddShardOption() {
+    m_shard_option = app()->add_option("--shard-text", m_shard_text, "the sharding-key fields in protobuf text format")
+                         ->type_name("TEXT");
+    return m_shard_option;
+}
+
+std::unique_ptr<Message> StoreCommand::ShardFromArgs() const {
+    if (!Given(m_shard_option)) return nullptr;
+    std::unique_ptr<Message> shard = NewMessage();
+    ParseMessageText(m_shard_text, "--shard-text", shard.get());
+    return shard;
+}
+
 bool StoreCommand::OpenTable() {
     m_ciphers.Configure(&m_api);
     const Status status = m_store->OpenTable(*m_loaded.msg, &m_api, &m_table);
@@ -145,18 +150,20 @@ bool StoreCommand::OpenTable() {
     return false;
 }
 
-void StoreCommand::PrintRecord(const Message& record) const {
-    if (json()) {
-        PrintJson(std::cout, MessageJson(record));
-    } else {
-        std::cout << TextOf(record);
-    }
+RecordPrinter& StoreCommand::printer() {
+    if (m_printer == nullptr) m_printer.reset(new RecordPrinter(table_type(), record_format(), std::cout));
+    return *m_printer;
 }
 
-void StoreCommand::PrintListed(const Record& record, size_t number) const {
+void StoreCommand::FlushRecords() {
+    if (m_printer != nullptr) m_printer->Flush();
+}
+
+void StoreCommand::PrintRecord(const Message& record) { printer().Print(record); }
+
+void StoreCommand::PrintListed(const Record& record, size_t number) {
     WarnFailedPaths(record.failed_paths, "record " + std::to_string(number) + ": ");
-    if (!json()) std::cout << "# record " << number << "\n";
-    PrintRecord(*record.message);
+    printer().PrintListed(*record.message, number);
 }
 
 void StoreCommand::WarnFailedPaths(const std::set<std::string>& failed, const std::string& which) const {
@@ -175,10 +182,36 @@ void StoreCommand::PrintWritten(const std::string& operation, const std::vector<
     }
 }
 
+corvida::store::RecordVisitor VisitGuard::Wrap(std::function<void(Record&)> body) {
+    return [this, body](Record& record) {
+        try {
+            body(record);
+            return true;
+        } catch (...) {
+            m_thrown = std::current_exception();
+            return false;
+        }
+    };
+}
+
+void VisitGuard::Check(const Status& status) const {
+    if (m_thrown) std::rethrow_exception(m_thrown);
+    CheckStore(status);
+}
+
 int TableCommand::Run() {
     OpenStore();
     if (!OpenTable()) return kExitNegative;
-    return RunOnTable();
+    int status = kExitOk;
+    try {
+        status = RunOnTable();
+    } catch (...) {
+        // What was read before the failure is shown before its message.
+        FlushRecords();
+        throw;
+    }
+    FlushRecords();
+    return status;
 }
 
 }  // namespace corvida_pb
