@@ -203,7 +203,8 @@ public:
     // with the counts of what is missing or left over, when not.
     virtual Status Verify() = 0;
     // The same, with *counts (may be null) receiving what was checked and
-    // found, also with kCorruption; progress (may be empty) is called every
+    // found, also with kCorruption for what is wrong (all zero when the table
+    // could not be read through); progress (may be empty) is called every
     // thousand records.
     virtual Status Verify(VerifyCounts* counts, const ProgressCallback& progress) = 0;
 

@@ -103,7 +103,7 @@ Status TableImpl::Verify(VerifyCounts* counts, const ProgressCallback& progress)
     return NoThrow([&] {
         VerifyCounts found;
         Status status = VerifyTable(m_context.get(), m_schema, m_reader, &found, progress);
-        if (counts != nullptr) *counts = found;
+        if (counts != nullptr) *counts = status.ok() ? found : VerifyCounts();
         if (!status.ok() || (found.missing == 0 && found.orphans == 0)) return status;
         return Status::Corruption("table " + name() + ": " + std::to_string(found.missing) +
                                   " index or shard entries missing, " + std::to_string(found.orphans) +

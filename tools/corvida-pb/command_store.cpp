@@ -283,6 +283,7 @@ std::vector<std::unique_ptr<Command>> MakeStoreCommands(CLI::App* parent) {
     std::vector<std::unique_ptr<Command>> commands;
     AddStoreRecordCommands(group, &commands);
     AddStoreAdminCommands(group, &commands);
+    AddStoreBulkCommands(group, &commands);
     return commands;
 }
 

@@ -157,6 +157,8 @@ protected:
 // *commands under the group app.
 void AddStoreRecordCommands(CLI::App* group, std::vector<std::unique_ptr<Command>>* commands);
 void AddStoreAdminCommands(CLI::App* group, std::vector<std::unique_ptr<Command>>* commands);
+// import, export, count, verify.
+void AddStoreBulkCommands(CLI::App* group, std::vector<std::unique_ptr<Command>>* commands);
 
 }  // namespace corvida_pb
 
