@@ -342,7 +342,8 @@ void CheckOneStandardInput(const Command& command) {
     std::vector<std::string> readers;
     for (const CLI::Option* option : command.readers()) {
         for (const std::string& value : option->results()) {
-            if (value == "-") readers.push_back("--" + option->get_lnames().front());
+            // A positional argument is named by its value's name ("FILE").
+            if (value == "-") readers.push_back(option->nonpositional() ? "--" + option->get_lnames().front() : option->get_name());
         }
     }
     if (readers.size() > 1) {

@@ -70,6 +70,7 @@ public:
         app()->add_option("-o,--output", m_output, "where to write the records ('-', the default: standard output)")
             ->type_name("FILE");
         NameRecordFormat(app(), "written");
+        CountRepeatedLogLines();
     }
 
 private:
@@ -132,6 +133,7 @@ public:
                       ->required());
         app()->add_flag("--skip-bad", m_skip_bad, "write the other records when a line is bad, and list every bad line at the end");
         NameRecordFormat(app(), "read");
+        CountRepeatedLogLines();
     }
 
 private:
@@ -286,7 +288,7 @@ const StoreCommandTraits kVerify = {
 
 class VerifyCommand : public TableCommand {
 public:
-    explicit VerifyCommand(CLI::App* parent) : TableCommand(parent, kVerify) {}
+    explicit VerifyCommand(CLI::App* parent) : TableCommand(parent, kVerify) { CountRepeatedLogLines(); }
 
 private:
     int RunOnTable() override {

@@ -83,7 +83,7 @@ void StoreCommand::OpenStore() {
 }
 
 corvida::store::StoreOptions StoreCommand::Options() {
-    if (m_log == nullptr) m_log.reset(new CliLog(log_priority()));
+    if (m_log == nullptr) m_log.reset(new CliLog(log_priority(), m_log_repeats));
     corvida::store::StoreOptions options;
     options.create_if_missing = m_traits.access == StoreAccess::kCreate;
     options.read_only = m_traits.access == StoreAccess::kRead;

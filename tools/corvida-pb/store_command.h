@@ -67,6 +67,10 @@ protected:
     // log category of --log-level, made on the first call).
     corvida::store::StoreOptions Options();
 
+    // For a command over many records: each distinct line of the library's
+    // log is written once, its repeats counted (CliLog::Repeats::kCounted).
+    void CountRepeatedLogLines() { m_log_repeats = CliLog::Repeats::kCounted; }
+
     // Opens the table as the client type of --table. Returns false after
     // printing the comparison's answer (every incompatibility, named) when
     // the stored schema refuses it.
@@ -116,6 +120,7 @@ private:
     CipherOptions m_ciphers;
     // Destroyed in reverse order: the table before the store, both before
     // the suites, the message and the schema they use.
+    CliLog::Repeats m_log_repeats = CliLog::Repeats::kWritten;
     std::unique_ptr<CliLog> m_log;
     TableMessage m_loaded;
     CORVIDA_KV::CorvidaKVApi m_api;
