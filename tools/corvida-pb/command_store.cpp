@@ -18,7 +18,7 @@ using corvida::store::Page;
 using corvida::store::Record;
 using google::protobuf::Message;
 
-const char kStoreSummary[] = "a table store: create tables, write, read, find, scan and look after them";
+const char kStoreSummary[] = "a table store: create tables, write, read, find, scan, export, import and look after them";
 
 const StoreCommandTraits kCreate = {
     "create", "create the store if needed and add a table to it",
@@ -224,7 +224,9 @@ const StoreCommandTraits kFind = {
     "find", "list the records whose index fields equal the given ones",
     "Lists every record whose fields of the index --index equal those of --text or\n"
     "--text-file, in primary-key order, each after a line '# record N' (or, with\n"
-    "--format json, one JSON object per line).\n",
+    "--format json, one JSON object per line). With --limit, when the limit cut\n"
+    "the listing short, a last line '# next CURSOR' (in JSON: {\"#next\":\"CURSOR\"})\n"
+    "gives the cursor from which --after lists the next page.\n",
     StoreAccess::kRead, true, "the index fields"};
 
 class FindCommand : public ListingCommand {
@@ -249,7 +251,9 @@ const StoreCommandTraits kScan = {
     "scan", "list the records of a shard, or of the whole table",
     "Lists the records of the shard whose sharding-key fields --shard-text gives,\n"
     "or of the whole table, in primary-key order, each after a line '# record N'\n"
-    "(or, with --format json, one JSON object per line).\n",
+    "(or, with --format json, one JSON object per line). With --limit, when the\n"
+    "limit cut the listing short, a last line '# next CURSOR' (in JSON:\n"
+    "{\"#next\":\"CURSOR\"}) gives the cursor from which --after lists the next page.\n",
     StoreAccess::kRead, true, nullptr};
 
 class ScanCommand : public ListingCommand {
