@@ -18,8 +18,10 @@
 
 #include <rocksdb/db.h>
 #include <rocksdb/env.h>
+#include <rocksdb/filter_policy.h>
 #include <rocksdb/iterator.h>
 #include <rocksdb/options.h>
+#include <rocksdb/table.h>
 #include <rocksdb/write_batch.h>
 
 namespace corvida {
@@ -259,10 +261,19 @@ public:
     Status Commit(const EngineBatch& batch, bool* committed) override {
         *committed = false;
         if (m_read_only) return Status::NotSupported(m_dir + " is open for reading only");
+        // In key order, a batch of many records goes into the memtable far
+        // faster: its skip list inserts each key next to the one before
+        // instead of searching from the top. A stable sort keeps the order
+        // of the operations on one key, so the batch means the same.
+        std::vector<const EngineBatch::Op*> ops;
+        ops.reserve(batch.ops().size());
+        for (const EngineBatch::Op& op : batch.ops()) ops.push_back(&op);
+        std::stable_sort(ops.begin(), ops.end(),
+                         [](const EngineBatch::Op* a, const EngineBatch::Op* b) { return a->key < b->key; });
         rocksdb::WriteBatch write;
-        for (const EngineBatch::Op& op : batch.ops()) {
-            const rocksdb::Status s = op.kind == EngineBatch::Op::Kind::kPut ? write.Put(op.key, op.value)
-                                                                              : write.Delete(op.key);
+        for (const EngineBatch::Op* op : ops) {
+            const rocksdb::Status s = op->kind == EngineBatch::Op::Kind::kPut ? write.Put(op->key, op->value)
+                                                                               : write.Delete(op->key);
             if (!s.ok()) return FromRocks(s, "writing to " + m_dir);
         }
         std::vector<size_t> stripes;
@@ -335,6 +346,13 @@ rocksdb::Options DatabaseOptions(rocksdb::Env* env, const std::shared_ptr<rocksd
     // Statistics dumps are written to the info log, which keeps warnings only.
     options.stats_dump_period_sec = 0;
     options.stats_persist_period_sec = 0;
+    // Every write of a new record reads its absent row marker, twice (when
+    // staged, and as the commit's condition): a Bloom filter in each table
+    // file answers "absent" without reading the file's blocks. Files written
+    // before have none and are read as before.
+    rocksdb::BlockBasedTableOptions table;
+    table.filter_policy.reset(rocksdb::NewBloomFilterPolicy(10));
+    options.table_factory.reset(rocksdb::NewBlockBasedTableFactory(table));
     return options;
 }
 
