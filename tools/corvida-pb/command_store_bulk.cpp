@@ -5,10 +5,12 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "corvida-pb/files.h"
+#include "corvida-pb/handoff.h"
 #include "corvida-pb/progress.h"
 #include "corvida-pb/record_input.h"
 #include "corvida-pb/report.h"
@@ -31,6 +33,10 @@ using google::protobuf::Message;
 // size.
 constexpr size_t kRecordsPerWrite = 1000;
 constexpr uint64_t kInputBytesPerWrite = 8u << 20;
+// The records export hands to its printing thread at a time.
+constexpr size_t kRecordsPerPiece = 256;
+// The pieces on their way between the two threads of import and export.
+constexpr size_t kPiecesInFlight = 3;
 
 // "1 record", "2 records".
 std::string Records(uint64_t n) { return std::to_string(n) + (n == 1 ? " record" : " records"); }
@@ -74,6 +80,8 @@ public:
     }
 
 private:
+    // The records read go to a thread of their own in pieces, to be printed
+    // there while the next are read.
     int RunOnTable() override {
         std::ofstream file;
         if (m_output != "-") {
@@ -83,19 +91,39 @@ private:
         std::ostream& out = m_output != "-" ? file : std::cout;
         std::unique_ptr<Progress> progress = TableProgress(table());
         RecordPrinter records(table_type(), record_format(), out);
+        Handoff<std::vector<Record>> read(kPiecesInFlight);
+        Worker printer(
+            [&read, &records] {
+                std::vector<Record> piece;
+                uint64_t number = 0;
+                while (read.Pop(&piece)) {
+                    for (const Record& record : piece) records.PrintListed(*record.message, ++number);
+                }
+                records.Flush();
+            },
+            [&read] { read.Close(); });
         std::set<std::string> failed;
         uint64_t with_failed = 0;
         uint64_t exported = 0;
+        std::vector<Record> piece;
         VisitGuard guard;
         const Status status = table().ScanEach(nullptr, Page(), guard.Wrap([&](Record& record) {
             if (!record.failed_paths.empty()) {
                 ++with_failed;
                 failed.insert(record.failed_paths.begin(), record.failed_paths.end());
             }
-            records.PrintListed(*record.message, ++exported);
+            piece.push_back(std::move(record));
+            ++exported;
             progress->Advance();
+            if (piece.size() == kRecordsPerPiece) {
+                // Refused when the printer stopped: its failure says why.
+                if (!read.Push(std::move(piece))) throw Failure("the printing of the records stopped");
+                piece.clear();
+            }
         }), nullptr);
-        records.Flush();
+        if (status.ok() && !piece.empty()) read.Push(std::move(piece));
+        read.Close();
+        printer.Finish();
         guard.Check(status);
         if (file.is_open()) file.close();
         if (!out.good()) throw Failure("cannot write " + (m_output == "-" ? "standard output" : m_output));
@@ -137,36 +165,52 @@ public:
     }
 
 private:
+    // A piece of the input, parsed on the reading thread: records, each
+    // with its line, and what ended the piece.
+    struct Piece {
+        std::vector<std::unique_ptr<Message>> records;  // the first `count` hold records
+        std::vector<uint64_t> lines;
+        size_t count = 0;
+        std::string bad;  // the error of the bad line that ended the piece, if one did
+        uint64_t bad_line = 0;
+        bool last = false;  // the input ended
+    };
+    using PieceHandoff = Handoff<std::unique_ptr<Piece>>;
+
+    // The input is parsed on a thread of its own, a piece at a time, while
+    // the store writes the piece before.
     int RunOnTable() override {
         std::ifstream file;
         if (m_input != "-") {
             file.open(m_input, std::ios::binary);
             if (!file) throw Failure("cannot read " + m_input + ": " + std::strerror(errno));
         }
+        std::istream& in = m_input != "-" ? static_cast<std::istream&>(file) : std::cin;
         m_progress.reset(new Progress("records", 0, Progress::Elsewhere::kQuiet, std::cerr));
         if (m_progress->terminal() && m_input != "-") m_progress->SetTotal(CountRecords());
-        RecordInput input(m_input != "-" ? static_cast<std::istream&>(file) : std::cin, record_format(),
-                          DisplayName(m_input), table_type());
-        uint64_t gathered_from = 0;  // the input's bytes where the records gathered begin
-        for (;;) {
-            if (m_gathered == m_records.size()) m_records.push_back(NewMessage());
-            std::string error;
-            const RecordInput::Result result = input.Next(m_records[m_gathered].get(), &error);
-            if (result == RecordInput::Result::kEnd) break;
-            if (result == RecordInput::Result::kBad) {
-                WriteGathered();
-                Bad(input.line(), error);
-                continue;
-            }
-            m_lines.resize(m_gathered + 1);
-            m_lines[m_gathered++] = input.line();
-            if (m_gathered == kRecordsPerWrite || input.bytes() - gathered_from >= kInputBytesPerWrite) {
-                WriteGathered();
-                gathered_from = input.bytes();
-            }
+        RecordInput input(in, record_format(), DisplayName(m_input), table_type());
+        PieceHandoff empty(kPiecesInFlight);
+        PieceHandoff parsed(kPiecesInFlight);
+        for (size_t i = 0; i < kPiecesInFlight; ++i) {
+            std::unique_ptr<Piece> piece(new Piece);
+            for (size_t j = 0; j < kRecordsPerWrite; ++j) piece->records.push_back(NewMessage());
+            piece->lines.resize(kRecordsPerWrite);
+            empty.Push(std::move(piece));
         }
-        if (file.bad()) throw Failure("cannot read " + m_input + ": " + std::strerror(errno));
-        WriteGathered();
+        Worker reader([&] { Parse(&input, &in, &empty, &parsed); },
+                      [&] {
+                          empty.Close();
+                          parsed.Close();
+                      });
+        std::unique_ptr<Piece> piece;
+        while (parsed.Pop(&piece)) {
+            Write(*piece);
+            if (!piece->bad.empty()) Bad(piece->bad_line, piece->bad);
+            const bool last = piece->last;
+            empty.Push(std::move(piece));
+            if (last) break;
+        }
+        reader.Finish();
         std::string summary = "imported " + Records(m_written) + " in " + m_progress->Elapsed();
         if (!m_bad.empty()) summary += "; " + std::to_string(m_bad.size()) + " bad lines skipped";
         m_progress->Finish(summary);
@@ -175,6 +219,32 @@ private:
         for (const std::string& bad : m_bad) list += "\n" + bad;
         throw Failure(std::to_string(m_bad.size()) + (m_bad.size() == 1 ? " bad line was" : " bad lines were") +
                       " skipped:" + list);
+    }
+
+    // On the reading thread: fills the empty pieces from the input and hands
+    // them over, until the input ends or the handoffs close.
+    void Parse(RecordInput* input, std::istream* in, PieceHandoff* empty, PieceHandoff* parsed) const {
+        std::unique_ptr<Piece> piece;
+        while (empty->Pop(&piece)) {
+            piece->count = 0;
+            piece->bad.clear();
+            const uint64_t from = input->bytes();
+            for (;;) {
+                std::string error;
+                const RecordInput::Result result = input->Next(piece->records[piece->count].get(), &error);
+                piece->last = result == RecordInput::Result::kEnd;
+                if (result == RecordInput::Result::kBad) {
+                    piece->bad = error;
+                    piece->bad_line = input->line();
+                }
+                if (result != RecordInput::Result::kRecord) break;
+                piece->lines[piece->count++] = input->line();
+                if (piece->count == kRecordsPerWrite || input->bytes() - from >= kInputBytesPerWrite) break;
+            }
+            if (in->bad()) throw Failure("cannot read " + m_input + ": " + std::strerror(errno));
+            const bool last = piece->last;
+            if (!parsed->Push(std::move(piece)) || last) return;
+        }
     }
 
     // The records of the input, for the total of the bar: its lines that
@@ -188,13 +258,13 @@ private:
         return count;
     }
 
-    // Writes the records gathered, going on after each record the store
+    // Writes the records of piece, going on after each record the store
     // refuses when bad lines are skipped.
-    void WriteGathered() {
+    void Write(const Piece& piece) {
         size_t from = 0;
-        while (from < m_gathered) {
-            std::vector<WriteOp> writes(m_gathered - from);
-            for (size_t i = from; i < m_gathered; ++i) writes[i - from].message = m_records[i].get();
+        while (from < piece.count) {
+            std::vector<WriteOp> writes(piece.count - from);
+            for (size_t i = from; i < piece.count; ++i) writes[i - from].message = piece.records[i].get();
             WriteReport report;
             const Status status = table().Write(writes, &report);
             m_written += report.written;
@@ -202,14 +272,13 @@ private:
             if (status.ok()) break;
             const size_t refused = from + report.written;
             if (!status.IsInvalidArgument()) {
-                throw Failure(status.message() + "\nthe import stopped at line " + std::to_string(m_lines[refused]) +
+                throw Failure(status.message() + "\nthe import stopped at line " + std::to_string(piece.lines[refused]) +
                               ": " + Records(m_written) + " written before it, none after it");
             }
-            Bad(m_lines[refused], DisplayName(m_input) + ":" + std::to_string(m_lines[refused]) +
-                                      ": the store refuses the record: " + status.message());
+            Bad(piece.lines[refused], DisplayName(m_input) + ":" + std::to_string(piece.lines[refused]) +
+                                          ": the store refuses the record: " + status.message());
             from = refused + 1;
         }
-        m_gathered = 0;
     }
 
     // A bad line: the end of the import, or one more line to list at the end.
@@ -225,9 +294,6 @@ private:
     std::string m_input;
     bool m_skip_bad = false;
     std::unique_ptr<Progress> m_progress;
-    std::vector<std::unique_ptr<Message>> m_records;  // reused: the first m_gathered are gathered
-    std::vector<uint64_t> m_lines;                     // the line of each gathered record
-    size_t m_gathered = 0;
     uint64_t m_written = 0;
     std::vector<std::string> m_bad;
 };
