@@ -1,6 +1,7 @@
 // The table store: a store in a temporary directory, the Account table
 // created from its schema blob, records written whole and in part, read back,
-// found through an index and listed by shard; and what the store refuses.
+// found through an index and listed by shard, many written at once and read
+// in pages; and what the store refuses.
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -16,11 +17,14 @@
 
 namespace {
 
+using corvida::store::Page;
 using corvida::store::Record;
 using corvida::store::Status;
 using corvida::store::StoreOptions;
 using corvida::store::Table;
 using corvida::store::TableStore;
+using corvida::store::WriteOp;
+using corvida::store::WriteReport;
 
 void Run(const std::string& dir) {
     // [START open]
@@ -110,6 +114,38 @@ void Run(const std::string& dir) {
     s = accounts->Scan(&shard, 0, &listed);
     Expect(s.ok() && listed.size() == 1, "the shard of account 301");
     // [END index]
+
+    // [START many]
+    // Many records in one call: as many per commit of the engine as it takes.
+    std::vector<bank::Account> opened(500);
+    std::vector<WriteOp> writes;
+    for (size_t i = 0; i < opened.size(); ++i) {
+        opened[i].set_region(5);
+        opened[i].set_account_id(1000 + i);
+        opened[i].set_balance(100);
+        writes.push_back(WriteOp{WriteOp::Kind::kPut, &opened[i], {}});
+    }
+    WriteReport report;
+    s = accounts->Write(writes, &report);
+    Expect(s.ok() && report.written == 500, "500 records written");
+
+    // The whole table, a page of 100 records at a time; the cursor of one
+    // page starts the next, in this process or another.
+    uint64_t total = 0;
+    s = accounts->Count(nullptr, &total);
+    Page page;
+    page.limit = 100;
+    uint64_t seen = 0;
+    do {
+        std::string next;
+        s = accounts->ScanEach(nullptr, page, [&seen](Record&) {
+            ++seen;
+            return true;
+        }, &next);
+        page.after = next;
+    } while (s.ok() && !page.after.empty());
+    Expect(s.ok() && seen == total && total == 502, "every record once");
+    // [END many]
 
     // [START errors]
     s = accounts->Delete(key);

@@ -1,5 +1,7 @@
 #include "store/engine.h"
 
+#include <iterator>
+
 namespace corvida {
 namespace store {
 
@@ -21,6 +23,14 @@ void EngineBatch::Put(std::string_view key, std::string_view value) {
 void EngineBatch::Delete(std::string_view key) {
     m_ops.push_back(Op{Op::Kind::kDelete, std::string(key), std::string()});
     m_bytes += key.size();
+}
+
+void EngineBatch::Append(EngineBatch&& other) {
+    m_conditions.insert(m_conditions.end(), std::make_move_iterator(other.m_conditions.begin()),
+                        std::make_move_iterator(other.m_conditions.end()));
+    m_ops.insert(m_ops.end(), std::make_move_iterator(other.m_ops.begin()), std::make_move_iterator(other.m_ops.end()));
+    m_bytes += other.m_bytes;
+    other.Clear();
 }
 
 void EngineBatch::Clear() {

@@ -70,6 +70,11 @@ public:
     void Put(std::string_view key, std::string_view value);
     void Delete(std::string_view key);
 
+    // Moves the conditions and operations of other to the end of this batch
+    // (a record staged on its own joins a commit of many); other is left
+    // empty.
+    void Append(EngineBatch&& other);
+
     const std::vector<Condition>& conditions() const { return m_conditions; }
     const std::vector<Op>& ops() const { return m_ops; }
     bool empty() const { return m_ops.empty(); }

@@ -80,6 +80,34 @@ struct Page {
 // moved from. Returning false stops the read (no cursor is handed back then).
 using RecordVisitor = std::function<bool(Record& record)>;
 
+// One write of a Write call: a Put, an Update or a Delete.
+struct WriteOp {
+    enum class Kind { kPut, kUpdate, kDelete };
+
+    Kind kind = Kind::kPut;
+    const google::protobuf::Message* message = nullptr;  // the record (put, update) or its key fields (delete)
+    std::vector<std::string> paths;                      // update: the fields to write
+};
+
+// What Verify went through and found.
+struct VerifyCounts {
+    uint64_t records = 0;
+    uint64_t entries = 0;  // index and shard entries
+    uint64_t missing = 0;  // entries a record should have and has not
+    uint64_t orphans = 0;  // entries without their record (or with another value than the record's)
+};
+
+// Called now and then during a long read with the number of records it has
+// gone through so far.
+using ProgressCallback = std::function<void(uint64_t records)>;
+
+// What a Write call did.
+struct WriteReport {
+    size_t written = 0;               // writes[0, written) are stored; nothing of the others
+    std::vector<size_t> not_found;    // the deletes among them that found no record (and did nothing)
+    size_t commits = 0;               // the engine commits they took
+};
+
 class Table {
 public:
     virtual ~Table() = default;
@@ -121,6 +149,23 @@ public:
     // Removes the record and its index entries. kNotFound when there is none.
     virtual Status Delete(const google::protobuf::Message& key) = 0;
 
+    // Many writes in one call, each as Put, Update or Delete would make it,
+    // in order: a write of a record that an earlier write of the call
+    // changed sees that change. Many records go into each commit of the
+    // engine (as many as its limits allow); each record's change, with its
+    // index and shard entries, is whole in one commit. A delete of a record
+    // that is not there does nothing and is listed in report->not_found.
+    //
+    // The writes are made in order and stop at the first that fails: then
+    // report->written is its index, the writes before it are stored and
+    // nothing of it or after it is. kInvalidArgument means that write is
+    // refused for what the single call would refuse it for (the caller may
+    // go on after it); any other error is the store's (kBusy, kIOError...).
+    // A crash in the middle leaves the writes of the commits made: a prefix
+    // of writes, cut between two records, never part of a record.
+    // report may not be null.
+    virtual Status Write(const std::vector<WriteOp>& writes, WriteReport* report) = 0;
+
     // Appends to *records every record whose fields of index `index` equal
     // those of index_fields (other fields ignored), in primary-key byte
     // order; at most limit records when limit > 0. kInvalidArgument for an
@@ -157,6 +202,11 @@ public:
     // entry its record, reading the whole table at one state. kCorruption,
     // with the counts of what is missing or left over, when not.
     virtual Status Verify() = 0;
+    // The same, with *counts (may be null) receiving what was checked and
+    // found, also with kCorruption for what is wrong (all zero when the table
+    // could not be read through); progress (may be empty) is called every
+    // thousand records.
+    virtual Status Verify(VerifyCounts* counts, const ProgressCallback& progress) = 0;
 
 protected:
     Table() = default;

@@ -136,6 +136,23 @@ Status TableImpl::Delete(const Message& key) {
     });
 }
 
+Status TableImpl::Write(const std::vector<WriteOp>& writes, WriteReport* report) {
+    return NoThrow([&] {
+        if (report == nullptr) return Status::InvalidArgument("table " + name() + ": Write without a report");
+        *report = WriteReport();
+        // A schema that moves in the middle of the call binds the table again
+        // and goes on from the first write not committed.
+        for (int rebinds = 0;; ++rebinds) {
+            const std::shared_ptr<const Binding> bound = Bound();
+            bool moved = false;
+            Status status = bound->bulk.Write(writes, report, &moved);
+            if (!moved || rebinds == kMaxRebinds) return status;
+            status = Rebind(bound);
+            if (!status.ok()) return status;
+        }
+    });
+}
+
 Status TableImpl::FindByIndex(std::string_view index, const Message& index_fields, std::vector<Record>* records,
                               size_t limit) {
     return NoThrow([&] {
@@ -191,17 +208,20 @@ Status TableImpl::CountIndex(std::string_view index, const Message& index_fields
     });
 }
 
-Status TableImpl::Verify() {
+Status TableImpl::Verify() { return Verify(nullptr, ProgressCallback()); }
+
+Status TableImpl::Verify(VerifyCounts* counts, const ProgressCallback& progress) {
     return NoThrow([&] {
         std::shared_ptr<const Binding> bound;
         Status status = Current(nullptr, &bound);
         if (!status.ok()) return status;
-        VerifyCounts counts;
-        status = VerifyTable(m_context.get(), bound->schema, bound->reader, &counts);
-        if (!status.ok() || (counts.missing == 0 && counts.orphans == 0)) return status;
-        return Status::Corruption("table " + name() + ": " + std::to_string(counts.missing) +
-                                  " index or shard entries missing, " + std::to_string(counts.orphans) +
-                                  " entries without their record, in " + std::to_string(counts.records) + " records");
+        VerifyCounts found;
+        status = VerifyTable(m_context.get(), bound->schema, bound->reader, &found, progress);
+        if (counts != nullptr) *counts = status.ok() ? found : VerifyCounts();
+        if (!status.ok() || (found.missing == 0 && found.orphans == 0)) return status;
+        return Status::Corruption("table " + name() + ": " + std::to_string(found.missing) +
+                                  " index or shard entries missing, " + std::to_string(found.orphans) +
+                                  " entries without their record, in " + std::to_string(found.records) + " records");
     });
 }
 

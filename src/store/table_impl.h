@@ -16,6 +16,7 @@
 #include <mutex>
 #include <string>
 
+#include "store/bulk_write.h"
 #include "store/catalog.h"
 #include "store/read_path.h"
 #include "store/store_context.h"
@@ -44,6 +45,7 @@ public:
     Status Get(const google::protobuf::Message& key, const std::vector<std::string>& paths,
                google::protobuf::Message* out, std::set<std::string>* failed_paths) override;
     Status Delete(const google::protobuf::Message& key) override;
+    Status Write(const std::vector<WriteOp>& writes, WriteReport* report) override;
     Status FindByIndex(std::string_view index, const google::protobuf::Message& index_fields,
                        std::vector<Record>* records, size_t limit) override;
     Status Scan(const google::protobuf::Message* shard, size_t limit, std::vector<Record>* records) override;
@@ -55,17 +57,20 @@ public:
     Status CountIndex(std::string_view index, const google::protobuf::Message& index_fields,
                       uint64_t* count) override;
     Status Verify() override;
+    Status Verify(VerifyCounts* counts, const ProgressCallback& progress) override;
 
 private:
     // The schema bound to the client type, and the reader and writer over it.
     struct Binding {
-        explicit Binding(StoreContext* context) : reader(context, &schema), writer(context, &schema, &reader) {}
+        explicit Binding(StoreContext* context)
+            : reader(context, &schema), writer(context, &schema, &reader), bulk(context, &schema, &writer) {}
         Binding(const Binding&) = delete;
         Binding& operator=(const Binding&) = delete;
 
         TableSchema schema;
         RecordReader reader;
         RecordWriter writer;
+        BulkWriter bulk;
     };
 
     TableImpl(std::shared_ptr<StoreContext> context, const google::protobuf::Message& prototype,

@@ -10,7 +10,7 @@ namespace corvida {
 namespace store {
 
 Status VerifyTable(StoreContext* context, const TableSchema& schema, const RecordReader& reader,
-                   VerifyCounts* counts) {
+                   VerifyCounts* counts, const ProgressCallback& progress) {
     *counts = VerifyCounts();
     Engine* engine = context->engine();
     std::unique_ptr<ReadView> view;
@@ -26,7 +26,7 @@ Status VerifyTable(StoreContext* context, const TableSchema& schema, const Recor
                           Record record;
                           record_status = reader.MakeRecord(pk, fields, &record);
                           if (!record_status.ok()) return false;
-                          ++counts->records;
+                          if (++counts->records % 1000 == 0 && progress) progress(counts->records);
                           record.message->ByteSizeLong();
                           for (const Secondary& secondary : schema.secondaries()) {
                               if (schema.IsBuilding(secondary.name)) continue;

@@ -3,29 +3,22 @@
 #ifndef CORVIDA_STORE_VERIFY_H_
 #define CORVIDA_STORE_VERIFY_H_
 
-#include <cstdint>
-
 #include "store/read_path.h"
 #include "store/store_context.h"
+#include "store/table.h"
 #include "store/table_schema.h"
 
 namespace corvida {
 namespace store {
 
-// What a verification found.
-struct VerifyCounts {
-    uint64_t records = 0;
-    uint64_t entries = 0;
-    uint64_t missing = 0;  // entries a record should have and has not
-    uint64_t orphans = 0;  // entries without their record (or with another value than the record's)
-};
-
-// Reads the whole table at one view and counts. An index still being built
-// is left out: its back-fill has not reached every record yet. The status is an error only
-// when the table cannot be read (a primary key that does not parse, a key
-// that does not split); what is missing or left over is in *counts.
+// Reads the whole table at one view and counts (VerifyCounts, table.h),
+// calling progress (may be empty) every thousand records. An index still
+// being built is left out: its back-fill has not reached every record yet.
+// The status is an error only when the table cannot be read (a primary key
+// that does not parse, a key that does not split); what is missing or left
+// over is in *counts.
 Status VerifyTable(StoreContext* context, const TableSchema& schema, const RecordReader& reader,
-                   VerifyCounts* counts);
+                   VerifyCounts* counts, const ProgressCallback& progress);
 
 }  // namespace store
 }  // namespace corvida

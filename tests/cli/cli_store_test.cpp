@@ -198,7 +198,9 @@ TEST_F(StoreCliTest, ScanListsAShardOrTheTable) {
     ASSERT_EQ(all.status, 0) << all.err;
     EXPECT_EQ(std::count(all.out.begin(), all.out.end(), '#'), 2) << all.out;
     const ProcessResult limited = Store("scan", {"--limit", "1"});
-    EXPECT_EQ(std::count(limited.out.begin(), limited.out.end(), '#'), 1) << limited.out;
+    EXPECT_EQ(limited.out.rfind("# record 1\n", 0), 0u) << limited.out;
+    EXPECT_EQ(limited.out.find("# record 2"), std::string::npos) << limited.out;
+    EXPECT_NE(limited.out.find("\n# next "), std::string::npos) << "the cursor of the next page comes last";
 }
 
 TEST_F(StoreCliTest, MissingRecordIsANegativeAnswer) {

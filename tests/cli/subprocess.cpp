@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pty.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -29,11 +30,8 @@ struct Pipe {
     }
 };
 
-[[noreturn]] void ExecChild(const std::vector<std::string>& argv, const ProcessOptions& options, Pipe& in,
-                            Pipe& out, Pipe& err) {
-    ::dup2(in.fd[0], 0);
-    ::dup2(out.fd[1], 1);
-    ::dup2(err.fd[1], 2);
+// In the child: enters the directory, sets the environment and runs argv.
+[[noreturn]] void Exec(const std::vector<std::string>& argv, const ProcessOptions& options) {
     if (!options.directory.empty() && ::chdir(options.directory.c_str()) != 0) {
         std::fprintf(stderr, "cannot enter %s: %s\n", options.directory.c_str(), std::strerror(errno));
         ::_exit(127);
@@ -46,6 +44,14 @@ struct Pipe {
     ::execv(args[0], args.data());
     std::fprintf(stderr, "cannot run %s: %s\n", args[0], std::strerror(errno));
     ::_exit(127);
+}
+
+[[noreturn]] void ExecChild(const std::vector<std::string>& argv, const ProcessOptions& options, Pipe& in,
+                            Pipe& out, Pipe& err) {
+    ::dup2(in.fd[0], 0);
+    ::dup2(out.fd[1], 1);
+    ::dup2(err.fd[1], 2);
+    Exec(argv, options);
 }
 
 // Ignores SIGPIPE while it lives: a child that stops reading must not kill
@@ -141,6 +147,34 @@ ProcessResult ChildProcess::Finish(const std::string& input) {
 
 ChildProcess::~ChildProcess() {
     if (m_pid >= 0) Finish("");
+}
+
+ProcessResult RunOnTerminal(const std::vector<std::string>& argv, const ProcessOptions& options) {
+    ProcessResult result;
+    int terminal = -1;
+    const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (pid == 0) Exec(argv, options);
+    if (pid < 0) {
+        result.status = 127;
+        result.err = std::string("cannot open a pseudo-terminal: ") + std::strerror(errno);
+        return result;
+    }
+    // The terminal reads as ended (EIO) once the child and its descendants
+    // have closed it.
+    char buffer[1 << 16];
+    for (;;) {
+        const ssize_t n = ::read(terminal, buffer, sizeof(buffer));
+        if (n > 0) {
+            result.out.append(buffer, static_cast<size_t>(n));
+        } else if (n == 0 || errno != EINTR) {
+            break;
+        }
+    }
+    ::close(terminal);
+    int wait_status = 0;
+    if (::waitpid(pid, &wait_status, 0) != pid) return result;
+    result.status = WIFEXITED(wait_status) ? WEXITSTATUS(wait_status) : 128 + WTERMSIG(wait_status);
+    return result;
 }
 
 ProcessResult RunProcess(const std::vector<std::string>& argv, const ProcessOptions& options) {

@@ -27,6 +27,13 @@ struct ProcessOptions {
 // started gives status 127 and the reason in err.
 ProcessResult RunProcess(const std::vector<std::string>& argv, const ProcessOptions& options = {});
 
+// Runs argv[0] with a new pseudo-terminal as its controlling terminal and
+// its standard input, output and error: what a program shows only on a
+// terminal shows. out holds everything it wrote there (as the terminal
+// passes it on: "\r\n" for "\n"); err stays empty. options.input is not
+// used.
+ProcessResult RunOnTerminal(const std::vector<std::string>& argv, const ProcessOptions& options = {});
+
 // A child process that runs while the test looks at it (in /proc/PID/...):
 // started with Start(), which leaves its standard input open, and ended with
 // Finish(), which writes the input, closes it and waits. The destructor

@@ -14,6 +14,9 @@
 
 namespace corvida_store_test {
 
+// The operations of one Write call of the bulk writer.
+constexpr uint64_t kBulkCall = 16;
+
 struct CrashOp {
     enum Kind { kPut, kUpdateLevel, kUpdateNameAndStats, kDelete };
     Kind kind;

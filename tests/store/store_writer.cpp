@@ -6,6 +6,9 @@
 //                                  from number START on, writing "N\n" to
 //                                  standard output once operation N returned;
 //                                  runs until it is killed
+//   store_writer bulk DIR START    the same operations in Write calls of
+//                                  kBulkCall each, writing "N\n" once the
+//                                  call that ends with operation N returned
 //   store_writer open DIR          opens the store in DIR and prints the
 //                                  result; exit status 0 when it opened, 3
 //                                  when the store was busy, 1 otherwise
@@ -47,6 +50,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <unistd.h>
 
@@ -70,15 +74,46 @@ int Fail(const char* what, const Status& s) {
     return 1;
 }
 
+// Opens (creating) the store in dir with sync on, and its Player3 table.
+Status OpenTable(const std::string& dir, std::unique_ptr<TableStore>* store, std::unique_ptr<Table>* table) {
+    Status s = corvida_store_test::OpenStore(dir, store, true);
+    if (!s.ok()) return s;
+    s = (*store)->CreateTable(corvida_store_test::SchemaBlob(Player3::descriptor()), "Player3");
+    if (!s.ok() && !s.IsAlreadyExists()) return s;
+    return (*store)->OpenTable(Player3::default_instance(), nullptr, table);
+}
+
+int WriteInCalls(const std::string& dir, uint64_t start) {
+    std::unique_ptr<TableStore> store;
+    std::unique_ptr<Table> table;
+    Status s = OpenTable(dir, &store, &table);
+    if (!s.ok()) return Fail("open", s);
+    for (uint64_t first = start;; first += corvida_store_test::kBulkCall) {
+        std::vector<corvida_store_test::CrashOp> ops;
+        for (uint64_t i = first; i < first + corvida_store_test::kBulkCall; ++i) ops.push_back(corvida_store_test::MakeCrashOp(i));
+        std::vector<corvida::store::WriteOp> writes;
+        for (const corvida_store_test::CrashOp& op : ops) {
+            corvida::store::WriteOp write;
+            write.message = &op.record;
+            write.paths = op.paths;
+            write.kind = op.kind == corvida_store_test::CrashOp::kPut      ? corvida::store::WriteOp::Kind::kPut
+                         : op.kind == corvida_store_test::CrashOp::kDelete ? corvida::store::WriteOp::Kind::kDelete
+                                                                           : corvida::store::WriteOp::Kind::kUpdate;
+            writes.push_back(write);
+        }
+        corvida::store::WriteReport report;
+        s = table->Write(writes, &report);
+        if (!s.ok()) return Fail("write", s);
+        std::printf("%llu\n", static_cast<unsigned long long>(first + corvida_store_test::kBulkCall - 1));
+        std::fflush(stdout);
+    }
+}
+
 int Write(const std::string& dir, uint64_t start) {
     std::unique_ptr<TableStore> store;
-    Status s = corvida_store_test::OpenStore(dir, &store, true);
-    if (!s.ok()) return Fail("open", s);
-    s = store->CreateTable(corvida_store_test::SchemaBlob(Player3::descriptor()), "Player3");
-    if (!s.ok() && !s.IsAlreadyExists()) return Fail("create", s);
     std::unique_ptr<Table> table;
-    s = store->OpenTable(Player3::default_instance(), nullptr, &table);
-    if (!s.ok()) return Fail("open table", s);
+    Status s = OpenTable(dir, &store, &table);
+    if (!s.ok()) return Fail("open", s);
     for (uint64_t i = start;; ++i) {
         const corvida_store_test::CrashOp op = corvida_store_test::MakeCrashOp(i);
         switch (op.kind) {
@@ -265,6 +300,9 @@ int main(int argc, char** argv) {
     if (argc == 4 && std::strcmp(argv[1], "race") == 0) return Race(argv[2], std::atoi(argv[3]));
     if (argc == 3 && std::strcmp(argv[1], "upgrade") == 0) return Upgrade(argv[2]);
     if (argc == 4 && std::strcmp(argv[1], "write") == 0) return Write(argv[2], std::strtoull(argv[3], nullptr, 10));
+    if (argc == 4 && std::strcmp(argv[1], "bulk") == 0) {
+        return WriteInCalls(argv[2], std::strtoull(argv[3], nullptr, 10));
+    }
     if (argc == 3 && std::strcmp(argv[1], "open") == 0) {
         std::unique_ptr<TableStore> store;
         const Status s = TableStore::Open(argv[2], corvida::store::StoreOptions(), &store);
@@ -277,7 +315,7 @@ int main(int argc, char** argv) {
     }
     if (argc == 4 && std::strcmp(argv[1], "read") == 0) return Read(argv[2], std::atoi(argv[3]));
     std::fprintf(stderr,
-                 "usage: store_writer write DIR START | open DIR | race DIR N | upgrade DIR | build DIR | "
+                 "usage: store_writer write DIR START | bulk DIR START | open DIR | race DIR N | upgrade DIR | build DIR | "
                  "shared WHERE W N SECONDS | read WHERE ROUNDS\n");
     return 2;
 }

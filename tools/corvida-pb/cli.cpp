@@ -38,11 +38,13 @@ std::string ValueName(const CLI::Option* option) {
 }
 
 // "--proto FILE...": the first long name, the value's name, and "..." for an
-// option that may be given more than once.
+// option that may be given more than once. A positional argument is its
+// value's name alone ("FILE").
 std::string OptionUsage(const CLI::Option* option) {
-    std::string text = option->get_lnames().empty() ? "-" + option->get_snames().front()
-                                                    : "--" + option->get_lnames().front();
-    if (!ValueName(option).empty()) text += " " + ValueName(option);
+    std::string text = !option->nonpositional()         ? ValueName(option)
+                       : option->get_lnames().empty() ? "-" + option->get_snames().front()
+                                                      : "--" + option->get_lnames().front();
+    if (option->nonpositional() && !ValueName(option).empty()) text += " " + ValueName(option);
     if (option->get_multi_option_policy() == CLI::MultiOptionPolicy::TakeAll) text += "...";
     return text;
 }
@@ -110,6 +112,7 @@ public:
     // "-I, --proto-path" or "    --proto": the short name and the first long
     // name; further long names are listed after the description.
     std::string make_option_name(const CLI::Option* option, bool) const override {
+        if (!option->nonpositional()) return "    " + ValueName(option);
         const std::string short_name = option->get_snames().empty() ? "    " : "-" + option->get_snames()[0] + ", ";
         return option->get_lnames().empty() ? "-" + option->get_snames()[0] : short_name + "--" + option->get_lnames()[0];
     }
@@ -124,7 +127,7 @@ public:
 
     std::string make_option_opts(const CLI::Option* option) const override {
         std::string out;
-        if (!ValueName(option).empty()) out += " " + ValueName(option);
+        if (option->nonpositional() && !ValueName(option).empty()) out += " " + ValueName(option);
         if (option->get_multi_option_policy() == CLI::MultiOptionPolicy::TakeAll) out += "...";
         if (option->get_required()) out += " (required)";
         return out;
@@ -339,7 +342,8 @@ void CheckOneStandardInput(const Command& command) {
     std::vector<std::string> readers;
     for (const CLI::Option* option : command.readers()) {
         for (const std::string& value : option->results()) {
-            if (value == "-") readers.push_back("--" + option->get_lnames().front());
+            // A positional argument is named by its value's name ("FILE").
+            if (value == "-") readers.push_back(option->nonpositional() ? "--" + option->get_lnames().front() : option->get_name());
         }
     }
     if (readers.size() > 1) {

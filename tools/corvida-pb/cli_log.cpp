@@ -20,6 +20,9 @@ namespace {
 // gRPC, which take no context.
 int g_runtime_priority = PLOG_PRIORITY_ERROR;
 
+// The most distinct lines a CliLog counts the repeats of.
+constexpr size_t kCountedLines = 1000;
+
 // Writes "[priority] source: text" with text passed through RedactSecrets(),
 // as every other message is: a line may quote the message text or a name
 // taken from the command line. Throws nothing, as it is called from within
@@ -71,9 +74,10 @@ int ParseLogLevel(const std::string& level) {
     throw UsageError("invalid log level '" + level + "' (choose error, debug or trace)");
 }
 
-CliLog::CliLog(int priority) {
+CliLog::CliLog(int priority, Repeats repeats) {
     plog_category_init(&m_category, "corvida-pb", priority);
-    m_category.pfnWrite = &WriteLine;
+    m_category.pfnWrite = repeats == Repeats::kCounted ? &CliLog::WriteCounted : &WriteLine;
+    m_category.pvWriteCtx = this;
     g_runtime_priority = priority;
     m_previous_handler = google::protobuf::SetLogHandler(&WriteProtobufLine);
 #if CORVIDA_PB_WITH_ETCD
@@ -85,6 +89,28 @@ CliLog::CliLog(int priority) {
 CliLog::~CliLog() {
     g_runtime_priority = PLOG_PRIORITY_ERROR;
     google::protobuf::SetLogHandler(m_previous_handler);
+    for (const auto& line : m_repeats) {
+        if (line.second > 0) std::fprintf(stderr, "%s (%llu more times)\n", line.first.c_str(), static_cast<unsigned long long>(line.second));
+    }
+}
+
+void CliLog::WriteCounted(void* log, const PLOGEVENT* event, const char* message, size_t length) {
+    CliLog* self = static_cast<CliLog*>(log);
+    try {
+        const std::string line = std::string("[") + plog_priority_name(event->iPriority) + "] " + event->pszFunc +
+                                 ": " + RedactSecrets(std::string(message, length));
+        const std::lock_guard<std::mutex> lock(self->m_mutex);
+        const auto counted = self->m_repeats.find(line);
+        if (counted != self->m_repeats.end()) {
+            ++counted->second;
+            return;
+        }
+        // Lines that differ each time (naming a record) are not kept.
+        if (self->m_repeats.size() < kCountedLines) self->m_repeats.emplace(line, 0);
+    } catch (const std::exception&) {
+        // Without memory to count it, the line is written.
+    }
+    WriteLine(log, event, message, length);
 }
 
 }  // namespace corvida_pb

@@ -128,14 +128,13 @@ void PrintComparison(const std::string& blob, LPPLOGCATEGORYINST log) {
     if (ret == 0) {
         std::cout << "compatible: the server's Player matches corvida.example.Player\n";
     } else {
-        std::cout << "incompatible (result " << ret << "): " << ExplainCompareResult(ret) << "\n";
+        PrintIncompatible(std::cout, ret, ExplainCompareResult(ret));
     }
 }
 
 void SchemaSteps(LPPLOGCATEGORYINST log) {
     const google::protobuf::FileDescriptorSet files = SchemaBlobOf({Player::descriptor()->file()});
-    std::vector<std::string> names;
-    for (const auto& file : files.file()) names.push_back(file.name());
+    const std::vector<std::string> names = BlobFileNames(files);
     const std::string blob = files.SerializeAsString();
     Section(6, "Schema of Player and Guild",
             "The schema blob holds " + JoinComma(names) + " (" + std::to_string(blob.size()) + " bytes).\n");

@@ -78,8 +78,7 @@ public:
         const int ret =
             ComputeKey(&api, *msg, field_key ? &numbers : nullptr, m_check, log.category(), &key);
         if (ret != 0) {
-            throw Failure(ExplainKeyResult(ret, *msg, field_key ? &numbers : nullptr, &api, key.size()) +
-                          " (result " + std::to_string(ret) + ")");
+            throw Failure(WithResult(ExplainKeyResult(ret, *msg, field_key ? &numbers : nullptr, &api, key.size()), ret));
         }
         const std::vector<std::string> unset = field_key ? std::vector<std::string>() : UnsetKeyFields(*msg);
         if (!field_key) CheckComplete(*msg, key, unset);

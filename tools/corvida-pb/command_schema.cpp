@@ -133,8 +133,7 @@ public:
         const int ret = PROTOBUF_UTIL::GetMetaAndCompare(client->name(), blob, client, log.category());
         if (ret == -1 || ret == -2) {
             const std::string missing = ret == -1 ? ExplainMissingTable(client->name(), blob) : std::string();
-            throw Failure("cannot compare: " + (missing.empty() ? ExplainCompareResult(ret) : missing) + " (result " +
-                          std::to_string(ret) + ")");
+            throw Failure(WithResult("cannot compare: " + (missing.empty() ? ExplainCompareResult(ret) : missing), ret));
         }
         std::vector<SchemaDifference> differences;
         if (ret != 0 && m_all) differences = DifferencesReported(server_table, client, ret);
@@ -143,11 +142,9 @@ public:
         } else if (ret == 0) {
             std::cout << "compatible: the server's " << client->name() << " matches " << client->full_name() << "\n";
         } else if (!m_all) {
-            std::cout << "incompatible (result " << ret << "): " << ExplainCompareResult(ret) << "\n";
+            PrintIncompatible(std::cout, ret, ExplainCompareResult(ret));
         } else {
-            for (const SchemaDifference& difference : differences) {
-                std::cout << DifferenceLocation(*schema, difference) << ": " << difference.message << "\n";
-            }
+            PrintDifferences(std::cout, *schema, differences);
         }
         return ret == 0 ? kExitOk : kExitNegative;
     }
@@ -165,8 +162,7 @@ private:
 
     void PrintJsonResult(const Schema& schema, const Descriptor* client, int ret,
                          const std::vector<SchemaDifference>& differences) const {
-        Json result = {{"table", client->full_name()}, {"compatible", ret == 0}, {"code", ret}};
-        if (ret != 0) result["explanation"] = ExplainCompareResult(ret);
+        Json result = ComparisonJson(client, ret == 0, ret, ret != 0 ? ExplainCompareResult(ret) : std::string());
         if (m_all) result["differences"] = DifferencesJson(schema, differences);
         PrintJson(std::cout, result);
     }
@@ -200,8 +196,7 @@ public:
         const google::protobuf::FileDescriptorSet set = SchemaBlobOf(roots);
         const std::string blob = set.SerializeAsString();
         WriteFile(m_output, blob);
-        std::vector<std::string> names;
-        for (const auto& file : set.file()) names.push_back(file.name());
+        const std::vector<std::string> names = BlobFileNames(set);
         if (json()) {
             PrintJson(std::cout, {{"files", names}, {"bytes", blob.size()}, {"output", m_output}});
         } else if (m_output != "-") {

@@ -18,7 +18,7 @@ using corvida::store::Page;
 using corvida::store::Record;
 using google::protobuf::Message;
 
-const char kStoreSummary[] = "a table store: create tables, write, read, find, scan and look after them";
+const char kStoreSummary[] = "a table store: create tables, write, read, find, scan, export, import and look after them";
 
 const StoreCommandTraits kCreate = {
     "create", "create the store if needed and add a table to it",
@@ -58,8 +58,7 @@ private:
         const google::protobuf::FileDescriptorSet files = SchemaBlobOf({table_type()->file()});
         const std::string blob = files.SerializeAsString();
         CheckStore(store().CreateTable(blob, table_type()->full_name()));
-        std::vector<std::string> names;
-        for (const auto& file : files.file()) names.push_back(file.name());
+        const std::vector<std::string> names = BlobFileNames(files);
         if (json()) {
             PrintJson(std::cout, {{"table", table_type()->full_name()},
                                   {"operation", "create"},
@@ -190,40 +189,44 @@ private:
 };
 
 // find and scan: records listed one after another, each after "# record N"
-// (one JSON object per line with --format json), at most --limit of them.
+// (one JSON object per line with --format json), at most --limit of them,
+// after the record of --after. When the limit cut the listing short, the
+// cursor of its last record comes last ("# next CURSOR", or the JSON line
+// {"#next":"CURSOR"}), for --after of the next page.
 class ListingCommand : public TableCommand {
 protected:
     ListingCommand(CLI::App* parent, const StoreCommandTraits& traits) : TableCommand(parent, traits) {
         // The range check refuses what strtoull would wrap ("-1") or saturate.
-        app()->add_option("--limit", m_limit, "list at most N records (0: all)")
+        app()->add_option("--limit", m_page.limit, "list at most N records (0: all)")
             ->type_name("N")
             ->check(CLI::Range(size_t{0}, size_t{std::numeric_limits<int32_t>::max()}));
+        app()->add_option("--after", m_page.after, "list the records after the one of CURSOR, which a limited listing printed last")
+            ->type_name("CURSOR");
     }
 
-    // Prints each record as it comes.
-    corvida::store::RecordVisitor Printer() {
-        return [this](Record& record) {
-            PrintListed(record, ++m_listed);
-            return true;
-        };
-    }
-
-    Page page() const {
-        Page page;
-        page.limit = m_limit;
-        return page;
+    // Lists the records of read, which takes the page, the visitor and where
+    // the cursor goes.
+    template <typename Read>
+    int List(Read read) {
+        size_t listed = 0;
+        std::string next;
+        VisitGuard guard;
+        guard.Check(read(m_page, guard.Wrap([this, &listed](Record& record) { PrintListed(record, ++listed); }), &next));
+        if (!next.empty()) printer().PrintNext(next);
+        return kExitOk;
     }
 
 private:
-    size_t m_limit = 0;
-    size_t m_listed = 0;
+    Page m_page;
 };
 
 const StoreCommandTraits kFind = {
     "find", "list the records whose index fields equal the given ones",
     "Lists every record whose fields of the index --index equal those of --text or\n"
     "--text-file, in primary-key order, each after a line '# record N' (or, with\n"
-    "--format json, one JSON object per line).\n",
+    "--format json, one JSON object per line). With --limit, when the limit cut\n"
+    "the listing short, a last line '# next CURSOR' (in JSON: {\"#next\":\"CURSOR\"})\n"
+    "gives the cursor from which --after lists the next page.\n",
     StoreAccess::kRead, true, "the index fields"};
 
 class FindCommand : public ListingCommand {
@@ -236,8 +239,9 @@ public:
 
 private:
     int RunOnTable() override {
-        CheckStore(table().FindEach(m_index, message(), page(), Printer(), nullptr));
-        return kExitOk;
+        return List([this](const Page& page, const corvida::store::RecordVisitor& visit, std::string* next) {
+            return table().FindEach(m_index, message(), page, visit, next);
+        });
     }
 
     std::string m_index;
@@ -247,30 +251,22 @@ const StoreCommandTraits kScan = {
     "scan", "list the records of a shard, or of the whole table",
     "Lists the records of the shard whose sharding-key fields --shard-text gives,\n"
     "or of the whole table, in primary-key order, each after a line '# record N'\n"
-    "(or, with --format json, one JSON object per line).\n",
+    "(or, with --format json, one JSON object per line). With --limit, when the\n"
+    "limit cut the listing short, a last line '# next CURSOR' (in JSON:\n"
+    "{\"#next\":\"CURSOR\"}) gives the cursor from which --after lists the next page.\n",
     StoreAccess::kRead, true, nullptr};
 
 class ScanCommand : public ListingCommand {
 public:
-    explicit ScanCommand(CLI::App* parent) : ListingCommand(parent, kScan) {
-        m_shard_option =
-            app()->add_option("--shard-text", m_shard_text, "the sharding-key fields in protobuf text format")
-                ->type_name("TEXT");
-    }
+    explicit ScanCommand(CLI::App* parent) : ListingCommand(parent, kScan) { AddShardOption(); }
 
 private:
     int RunOnTable() override {
-        std::unique_ptr<Message> shard;
-        if (Given(m_shard_option)) {
-            shard = NewMessage();
-            ParseMessageText(m_shard_text, "--shard-text", shard.get());
-        }
-        CheckStore(table().ScanEach(shard.get(), page(), Printer(), nullptr));
-        return kExitOk;
+        const std::unique_ptr<Message> shard = ShardFromArgs();
+        return List([this, &shard](const Page& page, const corvida::store::RecordVisitor& visit, std::string* next) {
+            return table().ScanEach(shard.get(), page, visit, next);
+        });
     }
-
-    std::string m_shard_text;
-    CLI::Option* m_shard_option = nullptr;
 };
 
 }  // namespace
@@ -292,6 +288,7 @@ std::vector<std::unique_ptr<Command>> MakeStoreCommands(CLI::App* parent) {
     AddStoreRecordCommands(group, &commands);
     AddStoreAdminCommands(group, &commands);
     AddStoreSchemaCommands(group, &commands);
+    AddStoreBulkCommands(group, &commands);
     return commands;
 }
 

@@ -62,7 +62,7 @@ public:
         const int ret = CutValueSet(msg, paths, m_with_keys, set.get(), log.category());
         if (ret != 0) {
             const std::set<std::string> key_names = m_with_keys ? std::set<std::string>() : KeyNames(*msg);
-            throw Failure(ExplainCutResult(ret, table, paths, key_names) + " (result " + std::to_string(ret) + ")");
+            throw Failure(WithResult(ExplainCutResult(ret, table, paths, key_names), ret));
         }
 
         const std::vector<std::string> skipped =

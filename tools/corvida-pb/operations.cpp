@@ -4,6 +4,7 @@
 #include <climits>
 
 #include "corvida-pb/explain.h"
+#include "corvida-pb/report.h"
 #include "corvida-pb/status.h"
 #include "corvida-pb/wire_view.h"
 
@@ -125,7 +126,7 @@ void MergeValueSet(const ProtobufValueSet_& set, Message* msg, std::set<std::str
     if (ret == 0) return;
     std::vector<std::string> tag_paths;
     for (const PbValueSetBuffer::Field& field : fields) tag_paths.push_back(field.path != nullptr ? field.path : "");
-    throw Failure(ExplainMergeResult(ret, msg->GetDescriptor(), tag_paths) + " (result " + std::to_string(ret) + ")");
+    throw Failure(WithResult(ExplainMergeResult(ret, msg->GetDescriptor(), tag_paths), ret));
 }
 
 }  // namespace corvida_pb

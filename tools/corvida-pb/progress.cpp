@@ -90,7 +90,8 @@ std::string Progress::Line() const {
 void Progress::Draw(bool force) {
     const Clock::time_point now = Clock::now();
     if (m_terminal) {
-        if (!force && now - m_last_draw < std::chrono::milliseconds(100)) return;
+        // The first step draws at once, so that the bar shows from the start.
+        if (!force && m_drawn && now - m_last_draw < std::chrono::milliseconds(100)) return;
         m_out << "\r\033[K" << Line() << std::flush;
         m_drawn = true;
     } else {

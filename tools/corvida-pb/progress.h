@@ -1,11 +1,11 @@
 // Progress of a command that may run for more than a moment (an import, an
 // export, a verification, an index build), on standard error.
 //
-// On a terminal, one line is redrawn at most ten times a second: a bar when
-// the total is known, the count, the rate and the time left ("[#####.....]
-// 52,000 / 100,000 records  48,200/s  0:01 left"). Elsewhere, as the command
-// chooses: nothing (a pipe stays clean for scripts), or one plain line per
-// second. Finish() erases the bar and prints the summary line, on a terminal
+// On a terminal, one line is drawn at the first step and redrawn at most
+// ten times a second after it: a bar when the total is known, the count, the
+// rate and the time left ("[#####.....] 52,000 / 100,000 records  48,200/s
+// 0:01 left"). Elsewhere, as the command chooses: nothing (a pipe stays
+// clean for scripts), or one plain line per second. Finish() erases the bar and prints the summary line, on a terminal
 // and elsewhere ("imported 100000 records in 2.1 s").
 //
 // Whether standard error is a terminal is asked once, when the object is
@@ -37,6 +37,8 @@ public:
     void Advance(uint64_t n = 1);
     void SetTotal(uint64_t total) { m_total = total; }
     uint64_t done() const { return m_done; }
+    // True when the bar is drawn: standard error is a terminal.
+    bool terminal() const { return m_terminal; }
     double seconds() const;
 
     // Erases the bar and prints summary on a line of its own.

@@ -1,7 +1,10 @@
 #include "corvida-pb/report.h"
 
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/io/zero_copy_stream_impl_lite.h>
 #include <google/protobuf/text_format.h>
 #include <google/protobuf/util/json_util.h>
+#include <google/protobuf/util/type_resolver_util.h>
 
 #include "corvida-pb/operations.h"
 #include "corvida-pb/status.h"
@@ -40,6 +43,32 @@ std::string JoinComma(const std::vector<std::string>& items) {
     std::string out;
     for (const std::string& item : items) out += (out.empty() ? "" : ", ") + item;
     return out;
+}
+
+std::string WithResult(const std::string& explanation, int code) {
+    return explanation + " (result " + std::to_string(code) + ")";
+}
+
+void PrintIncompatible(std::ostream& out, int code, const std::string& explanation) {
+    out << "incompatible (result " << code << "): " << explanation << "\n";
+}
+
+void PrintDifferences(std::ostream& out, const Schema& schema, const std::vector<SchemaDifference>& differences) {
+    for (const SchemaDifference& difference : differences) {
+        out << DifferenceLocation(schema, difference) << ": " << difference.message << "\n";
+    }
+}
+
+std::vector<std::string> BlobFileNames(const google::protobuf::FileDescriptorSet& set) {
+    std::vector<std::string> names;
+    for (const auto& file : set.file()) names.push_back(file.name());
+    return names;
+}
+
+std::string FailedPathsText(const Descriptor* table, const std::set<std::string>& failed) {
+    std::vector<std::string> items;
+    for (const std::string& path : failed) items.push_back(Printable(path) + " (" + Printable(NamePath(table, path)) + ")");
+    return JoinComma(items);
 }
 
 std::string NamePath(const Descriptor* table, const std::string& tagpath) {
@@ -90,9 +119,7 @@ void PrintMerge(std::ostream& out, const google::protobuf::Message& msg, size_t 
     std::string text;
     google::protobuf::TextFormat::PrintToString(msg, &text);
     out << msg.GetDescriptor()->full_name() << " after merging " << records << " records:\n" << text;
-    std::vector<std::string> items;
-    for (const std::string& path : failed) items.push_back(path + " (" + NamePath(msg.GetDescriptor(), path) + ")");
-    out << "failed paths: " << (items.empty() ? "none" : JoinComma(items)) << "\n";
+    out << "failed paths: " << (failed.empty() ? "none" : FailedPathsText(msg.GetDescriptor(), failed)) << "\n";
 }
 
 void PrintGroup(std::ostream& out, const PROTOBUF_UTIL::MsgDescGroup& group) {
@@ -106,6 +133,103 @@ void PrintGroup(std::ostream& out, const PROTOBUF_UTIL::MsgDescGroup& group) {
     }
 }
 
+
+namespace {
+
+constexpr char kTypeUrlPrefix[] = "type.googleapis.com";
+constexpr char kNextMember[] = "#next";
+// Output gathered before it is written.
+constexpr size_t kPrintBuffer = 1 << 16;
+
+}  // namespace
+
+JsonMapping::JsonMapping(const Descriptor* type)
+    : m_resolver(google::protobuf::util::NewTypeResolverForDescriptorPool(kTypeUrlPrefix, type->file()->pool())),
+      m_url(std::string(kTypeUrlPrefix) + "/" + type->full_name()) {}
+
+JsonMapping::~JsonMapping() = default;
+
+void JsonMapping::Print(const google::protobuf::Message& msg, std::string* out) {
+    m_binary.clear();
+    {
+        google::protobuf::io::StringOutputStream stream(&m_binary);
+        google::protobuf::io::CodedOutputStream coded(&stream);
+        coded.SetSerializationDeterministic(true);
+        msg.SerializeToCodedStream(&coded);
+    }
+    m_json.clear();
+    const auto status = google::protobuf::util::BinaryToJsonString(m_resolver.get(), m_url, m_binary, &m_json);
+    if (!status.ok()) {
+        throw Failure("the " + msg.GetDescriptor()->full_name() + " cannot be shown as JSON: " +
+                      std::string(status.message()));
+    }
+    out->append(m_json);
+}
+
+bool JsonMapping::Parse(const std::string& text, google::protobuf::Message* msg, std::string* error) {
+    m_binary.clear();
+    const auto status = google::protobuf::util::JsonToBinaryString(m_resolver.get(), m_url, text, &m_binary);
+    if (!status.ok()) {
+        *error = std::string(status.message());
+        return false;
+    }
+    msg->Clear();
+    if (!msg->ParseFromString(m_binary)) {
+        *error = "not a " + msg->GetDescriptor()->full_name();
+        return false;
+    }
+    return true;
+}
+
+RecordPrinter::RecordPrinter(const Descriptor* type, RecordFormat format, std::ostream& out)
+    : m_format(format), m_out(out) {
+    if (format == RecordFormat::kJson) m_json.reset(new JsonMapping(type));
+}
+
+void RecordPrinter::Print(const google::protobuf::Message& record) {
+    if (m_format == RecordFormat::kJson) {
+        m_json->Print(record, &m_buffer);
+        m_buffer.push_back('\n');
+    } else {
+        std::string text;
+        google::protobuf::TextFormat::PrintToString(record, &text);
+        m_buffer += text;
+    }
+    FlushIfFull();
+}
+
+void RecordPrinter::PrintListed(const google::protobuf::Message& record, uint64_t number) {
+    if (m_format == RecordFormat::kText) m_buffer += "# record " + std::to_string(number) + "\n";
+    Print(record);
+}
+
+void RecordPrinter::PrintNext(const std::string& cursor) {
+    if (m_format == RecordFormat::kJson) {
+        m_buffer += Json({{kNextMember, cursor}}).dump() + "\n";
+    } else {
+        m_buffer += "# next " + cursor + "\n";
+    }
+}
+
+void RecordPrinter::FlushIfFull() {
+    if (m_buffer.size() >= kPrintBuffer) Flush();
+}
+
+void RecordPrinter::Flush() {
+    m_out.write(m_buffer.data(), static_cast<std::streamsize>(m_buffer.size()));
+    m_out.flush();
+    m_buffer.clear();
+}
+
+bool ParseNextLine(const std::string& line, std::string* cursor) {
+    if (line.find(kNextMember) == std::string::npos) return false;
+    const Json json = Json::parse(line, nullptr, false);
+    if (!json.is_object() || json.size() != 1 || !json.contains(kNextMember) || !json[kNextMember].is_string()) {
+        return false;
+    }
+    *cursor = json[kNextMember].get<std::string>();
+    return true;
+}
 
 void PrintJson(std::ostream& out, const Json& json) {
     out << json.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
@@ -148,6 +272,25 @@ Json MessageJson(const google::protobuf::Message& msg) {
 Json FailedPathsJson(const Descriptor* table, const std::set<std::string>& failed) {
     Json list = Json::array();
     for (const std::string& path : failed) list.push_back({{"tag_path", path}, {"path", NamePath(table, path)}});
+    return list;
+}
+
+Json ComparisonJson(const Descriptor* table, bool compatible, int code, const std::string& explanation) {
+    Json result = {{"table", table->full_name()}, {"compatible", compatible}, {"code", code}};
+    if (!compatible) result["explanation"] = explanation;
+    return result;
+}
+
+Json DifferencesJson(const Schema& schema, const std::vector<SchemaDifference>& differences) {
+    Json list = Json::array();
+    for (const SchemaDifference& difference : differences) {
+        Json item = {{"file", schema.FileDisplayName(difference.file)}};
+        item["line"] = difference.line > 0 ? Json(difference.line) : Json(nullptr);
+        item["column"] = difference.line > 0 ? Json(difference.column) : Json(nullptr);
+        item["code"] = difference.code;
+        item["message"] = difference.message;
+        list.push_back(item);
+    }
     return list;
 }
 

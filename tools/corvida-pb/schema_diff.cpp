@@ -8,6 +8,7 @@
 #include <google/protobuf/descriptor.pb.h>
 
 #include "corvida-pb/explain.h"
+#include "corvida-pb/report.h"
 #include "corvida-pb/schema_loader.h"
 #include "corvidaservice.optionv1.pb.h"
 #include "protobuf_api/protobuf_util.h"
@@ -166,7 +167,7 @@ private:
         const std::pair<int, int> span = Spans(file).Find(path);
         difference.line = span.first;
         difference.column = span.second;
-        difference.message = context + message + " (result " + std::to_string(difference.code) + ")";
+        difference.message = WithResult(context + message, difference.code);
         m_differences.push_back(std::move(difference));
     }
 
@@ -445,7 +446,7 @@ std::vector<SchemaDifference> DifferencesReported(const google::protobuf::Descri
         SchemaDifference first;
         first.code = code;
         first.file = client->file();
-        first.message = ExplainCompareResult(code) + " (result " + std::to_string(code) + ")";
+        first.message = WithResult(ExplainCompareResult(code), code);
         differences.insert(differences.begin(), first);
     }
     return differences;

@@ -393,28 +393,35 @@ FileDescriptorSet SchemaBlobOf(const std::vector<const FileDescriptor*>& roots) 
     return set;
 }
 
-void ParseMessageText(const std::string& text, const std::string& source, Message* msg) {
+bool TryParseMessageText(const std::string& text, const std::string& source, int first_line, Message* msg,
+                         std::string* errors) {
     class TextErrors : public google::protobuf::io::ErrorCollector {
     public:
-        explicit TextErrors(const std::string& source) : m_source(source) {}
+        TextErrors(const std::string& source, int offset) : m_source(source), m_offset(offset) {}
         void AddError(int line, google::protobuf::io::ColumnNumber column, const std::string& message) override {
-            m_lines.push_back(PositionedError(m_source, line, column, message));
+            m_lines.push_back(PositionedError(m_source, line < 0 ? line : line + m_offset, column, message));
         }
         std::string Text() const { return JoinLines(m_lines); }
 
     private:
         const std::string& m_source;
+        int m_offset;
         std::vector<std::string> m_lines;
     };
 
-    TextErrors errors(source);
+    TextErrors collected(source, first_line - 1);
     google::protobuf::TextFormat::Parser parser;
-    parser.RecordErrorsTo(&errors);
+    parser.RecordErrorsTo(&collected);
     parser.AllowPartialMessage(true);
-    if (!parser.ParseFromString(text, msg)) {
-        const std::string detail = errors.Text();
-        throw Failure(detail.empty() ? source + ": not a " + msg->GetTypeName() + " in text format" : detail);
-    }
+    if (parser.ParseFromString(text, msg)) return true;
+    *errors = collected.Text();
+    if (errors->empty()) *errors = source + ": not a " + msg->GetTypeName() + " in text format";
+    return false;
+}
+
+void ParseMessageText(const std::string& text, const std::string& source, Message* msg) {
+    std::string errors;
+    if (!TryParseMessageText(text, source, 1, msg, &errors)) throw Failure(errors);
 }
 
 }  // namespace corvida_pb

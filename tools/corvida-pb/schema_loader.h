@@ -111,6 +111,12 @@ google::protobuf::FileDescriptorSet SchemaBlobOf(const std::vector<const google:
 // "source:line:column: message".
 void ParseMessageText(const std::string& text, const std::string& source, google::protobuf::Message* msg);
 
+// The same without throwing: false, with the errors in *errors, when text is
+// not a message of msg's type. text starts at line first_line of source
+// (from 1), which the errors' line numbers count from.
+bool TryParseMessageText(const std::string& text, const std::string& source, int first_line,
+                         google::protobuf::Message* msg, std::string* errors);
+
 }  // namespace corvida_pb
 
 #endif  // CORVIDA_PB_SCHEMA_LOADER_H_

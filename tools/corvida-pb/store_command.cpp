@@ -2,8 +2,6 @@
 
 #include <iostream>
 
-#include <google/protobuf/text_format.h>
-
 #include "corvida-pb/explain.h"
 #include "corvida-pb/schema_diff.h"
 #include "corvida-pb/status.h"
@@ -27,12 +25,6 @@ void CheckRecord(const Status& status) {
 }
 
 namespace {
-
-std::string TextOf(const Message& msg) {
-    std::string text;
-    google::protobuf::TextFormat::PrintToString(msg, &text);
-    return text;
-}
 
 // The schema blob the store holds for the client type's table: the entry of
 // its full name, else the one of its short name.
@@ -91,7 +83,7 @@ void StoreCommand::OpenStore(StoreAccess access) {
 }
 
 corvida::store::StoreOptions StoreCommand::Options(StoreAccess access) {
-    if (m_log == nullptr) m_log.reset(new CliLog(log_priority()));
+    if (m_log == nullptr) m_log.reset(new CliLog(log_priority(), m_log_repeats));
     corvida::store::StoreOptions options;
     options.create_if_missing = access == StoreAccess::kCreate;
     options.read_only = access == StoreAccess::kRead;
@@ -105,13 +97,26 @@ corvida::store::StoreOptions StoreCommand::Options(StoreAccess access) {
 
 std::unique_ptr<Message> StoreCommand::NewMessage() const { return m_loaded.schema->NewMessage(m_loaded.table); }
 
+CLI::Option* StoreCommand::AddShardOption() {
+    m_shard_option = app()->add_option("--shard-text", m_shard_text, "the sharding-key fields in protobuf text format")
+                         ->type_name("TEXT");
+    return m_shard_option;
+}
+
+std::unique_ptr<Message> StoreCommand::ShardFromArgs() const {
+    if (!Given(m_shard_option)) return nullptr;
+    std::unique_ptr<Message> shard = NewMessage();
+    ParseMessageText(m_shard_text, "--shard-text", shard.get());
+    return shard;
+}
+
 bool StoreCommand::OpenTable() {
     m_ciphers.Configure(&m_api);
     const Status status = m_store->OpenTable(*m_loaded.msg, &m_api, &m_table);
     if (status.IsInvalidArgument() && (status.bridge_code() == -3 || status.bridge_code() == -4)) {
         // The cipher suite is missing or holds another key: say how to give it.
-        throw Failure(ExplainKeyResult(status.bridge_code(), *m_loaded.msg, nullptr, &m_api, 0) + " (result " +
-                      std::to_string(status.bridge_code()) + ")");
+        throw Failure(WithResult(ExplainKeyResult(status.bridge_code(), *m_loaded.msg, nullptr, &m_api, 0),
+                                 status.bridge_code()));
     }
     if (!status.IsIncompatibleSchema()) {
         CheckStore(status);
@@ -135,42 +140,35 @@ bool StoreCommand::OpenTable() {
         differences = DifferencesReported(server_table, m_loaded.table, code);
     }
     if (json()) {
-        Json result = {{"table", m_loaded.table->full_name()},
-                       {"compatible", false},
-                       {"code", code},
-                       {"explanation", explanation}};
+        Json result = ComparisonJson(m_loaded.table, false, code, explanation);
         result["differences"] = DifferencesJson(*m_loaded.schema, differences);
         PrintJson(std::cout, result);
     } else {
-        std::cout << "incompatible (result " << code << "): " << explanation << "\n";
-        for (const SchemaDifference& difference : differences) {
-            std::cout << DifferenceLocation(*m_loaded.schema, difference) << ": " << difference.message << "\n";
-        }
+        PrintIncompatible(std::cout, code, explanation);
+        PrintDifferences(std::cout, *m_loaded.schema, differences);
     }
     return false;
 }
 
-void StoreCommand::PrintRecord(const Message& record) const {
-    if (json()) {
-        PrintJson(std::cout, MessageJson(record));
-    } else {
-        std::cout << TextOf(record);
-    }
+RecordPrinter& StoreCommand::printer() {
+    if (m_printer == nullptr) m_printer.reset(new RecordPrinter(table_type(), record_format(), std::cout));
+    return *m_printer;
 }
 
-void StoreCommand::PrintListed(const Record& record, size_t number) const {
+void StoreCommand::FlushRecords() {
+    if (m_printer != nullptr) m_printer->Flush();
+}
+
+void StoreCommand::PrintRecord(const Message& record) { printer().Print(record); }
+
+void StoreCommand::PrintListed(const Record& record, size_t number) {
     WarnFailedPaths(record.failed_paths, "record " + std::to_string(number) + ": ");
-    if (!json()) std::cout << "# record " << number << "\n";
-    PrintRecord(*record.message);
+    printer().PrintListed(*record.message, number);
 }
 
 void StoreCommand::WarnFailedPaths(const std::set<std::string>& failed, const std::string& which) const {
     if (failed.empty()) return;
-    std::vector<std::string> items;
-    for (const std::string& path : failed) {
-        items.push_back(Printable(path) + " (" + Printable(NamePath(table_type(), path)) + ")");
-    }
-    PrintWarning(app(), which + "fields that did not merge, shown as stored: " + JoinComma(items));
+    PrintWarning(app(), which + "fields that did not merge, shown as stored: " + FailedPathsText(table_type(), failed));
 }
 
 void StoreCommand::PrintWritten(const std::string& operation, const std::vector<std::string>& paths) const {
@@ -184,10 +182,36 @@ void StoreCommand::PrintWritten(const std::string& operation, const std::vector<
     }
 }
 
+corvida::store::RecordVisitor VisitGuard::Wrap(std::function<void(Record&)> body) {
+    return [this, body](Record& record) {
+        try {
+            body(record);
+            return true;
+        } catch (...) {
+            m_thrown = std::current_exception();
+            return false;
+        }
+    };
+}
+
+void VisitGuard::Check(const Status& status) const {
+    if (m_thrown) std::rethrow_exception(m_thrown);
+    CheckStore(status);
+}
+
 int TableCommand::Run() {
     OpenStore();
     if (!OpenTable()) return kExitNegative;
-    return RunOnTable();
+    int status = kExitOk;
+    try {
+        status = RunOnTable();
+    } catch (...) {
+        // What was read before the failure is shown before its message.
+        FlushRecords();
+        throw;
+    }
+    FlushRecords();
+    return status;
 }
 
 }  // namespace corvida_pb

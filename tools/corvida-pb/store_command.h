@@ -10,6 +10,8 @@
 #ifndef CORVIDA_PB_STORE_COMMAND_H_
 #define CORVIDA_PB_STORE_COMMAND_H_
 
+#include <exception>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -67,6 +69,10 @@ protected:
     corvida::store::StoreOptions Options() { return Options(m_traits.access); }
     corvida::store::StoreOptions Options(StoreAccess access);
 
+    // For a command over many records: each distinct line of the library's
+    // log is written once, its repeats counted (CliLog::Repeats::kCounted).
+    void CountRepeatedLogLines() { m_log_repeats = CliLog::Repeats::kCounted; }
+
     // Opens the table as the client type of --table. Returns false after
     // printing the comparison's answer (every incompatibility, named) when
     // the stored schema refuses it.
@@ -74,6 +80,11 @@ protected:
 
     // A new empty message of the table's type.
     std::unique_ptr<google::protobuf::Message> NewMessage() const;
+
+    // --shard-text: the sharding-key fields of a shard. ShardFromArgs()
+    // parses them after the table is open; null when the option is absent.
+    CLI::Option* AddShardOption();
+    std::unique_ptr<google::protobuf::Message> ShardFromArgs() const;
 
     const google::protobuf::Message& message() const { return *m_loaded.msg; }
     const Schema& schema() const { return *m_loaded.schema; }
@@ -85,10 +96,18 @@ protected:
     CipherOptions& ciphers() { return m_ciphers; }
     CORVIDA_KV::CorvidaKVApi& api() { return m_api; }
 
+    // The format of records: that of --format.
+    RecordFormat record_format() const { return json() ? RecordFormat::kJson : RecordFormat::kText; }
+    // Where records go on standard output, in the format of --format.
+    RecordPrinter& printer();
+    // Writes out what printer() holds (TableCommand does at the end, and
+    // before the message of a failure).
+    void FlushRecords();
     // Prints a record: its text, or one line of JSON.
-    void PrintRecord(const google::protobuf::Message& record) const;
-    // Prints a record of a listing: after "# record N" in text.
-    void PrintListed(const corvida::store::Record& record, size_t number) const;
+    void PrintRecord(const google::protobuf::Message& record);
+    // Prints a record of a listing (after "# record N" in text), warning
+    // first about its fields that did not merge.
+    void PrintListed(const corvida::store::Record& record, size_t number);
     // Warns about the fields of a record that did not merge.
     void WarnFailedPaths(const std::set<std::string>& failed, const std::string& which) const;
     // The result of a write, as text or JSON.
@@ -104,11 +123,28 @@ private:
     CipherOptions m_ciphers;
     // Destroyed in reverse order: the table before the store, both before
     // the suites, the message and the schema they use.
+    CliLog::Repeats m_log_repeats = CliLog::Repeats::kWritten;
     std::unique_ptr<CliLog> m_log;
     TableMessage m_loaded;
     CORVIDA_KV::CorvidaKVApi m_api;
     std::unique_ptr<corvida::store::TableStore> m_store;
     std::unique_ptr<corvida::store::Table> m_table;
+    std::unique_ptr<RecordPrinter> m_printer;
+    std::string m_shard_text;
+    CLI::Option* m_shard_option = nullptr;
+};
+
+// The visitor of a streaming read of the library, around body: an exception
+// that body throws stops the read and is kept (the library, which throws
+// nothing, would turn it into an error without its message), and Check()
+// throws it again after the read, or Failure for the read's own error.
+class VisitGuard {
+public:
+    corvida::store::RecordVisitor Wrap(std::function<void(corvida::store::Record&)> body);
+    void Check(const corvida::store::Status& status) const;
+
+private:
+    std::exception_ptr m_thrown;
 };
 
 // The subcommands that work on the records of an open table: Run() opens
@@ -130,6 +166,8 @@ protected:
 void AddStoreRecordCommands(CLI::App* group, std::vector<std::unique_ptr<Command>>* commands);
 void AddStoreAdminCommands(CLI::App* group, std::vector<std::unique_ptr<Command>>* commands);
 void AddStoreSchemaCommands(CLI::App* group, std::vector<std::unique_ptr<Command>>* commands);
+// import, export, count, verify.
+void AddStoreBulkCommands(CLI::App* group, std::vector<std::unique_ptr<Command>>* commands);
 
 }  // namespace corvida_pb
 
