@@ -33,6 +33,7 @@
 #include "protobuf_api/protobuf_util_fields.h"
 #include "protobuf_api/protobuf_util_log.h"
 #include "protobuf_api/protobuf_util_plans.h"
+#include "protobuf_api/protobuf_util_slots.h"
 #include "protobuf_api/protobuf_util_tokens.h"
 
 namespace PROTOBUF_UTIL {
@@ -71,6 +72,7 @@ struct KeySource {
     const Descriptor* desc;
     const Reflection* reflection;
     CipherSuite* suite;  // null when the table names no cipher suite
+    bool slotted;        // msg is of the class the plan's slots were found for
 };
 
 // How a key field is written; fixed by its descriptor.
@@ -92,6 +94,9 @@ struct KeyField {
     const FieldDescriptor* field = nullptr;
     KeyWrite how = KeyWrite::kGeneric;
     internal::PlainField plain;  // for kPlain
+    // Where objects of the class of a kept plan keep the field (kPlain and
+    // kEncrypted); kNone otherwise.
+    internal::FieldSlot slot;
     // For kPlain: a value other than the default (of BitsOf default_bits, or
     // for a string, the empty default) is set; true for fields of every type
     // but floating point and strings with another default.
@@ -141,15 +146,17 @@ KeyField PlanKeyField(const FieldDescriptor* field) {
 // Returns the end of what was written. With bCheck, also stops at a field
 // that writes nothing (*key is that field, *unset set).
 //
-// A proto2 field is written when HasField reports it set. A field that is
-// not set reads as its default value, so one that reads otherwise is set:
-// HasField is asked only about a value equal to the default
-// (KeyField::set_unless_default). kProto3: every field is of a proto3 file
-// (the fields of one message are).
+// Fields are read from their slots (the plan is kept for m's class) or
+// through reflection. A proto2 field is written when it is set: its has-bit
+// tells, or else HasField. A field that is not set reads as its default
+// value, so one that reads otherwise is set: HasField is asked only about a
+// value equal to the default (KeyField::set_unless_default). kProto3: every
+// field is of a proto3 file (the fields of one message are).
 template <bool kProto3>
 uint8_t* WriteShortKey(const KeyField** key, const KeyField* end, const Reflection* r, const Message& m, uint8_t* at,
                        const uint8_t* limit, bool bCheck, bool* unset) {
     using google::protobuf::FieldDescriptor;
+    using internal::FieldSlot;
     // Unused for the fields of generated messages, whose strings reflection
     // hands out by reference.
     std::string scratch;
@@ -159,26 +166,34 @@ uint8_t* WriteShortKey(const KeyField** key, const KeyField* end, const Reflecti
         const FieldDescriptor* f = plain.field;
         // The tag and a varint of ten bytes, the longest scalar.
         if (limit - at < plain.tag_size + 10) break;
-        // A proto3 key field is written even when unset.
+        // A proto3 key field is written even when unset. A slot of a proto2
+        // field has a has-bit.
         const bool presence = !kProto3;
+        const bool raw = k->slot.kind != FieldSlot::Kind::kNone;
         switch (plain.type) {
-#define CORVIDA_SHORT_CASE(TYPE, GETTER, WRITER)                                                      \
-    case FieldDescriptor::TYPE: {                                                                     \
-        const auto value = r->Get##GETTER(m, f);                                                      \
-        if (presence && (!k->set_unless_default || internal::BitsOf(value) == k->default_bits) &&     \
-            !r->HasField(m, f)) {                                                                     \
-            break;                                                                                    \
-        }                                                                                             \
-        at = WireFormatLite::Write##WRITER##NoTagToArray(value, PutTag(plain, at));                   \
-        continue;                                                                                     \
+#define CORVIDA_SHORT_CASE(TYPE, GETTER, WRITER)                                                                    \
+    case FieldDescriptor::TYPE: {                                                                                   \
+        using Value = decltype(r->Get##GETTER(m, f));                                                               \
+        const Value value = raw ? internal::LoadScalar<Value>(k->slot, m) : r->Get##GETTER(m, f);                   \
+        if (presence &&                                                                                             \
+            (raw ? !internal::HasBitSet(k->slot, m)                                                                 \
+                 : (!k->set_unless_default || internal::BitsOf(value) == k->default_bits) && !r->HasField(m, f))) { \
+            break;                                                                                                  \
+        }                                                                                                           \
+        at = WireFormatLite::Write##WRITER##NoTagToArray(value, PutTag(plain, at));                                 \
+        continue;                                                                                                   \
     }
             CORVIDA_FOR_EACH_SCALAR_TYPE(CORVIDA_SHORT_CASE)
 #undef CORVIDA_SHORT_CASE
             case FieldDescriptor::TYPE_STRING:
             case FieldDescriptor::TYPE_BYTES: {
-                const std::string& value = r->GetStringReference(m, f, &scratch);
+                const std::string& value =
+                    raw ? internal::StringSlot(k->slot, m).Get() : r->GetStringReference(m, f, &scratch);
                 const size_t size = value.size();
-                if (presence && (!k->set_unless_default || size == 0) && !r->HasField(m, f)) break;
+                if (presence && (raw ? !internal::HasBitSet(k->slot, m)
+                                     : (!k->set_unless_default || size == 0) && !r->HasField(m, f))) {
+                    break;
+                }
                 // The tag, a length of at most five bytes, the value.
                 if (size > static_cast<size_t>(limit - at) ||
                     limit - at - static_cast<ptrdiff_t>(size) < plain.tag_size + 5) {
@@ -216,18 +231,22 @@ uint8_t* WriteShortKey(const KeyField** key, const KeyField* end, const Reflecti
 // proto2 field when set) into `out` when it takes at most `room` bytes.
 template <typename Sink>
 internal::Plain WritePlainKeyField(const KeyField& key, const KeySource& source, int64_t room, Sink& out) {
-    return internal::WritePlain(key.plain, source.reflection, *source.msg, key.plain.proto3, room, out);
+    return internal::WritePlain(key.plain, source.reflection, *source.msg, key.plain.proto3, room, out,
+                                source.slotted ? &key.slot : nullptr);
 }
 
 // Encrypts a string or bytes field into idl->szValue. Returns 0 with the
 // ciphertext's length in *outlen, -6 (no suite) or -7.
-int EncryptField(const FieldDescriptor* field, const KeySource& source, tagtbl_idl* idl, int* outlen) {
+int EncryptField(const KeyField& key, const KeySource& source, tagtbl_idl* idl, int* outlen) {
+    const FieldDescriptor* field = key.field;
     if (source.suite == nullptr) return -6;
     // A repeated field has no single value to encrypt; refusing it is safer
     // than writing its values in plain.
     if (field->is_repeated()) return -7;
     std::string scratch;
-    const std::string& value = source.reflection->GetStringReference(*source.msg, field, &scratch);
+    const std::string& value = source.slotted && key.slot.kind == internal::FieldSlot::Kind::kString
+                                   ? internal::StringSlot(key.slot, *source.msg).Get()
+                                   : source.reflection->GetStringReference(*source.msg, field, &scratch);
     // The suite takes an int length: a longer value would be encrypted cut
     // short, and two different records would share one key.
     if (value.size() > static_cast<size_t>(INT_MAX)) return -7;
@@ -257,7 +276,7 @@ int WriteKeyField(const KeyField& key, const KeySource& source, tagtbl_idl* idl,
     switch (key.how) {
         case KeyWrite::kEncrypted: {
             int outlen = 0;
-            const int ret = EncryptField(field, source, idl, &outlen);
+            const int ret = EncryptField(key, source, idl, &outlen);
             if (ret != 0) return ret;
             // The bytes WireFormatLite::WriteString writes, without copying
             // the ciphertext into a string first.
@@ -385,7 +404,7 @@ private:
             m_base = static_cast<int>(sink.end() - m_buf);
         } else if (key.how == KeyWrite::kEncrypted) {
             int outlen = 0;
-            *ret = EncryptField(key.field, source, idl, &outlen);
+            *ret = EncryptField(key, source, idl, &outlen);
             if (*ret != 0) return true;
             uint8_t head[10];
             const int head_size = EncryptedHead(key.field, outlen, head);
@@ -442,6 +461,14 @@ public:
         }
         if (m_spill.empty()) m_spill.assign(m_inline, m_inline + m_count);
         m_spill.push_back(key);
+    }
+
+    // Gives each field its slot of slots (found for the class planned for).
+    void SetSlots(const internal::FieldSlots& slots) {
+        KeyField* first = m_spill.empty() ? m_inline : m_spill.data();
+        for (KeyField* key = first; key != first + (end() - begin()); ++key) {
+            key->slot = slots.by_index[static_cast<size_t>(key->field->index())];
+        }
     }
 
     const KeyField* begin() const { return m_spill.empty() ? m_inline : m_spill.data(); }
@@ -526,9 +553,13 @@ const KeyPlan* PlanNow(const Message& msg, bool primary, std::optional<KeyPlan>*
             kept->desc = plan.desc;
             kept->reflection = plan.reflection;
             PlanOptions(kept.get(), true);
+            const internal::FieldSlots slots = internal::FindFieldSlots(msg);
+            if (slots.type != nullptr) kept->primary.SetSlots(slots);
             kept->by_index.reserve(static_cast<size_t>(plan.desc->field_count()));
-            for (int i = 0; i < plan.desc->field_count(); ++i)
+            for (int i = 0; i < plan.desc->field_count(); ++i) {
                 kept->by_index.push_back(PlanKeyField(plan.desc->field(i)));
+                if (slots.type != nullptr) kept->by_index.back().slot = slots.by_index[static_cast<size_t>(i)];
+            }
             if (const KeyPlan* published = KeyPlans::Publish(kept)) return published;
         }
     }
@@ -546,7 +577,7 @@ int OpenKeySource(const char* func, const Message& msg, const KeyPlan& plan, tag
         PBU_LOG_IN(func, log, PLOG_PRIORITY_ERROR, "reflection param is null.");
         return -2;
     }
-    *source = KeySource{&msg, plan.desc, plan.reflection, nullptr};
+    *source = KeySource{&msg, plan.desc, plan.reflection, nullptr, plan.key != nullptr};
     return 0;
 }
 
