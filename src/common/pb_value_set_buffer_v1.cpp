@@ -154,5 +154,4 @@ int PbValueSetBufferV1::GetField(int idx, Field& field) const {
     return 0;
 }
 
-
 }  // namespace CorvidaCommon

@@ -418,8 +418,12 @@ private:
 // elements share a prefix with path ("item", "item_id", ...).
 bool LeadsAnother(const std::string& path, std::set<std::string>::const_iterator next,
                   const std::set<std::string>& set) {
-    // Commonly the next element does not even begin with path: no search.
-    if (next == set.end() || next->compare(0, path.size(), path) != 0) return false;
+    // Commonly the next element does not even begin with path (mostly its
+    // first character tells): no search.
+    if (next == set.end() || next->size() < path.size() || (!path.empty() && (*next)[0] != path[0]) ||
+        std::memcmp(next->data(), path.data(), path.size()) != 0) {
+        return false;
+    }
     // Kept per thread so that a long path costs no allocation after the first.
     thread_local std::string dotted;
     dotted.assign(path);
@@ -476,7 +480,9 @@ public:
             return m_names.count(m_scratch) != 0;
         }
         for (size_t i = 0; i < m_count; ++i) {
-            if (m_few[i] == name) return true;
+            // Mostly the length or the first character tells.
+            const std::string_view few = m_few[i];
+            if (few.size() == name.size() && (few.empty() || few[0] == name[0]) && few == name) return true;
         }
         return false;
     }
