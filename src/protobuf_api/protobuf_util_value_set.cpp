@@ -834,6 +834,24 @@ inline bool ReadVarint(const uint8_t** at, const uint8_t* end, uint64_t* value) 
     return SkipVarint(at, end, 10, value);
 }
 
+// Replaces the text of *to with the size bytes at text (not inside *to).
+// A value no longer than the old one, as a record merged again into the
+// message it was read into mostly is, is copied over it without the general
+// replacement's checks.
+inline void ReplaceText(std::string* to, const char* text, size_t size) {
+    if (size > to->size()) {
+        to->assign(text, size);
+        return;
+    }
+    if (size != to->size()) to->resize(size);
+    if (size <= 16) {
+        internal::CopySmall(reinterpret_cast<uint8_t*>(&(*to)[0]), reinterpret_cast<const uint8_t*>(text),
+                            static_cast<int>(size));
+    } else {
+        std::memcpy(&(*to)[0], text, size);
+    }
+}
+
 // Whether the bytes of a key of more than two bytes at begin after the first
 // two are plain's.
 bool SameTail(const internal::PlainField& plain, const uint8_t* begin) {
@@ -918,7 +936,7 @@ __attribute__((always_inline)) inline int MergeInPlace(const FieldEntry& entry, 
             }
             std::string* to = internal::MutableStringIfOwn(slot, holder);
             if (to == nullptr) return 0;
-            to->assign(text, static_cast<size_t>(value));
+            ReplaceText(to, text, static_cast<size_t>(value));
             at += value;
             break;
         }
