@@ -289,9 +289,28 @@ bool Ctr(SivContexts& contexts, const unsigned char* siv, const unsigned char* i
     return true;
 }
 
+// SivEncrypt of fewer than 16 bytes, the common key field: T, the counter
+// block and the key stream are one block each, made in a scratch block.
+bool SivEncryptShort(SivContexts& contexts, const S2vKeys& keys, const unsigned char* in, size_t len,
+                     unsigned char* out) {
+    ScratchBlock block;
+    // T = dbl(D) xor pad(S), with the CMAC subkey, from a zero IV.
+    LoadPartialBlock(in, len, block.data());
+    block.data()[len] = 0x80;
+    XorBlock(block.data(), keys.short_t);
+    if (!ChainFromZero(contexts, block.data(), 1, out)) return false;
+    // The counter block Q: the IV with bits 63 and 31 cleared.
+    block.data()[8] &= 0x7f;
+    block.data()[12] &= 0x7f;
+    if (!Pass(contexts.ecb.get(), block.data(), block.data(), 1)) return false;
+    for (size_t i = 0; i < len; ++i) out[kBlock + i] = in[i] ^ block.data()[i];
+    return true;
+}
+
 // The whole encryption of len (at least one) bytes: the synthetic IV, then
 // the ciphertext, into out (len + 16 bytes).
 bool SivEncrypt(SivContexts& contexts, const S2vKeys& keys, const unsigned char* in, size_t len, unsigned char* out) {
+    if (len < kBlock) return SivEncryptShort(contexts, keys, in, len, out);
     unsigned char siv[kBlock];
     if (!S2v(contexts, keys, in, len, out, siv) || !Ctr(contexts, siv, in, len, out)) return false;
     std::memcpy(out, siv, kBlock);
