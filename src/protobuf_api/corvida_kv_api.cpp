@@ -1,9 +1,22 @@
 #include "protobuf_api/corvida_kv_api.h"
 
-#include <cstring>
 #include <utility>
 
 namespace CORVIDA_KV {
+
+namespace {
+
+// Whether the NUL-terminated texts a and b are equal; names are a few
+// characters long, so they are compared in place rather than measured first.
+bool SameName(const char* a, const char* b) {
+    while (*a == *b && *a != '\0') {
+        ++a;
+        ++b;
+    }
+    return *a == *b;
+}
+
+}  // namespace
 
 CorvidaKVApi::CorvidaKVApi() = default;
 
@@ -13,20 +26,20 @@ int CorvidaKVApi::AddCipherSuite(std::unique_ptr<CipherSuite> suite) {
     if (suite == nullptr) return -1;
     const char* name = suite->GetName();
     if (name == nullptr) return -1;
-    if (Find(name, std::strlen(name)) != nullptr) return -2;
+    if (Find(name) != nullptr) return -2;
     m_suites.push_back(Entry{name, std::move(suite)});
     return 0;
 }
 
 CipherSuite* CorvidaKVApi::GetCipherSuite(const char* name) {
     if (name == nullptr) return nullptr;
-    const Entry* entry = Find(name, std::strlen(name));
+    const Entry* entry = Find(name);
     return entry == nullptr ? nullptr : entry->suite.get();
 }
 
-const CorvidaKVApi::Entry* CorvidaKVApi::Find(const char* name, size_t size) const {
+const CorvidaKVApi::Entry* CorvidaKVApi::Find(const char* name) const {
     for (const Entry& entry : m_suites) {
-        if (entry.name.size() == size && std::memcmp(entry.name.data(), name, size) == 0) return &entry;
+        if (SameName(entry.name.c_str(), name)) return &entry;
     }
     return nullptr;
 }

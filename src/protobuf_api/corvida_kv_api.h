@@ -39,10 +39,10 @@ private:
     };
 
     // The entry named name, or null.
-    const Entry* Find(const char* name, size_t size) const;
+    const Entry* Find(const char* name) const;
 
-    // A client configures a few suites: a search of them one by one, length
-    // first, costs less than a tree's string comparisons on every key.
+    // A client configures a few suites: a search of them one by one costs
+    // less than a tree's string comparisons on every key.
     std::vector<Entry> m_suites;
 };
 
