@@ -1,22 +1,9 @@
 #include "protobuf_api/corvida_kv_api.h"
 
+#include <cstring>
 #include <utility>
 
 namespace CORVIDA_KV {
-
-namespace {
-
-// Whether the NUL-terminated texts a and b are equal; names are a few
-// characters long, so they are compared in place rather than measured first.
-bool SameName(const char* a, const char* b) {
-    while (*a == *b && *a != '\0') {
-        ++a;
-        ++b;
-    }
-    return *a == *b;
-}
-
-}  // namespace
 
 CorvidaKVApi::CorvidaKVApi() = default;
 
@@ -38,8 +25,9 @@ CipherSuite* CorvidaKVApi::GetCipherSuite(const char* name) {
 }
 
 const CorvidaKVApi::Entry* CorvidaKVApi::Find(const char* name) const {
+    // Names come from C strings: they hold no NUL of their own.
     for (const Entry& entry : m_suites) {
-        if (SameName(entry.name.c_str(), name)) return &entry;
+        if (std::strcmp(entry.name.c_str(), name) == 0) return &entry;
     }
     return nullptr;
 }
