@@ -293,9 +293,9 @@ bool Ctr(SivContexts& contexts, const unsigned char* siv, const unsigned char* i
 // block and the key stream are one block each, made in a scratch block.
 bool SivEncryptShort(SivContexts& contexts, const S2vKeys& keys, const unsigned char* in, size_t len,
                      unsigned char* out) {
-    ScratchBlock block;
+    ScratchBlock block;  // zero
     // T = dbl(D) xor pad(S), with the CMAC subkey, from a zero IV.
-    LoadPartialBlock(in, len, block.data());
+    std::memcpy(block.data(), in, len);
     block.data()[len] = 0x80;
     XorBlock(block.data(), keys.short_t);
     if (!ChainFromZero(contexts, block.data(), 1, out)) return false;

@@ -149,27 +149,33 @@ internal::Plain WritePlainKeyField(const KeyField& key, const KeySource& source,
                                 source.slotted ? &key.slot : nullptr);
 }
 
-// Encrypts a string or bytes field into idl->szValue. Returns 0 with the
-// ciphertext's length in *outlen, -6 (no suite) or -7.
-int EncryptField(const KeyField& key, const KeySource& source, tagtbl_idl* idl, int* outlen) {
-    const FieldDescriptor* field = key.field;
-    if (source.suite == nullptr) return -6;
-    // A repeated field has no single value to encrypt; refusing it is safer
-    // than writing its values in plain.
-    if (field->is_repeated()) return -7;
-    std::string scratch;
-    const std::string& value = source.slotted && key.slot.kind == internal::FieldSlot::Kind::kString
-                                   ? internal::StringSlot(key.slot, *source.msg).Get()
-                                   : source.reflection->GetStringReference(*source.msg, field, &scratch);
+// Encrypts value with suite into idl->szValue. Returns 0 with the
+// ciphertext's length in *outlen, or -7.
+inline int EncryptValue(const std::string& value, CipherSuite* suite, tagtbl_idl* idl, int* outlen) {
     // The suite takes an int length: a longer value would be encrypted cut
     // short, and two different records would share one key.
     if (value.size() > static_cast<size_t>(INT_MAX)) return -7;
     *outlen = kCipherCapacity;
-    const int ret = source.suite->Encrypt(reinterpret_cast<const unsigned char*>(value.data()),
-                                          static_cast<int>(value.size()), idl->szValue, *outlen);
+    const int ret = suite->Encrypt(reinterpret_cast<const unsigned char*>(value.data()), static_cast<int>(value.size()),
+                                   idl->szValue, *outlen);
     // A length outside the output area would make us read beyond it.
     if (ret != 0 || *outlen < 0 || *outlen > kCipherCapacity) return -7;
     return 0;
+}
+
+// Encrypts a string or bytes field into idl->szValue. Returns 0 with the
+// ciphertext's length in *outlen, -6 (no suite) or -7.
+inline int EncryptField(const KeyField& key, const KeySource& source, tagtbl_idl* idl, int* outlen) {
+    if (source.suite == nullptr) return -6;
+    // A repeated field has no single value to encrypt; refusing it is safer
+    // than writing its values in plain.
+    if (key.field->is_repeated()) return -7;
+    if (source.slotted && key.slot.kind == internal::FieldSlot::Kind::kString) {
+        return EncryptValue(internal::StringSlot(key.slot, *source.msg).Get(), source.suite, idl, outlen);
+    }
+    std::string scratch;
+    return EncryptValue(source.reflection->GetStringReference(*source.msg, key.field, &scratch), source.suite, idl,
+                        outlen);
 }
 
 // The head of an encrypted field: its tag (the field's own number, length
@@ -617,8 +623,8 @@ int OpenKeySource(const char* func, const Message& msg, const KeyPlan& plan, tag
 // corvida_field_cipher_suite; empty: none) and checks its key digest against
 // the table's (plan's cipher_md5). Returns 0, -3 or -4, logged in the name of
 // `func`.
-int OpenCipherSuite(const char* func, CorvidaKVApi* pKVApi, const KeyPlan& plan, LPPLOGCATEGORYINST log,
-                    KeySource* source) {
+inline int OpenCipherSuite(const char* func, CorvidaKVApi* pKVApi, const KeyPlan& plan, LPPLOGCATEGORYINST log,
+                           KeySource* source) {
     const std::string& suite_name = *plan.suite_name;
     if (suite_name.empty()) return 0;
     // A null KV API configures no suite, so the named one is not found.
