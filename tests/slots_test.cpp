@@ -12,7 +12,6 @@
 
 #include "all_types2.pb.h"
 #include "all_types3.pb.h"
-#include "protobuf_api/protobuf_util_fields.h"
 #include "protobuf_api/protobuf_util_slots.h"
 #include "support/random_message.h"
 #include "tables2.pb.h"
@@ -29,6 +28,8 @@ using google::protobuf::Reflection;
 using PROTOBUF_UTIL::internal::FieldSlot;
 using PROTOBUF_UTIL::internal::FieldSlots;
 using PROTOBUF_UTIL::internal::FindFieldSlots;
+using PROTOBUF_UTIL::internal::ReflectedBits;
+using PROTOBUF_UTIL::internal::SlotBits;
 
 // Every message type of the test tables' files, nested ones included.
 std::vector<const Descriptor*> TestTypes() {
@@ -70,33 +71,6 @@ FieldSlot::Kind ExpectedKind(const FieldDescriptor* f) {
     }
 }
 
-// The value reflection reads from scalar field f, as BitsOf gives it.
-uint64_t ReflectedBits(const Message& m, const FieldDescriptor* f) {
-    const Reflection* r = m.GetReflection();
-    using PROTOBUF_UTIL::internal::BitsOf;
-    switch (f->cpp_type()) {
-        case FieldDescriptor::CPPTYPE_INT32: return BitsOf(r->GetInt32(m, f));
-        case FieldDescriptor::CPPTYPE_INT64: return BitsOf(r->GetInt64(m, f));
-        case FieldDescriptor::CPPTYPE_UINT32: return BitsOf(r->GetUInt32(m, f));
-        case FieldDescriptor::CPPTYPE_UINT64: return BitsOf(r->GetUInt64(m, f));
-        case FieldDescriptor::CPPTYPE_FLOAT: return BitsOf(r->GetFloat(m, f));
-        case FieldDescriptor::CPPTYPE_DOUBLE: return BitsOf(r->GetDouble(m, f));
-        case FieldDescriptor::CPPTYPE_BOOL: return BitsOf(r->GetBool(m, f));
-        case FieldDescriptor::CPPTYPE_ENUM: return BitsOf(static_cast<int32_t>(r->GetEnumValue(m, f)));
-        default: ADD_FAILURE() << f->full_name() << " is not a scalar"; return 0;
-    }
-}
-
-uint64_t SlotBits(const FieldSlot& slot, const Message& m) {
-    using PROTOBUF_UTIL::internal::LoadScalar;
-    switch (slot.size) {
-        case 1: return LoadScalar<uint8_t>(slot, m);
-        case 4: return LoadScalar<uint32_t>(slot, m);
-        case 8: return LoadScalar<uint64_t>(slot, m);
-        default: ADD_FAILURE() << "scalar slot of " << int{slot.size} << " bytes"; return 0;
-    }
-}
-
 // Whether the slots of m's class read what reflection reads from m.
 void ExpectSlotsRead(const FieldSlots& slots, const Message& m) {
     using PROTOBUF_UTIL::internal::HasBitSet;
@@ -111,7 +85,10 @@ void ExpectSlotsRead(const FieldSlots& slots, const Message& m) {
             EXPECT_EQ(HasBitSet(slot, m), r->HasField(m, f));
         }
         switch (slot.kind) {
-            case FieldSlot::Kind::kScalar: EXPECT_EQ(SlotBits(slot, m), ReflectedBits(m, f)); break;
+            case FieldSlot::Kind::kScalar:
+                ASSERT_TRUE(slot.size == 1 || slot.size == 4 || slot.size == 8) << int{slot.size};
+                EXPECT_EQ(SlotBits(slot, m), ReflectedBits(m, f));
+                break;
             case FieldSlot::Kind::kString: {
                 std::string scratch;
                 EXPECT_EQ(&PROTOBUF_UTIL::internal::StringSlot(slot, m).Get(), &r->GetStringReference(m, f, &scratch));

@@ -35,21 +35,6 @@ size_t ScalarSize(const FieldDescriptor* f) {
     }
 }
 
-// The value Reflection reads from scalar field f of m, as BitsOf gives it.
-uint64_t ReflectedBits(const Reflection* r, const Message& m, const FieldDescriptor* f) {
-    switch (f->cpp_type()) {
-        case FieldDescriptor::CPPTYPE_INT32: return BitsOf(r->GetInt32(m, f));
-        case FieldDescriptor::CPPTYPE_INT64: return BitsOf(r->GetInt64(m, f));
-        case FieldDescriptor::CPPTYPE_UINT32: return BitsOf(r->GetUInt32(m, f));
-        case FieldDescriptor::CPPTYPE_UINT64: return BitsOf(r->GetUInt64(m, f));
-        case FieldDescriptor::CPPTYPE_FLOAT: return BitsOf(r->GetFloat(m, f));
-        case FieldDescriptor::CPPTYPE_DOUBLE: return BitsOf(r->GetDouble(m, f));
-        case FieldDescriptor::CPPTYPE_BOOL: return BitsOf(r->GetBool(m, f));
-        case FieldDescriptor::CPPTYPE_ENUM: return BitsOf(static_cast<int32_t>(r->GetEnumValue(m, f)));
-        default: return 0;
-    }
-}
-
 // Sets scalar field f of m, through Reflection, to the value of those bits.
 void SetBits(const Reflection* r, Message* m, const FieldDescriptor* f, uint64_t bits) {
     switch (f->cpp_type()) {
@@ -73,15 +58,6 @@ void SetBits(const Reflection* r, Message* m, const FieldDescriptor* f, uint64_t
         case FieldDescriptor::CPPTYPE_BOOL: r->SetBool(m, f, bits != 0); break;
         case FieldDescriptor::CPPTYPE_ENUM: r->SetEnumValue(m, f, static_cast<int32_t>(bits)); break;
         default: break;
-    }
-}
-
-// The bits of scalar slot in m, zero-extended.
-uint64_t SlotBits(const FieldSlot& slot, const Message& m) {
-    switch (slot.size) {
-        case 1: return LoadScalar<uint8_t>(slot, m);
-        case 4: return LoadScalar<uint32_t>(slot, m);
-        default: return LoadScalar<uint64_t>(slot, m);
     }
 }
 
@@ -206,7 +182,7 @@ FieldSlot FindScalarSlot(const Message& prototype, size_t size, const FieldDescr
     // Reflection must read what the slot holds: the value set, another one,
     // and the default once cleared.
     const auto agrees = [&](bool set) {
-        return SlotBits(slot, *m) == ReflectedBits(r, *m, f) &&
+        return SlotBits(slot, *m) == ReflectedBits(*m, f) &&
                (slot.has_mask == 0 || (HasBitSet(slot, *m) == set && r->HasField(*m, f) == set));
     };
     if (!agrees(true) || SlotBits(slot, *m) != b) return FieldSlot{};
@@ -282,6 +258,29 @@ FieldSlot FindMessageSlot(const Message& prototype, size_t size, const FieldDesc
 }
 
 }  // namespace
+
+uint64_t ReflectedBits(const Message& m, const FieldDescriptor* f) {
+    const Reflection* r = m.GetReflection();
+    switch (f->cpp_type()) {
+        case FieldDescriptor::CPPTYPE_INT32: return BitsOf(r->GetInt32(m, f));
+        case FieldDescriptor::CPPTYPE_INT64: return BitsOf(r->GetInt64(m, f));
+        case FieldDescriptor::CPPTYPE_UINT32: return BitsOf(r->GetUInt32(m, f));
+        case FieldDescriptor::CPPTYPE_UINT64: return BitsOf(r->GetUInt64(m, f));
+        case FieldDescriptor::CPPTYPE_FLOAT: return BitsOf(r->GetFloat(m, f));
+        case FieldDescriptor::CPPTYPE_DOUBLE: return BitsOf(r->GetDouble(m, f));
+        case FieldDescriptor::CPPTYPE_BOOL: return BitsOf(r->GetBool(m, f));
+        case FieldDescriptor::CPPTYPE_ENUM: return BitsOf(static_cast<int32_t>(r->GetEnumValue(m, f)));
+        default: return 0;
+    }
+}
+
+uint64_t SlotBits(const FieldSlot& slot, const Message& m) {
+    switch (slot.size) {
+        case 1: return LoadScalar<uint8_t>(slot, m);
+        case 4: return LoadScalar<uint32_t>(slot, m);
+        default: return LoadScalar<uint64_t>(slot, m);
+    }
+}
 
 FieldSlots FindFieldSlots(const Message& prototype) {
     FieldSlots slots;

@@ -60,6 +60,13 @@ struct FieldSlots {
 // generated class. Builds and drops scratch objects of the class (New()).
 FieldSlots FindFieldSlots(const google::protobuf::Message& prototype);
 
+// The value reflection reads from scalar field f of m, as BitsOf
+// (protobuf_util_fields.h) gives it.
+uint64_t ReflectedBits(const google::protobuf::Message& m, const google::protobuf::FieldDescriptor* f);
+
+// The bits of scalar slot in m, zero-extended.
+uint64_t SlotBits(const FieldSlot& slot, const google::protobuf::Message& m);
+
 inline const unsigned char* ObjectBytes(const google::protobuf::Message& m) {
     return reinterpret_cast<const unsigned char*>(&m);
 }
