@@ -156,10 +156,11 @@ void StoreBigEndian64(uint64_t value, unsigned char* p) {
     std::memcpy(p, &value, sizeof(value));
 }
 
-// n (below kBlock) bytes at from into a block that is zero after them.
+// n (below kBlock) bytes at from (null when n is 0) into a block that is
+// zero after them.
 void LoadPartialBlock(const unsigned char* from, size_t n, unsigned char* block) {
     std::memset(block, 0, kBlock);
-    std::memcpy(block, from, n);
+    if (n > 0) std::memcpy(block, from, n);
 }
 
 const char* CbcName(size_t key_len) { return key_len == kAes128SivKeyBytes ? "AES-128-CBC" : "AES-256-CBC"; }
