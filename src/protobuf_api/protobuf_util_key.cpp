@@ -1,12 +1,14 @@
 // Record keys: the primary key of a message, the key of chosen fields, and the
 // names of the primary-key fields.
 //
-// These run on every request, so the path that encrypts nothing allocates
-// nothing and does little besides reading the key fields:
+// These run on every request, so they allocate nothing (but what a cipher
+// suite other than the library's own may) and do little besides reading the
+// key fields:
 //   - what a generated table type's options mean (its key fields in number
-//     order, how each is written, its cipher suite's name) is planned once
-//     per process (protobuf_util_plans.h); other types are planned per call,
-//     without the heap;
+//     order, how each is written and where its objects keep it, its cipher
+//     suite's name and key digest) is planned once per process
+//     (protobuf_util_plans.h, protobuf_util_slots.h); other types are
+//     planned per call, without the heap;
 //   - a field is encoded with protobuf's array writers straight into the key
 //     buffer while it ends clear of the buffer's last bytes, where a coded
 //     stream over the buffer would behave the same; from the first field that

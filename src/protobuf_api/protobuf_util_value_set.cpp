@@ -5,10 +5,12 @@
 // splitting them into strings, find fields of generated types through maps
 // kept per type, keep the sub-messages the last path walked through, and ask
 // the log category about debug lines once rather than before each (CallLog).
-// A cut encodes plain fields straight into the builder's region. A merge
-// vouches for the bytes of each plain field and hands those of one message
-// to protobuf's parser together (PendingMerges), and merges anything else
-// field by field through reflection, as it always did. An ordinary call
+// Plain fields of generated classes are read and written through their slots
+// (protobuf_util_slots.h). A cut encodes plain fields straight into the
+// builder's region. A merge stores each plain field it vouches for straight
+// into its slot (MergeInPlace), or hands the bytes of such fields of one
+// message to protobuf's parser together (PendingMerges), and merges anything
+// else field by field through reflection, as it always did. An ordinary call
 // allocates nothing of its own.
 #include <sys/types.h>
 
@@ -965,6 +967,10 @@ __attribute__((always_inline)) inline int MergeInPlace(const FieldEntry& entry, 
 // as asking for it (MutableMessage) would. Records of one sub-message wait
 // either framed in its parent or on their own, never both at once, so that
 // they stay in their order.
+//
+// A record merged in place at once (MergeInPlace) passes those that wait
+// only when none of them is of a field of its number (MayWait): records of
+// different fields of these kinds may be merged in any order.
 //
 // The owner calls Flush before it returns. The destructor merges nothing: a
 // parse may throw (bad_alloc), which must not happen while an exception
