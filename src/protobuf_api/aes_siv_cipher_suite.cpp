@@ -273,19 +273,19 @@ bool Ctr(SivContexts& contexts, const unsigned char* siv, const unsigned char* i
         if (++low == 0) ++high;
     }
     if (!Pass(contexts.ecb.get(), out, out, blocks)) return false;
-    unsigned char block[kBlock];
+    ScratchBlock block;  // the last block's unused key stream is wiped with it
     size_t at = len - len % kBlock;
     if (at != len) {
         // The last, partial block.
-        LoadPartialBlock(in + at, len - at, block);
-        XorBlock(block, out + at);
-        std::memcpy(out + kBlock + at, block, len - at);
+        LoadPartialBlock(in + at, len - at, block.data());
+        XorBlock(block.data(), out + at);
+        std::memcpy(out + kBlock + at, block.data(), len - at);
     }
     while (at > 0) {
         at -= kBlock;
-        std::memcpy(block, out + at, kBlock);
-        XorBlock(block, in + at);
-        std::memcpy(out + kBlock + at, block, kBlock);
+        std::memcpy(block.data(), out + at, kBlock);
+        XorBlock(block.data(), in + at);
+        std::memcpy(out + kBlock + at, block.data(), kBlock);
     }
     return true;
 }
