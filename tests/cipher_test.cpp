@@ -1,5 +1,6 @@
 // AesSivCipherSuite (deterministic AES-SIV over OpenSSL) and the suite
 // registry of CorvidaKVApi.
+#include <openssl/err.h>
 #include <openssl/evp.h>
 
 #include <cctype>
@@ -176,6 +177,60 @@ TEST(AesSivCipherSuiteTest, MatchesOpenSslWithoutAssociatedData) {
         auto suite = MakeSuite(key_hex);
         EXPECT_EQ(ToHex(expected), ToHex(Seal(*suite, plain))) << key_hex;
     }
+}
+
+// Every length from an empty plaintext to several blocks: the S2V chain's
+// padding and subkeys and the CTR pass's partial last block.
+TEST(AesSivCipherSuiteTest, MatchesOpenSslAtEveryLengthUpToSixBlocks) {
+    for (const char* key_hex : {kKey128, kKey256}) {
+        const Bytes key = FromHex(key_hex);
+        auto suite = MakeSuite(key_hex);
+        std::unique_ptr<EVP_CIPHER, decltype(&EVP_CIPHER_free)> cipher(
+            EVP_CIPHER_fetch(nullptr, key.size() == 32 ? "AES-128-SIV" : "AES-256-SIV", nullptr),
+            &EVP_CIPHER_free);
+        for (size_t len = 1; len <= 6 * kSiv + 1; ++len) {
+            const Bytes plain = Pattern(len);
+            std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> ctx(EVP_CIPHER_CTX_new(),
+                                                                                &EVP_CIPHER_CTX_free);
+            Bytes expected(kSiv + len);
+            int body = 0;
+            int tail = 0;
+            ASSERT_EQ(1, EVP_EncryptInit_ex2(ctx.get(), cipher.get(), key.data(), nullptr, nullptr));
+            ASSERT_EQ(1, EVP_EncryptUpdate(ctx.get(), expected.data() + kSiv, &body, plain.data(),
+                                           static_cast<int>(len)));
+            ASSERT_EQ(1, EVP_EncryptFinal_ex(ctx.get(), expected.data() + kSiv + body, &tail));
+            ASSERT_EQ(1, EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_AEAD_GET_TAG, kSiv, expected.data()));
+            EXPECT_EQ(ToHex(expected), ToHex(Seal(*suite, plain))) << key_hex << ", length " << len;
+        }
+    }
+}
+
+// The suite's failures are its own: OpenSSL's error queue is left as the
+// caller had it, after encryptions, decryptions and failures alike.
+TEST(AesSivCipherSuiteTest, CallersErrorQueueIsLeftAsItWas) {
+    auto suite = MakeSuite(kKey128);
+    ERR_clear_error();
+    ERR_raise(ERR_LIB_USER, 42);
+    const unsigned long queued = ERR_peek_last_error();
+    const Bytes plain = Pattern(40);
+    for (int round = 0; round < 20; ++round) {
+        const Bytes sealed = Seal(*suite, plain);
+        Bytes opened;
+        EXPECT_EQ(0, Open(*suite, sealed, opened));
+        Bytes altered = sealed;
+        altered[3] ^= 1;
+        EXPECT_EQ(AesSivCipherSuite::kErrAuthentication, Open(*suite, altered, opened));
+    }
+    EXPECT_EQ(queued, ERR_peek_last_error());
+    EXPECT_EQ(queued, ERR_get_error());
+    EXPECT_EQ(0u, ERR_get_error());
+}
+
+TEST(AesSivCipherSuiteTest, KeyDigestWithoutACopyIsTheSameText) {
+    auto suite = MakeSuite(kKey256);
+    EXPECT_EQ(suite->CipherKeyMD5(), suite->GetCipherKeyMD5());
+    AesSivCipherSuite fresh("fresh");
+    EXPECT_EQ(fresh.CipherKeyMD5(), "");
 }
 
 class AesSivKeySizeTest : public ::testing::TestWithParam<const char*> {};

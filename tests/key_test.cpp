@@ -429,6 +429,55 @@ TEST(ExtractMsgKey, EncryptedFieldHoldsCiphertextUnderItsOwnTag) {
     EXPECT_EQ(ciphertext.find("hello"), std::string::npos);
 }
 
+// A suite that, as it encrypts, opens the trace of a category (as a sink of
+// another library could): the lines of the fields after it, and of the key,
+// are written, with the counts of a key written from the start with the
+// trace open.
+class TraceOpeningSuite : public CipherSuite {
+public:
+    explicit TraceOpeningSuite(LPPLOGCATEGORYINST category) : m_category(category) {
+        EXPECT_EQ(m_aes.Init(kAesKeyHex), 0);
+    }
+    const char* GetName() override { return "aes128"; }
+    int Init(const std::string&) override { return 0; }
+    int Encrypt(const unsigned char* in, int inlen, unsigned char* out, int& outlen) override {
+        m_category->iPriority = PLOG_PRIORITY_TRACE;
+        return m_aes.Encrypt(in, inlen, out, outlen);
+    }
+    int Decrypt(const unsigned char* in, int inlen, unsigned char* out, int& outlen) override {
+        return m_aes.Decrypt(in, inlen, out, outlen);
+    }
+    const std::string GetCipherKeyMD5() override { return m_aes.GetCipherKeyMD5(); }
+    const std::string GetErrMsg() override { return m_aes.GetErrMsg(); }
+
+private:
+    LPPLOGCATEGORYINST m_category;
+    AesSivCipherSuite m_aes{"aes128"};
+};
+
+TEST(ExtractMsgKey, SuiteThatOpensTheTraceGetsTheLinesAfterIt) {
+    t2::Secret2 msg;  // key uid, token (encrypted)
+    msg.set_uid(7);
+    msg.set_token("hello");
+    LogCapture from_start;
+    const auto api = AesApi();
+    const Key expected = MsgKey(msg, true, from_start.category(), Call{api.get()});
+    ASSERT_EQ(expected.ret, 0) << from_start.Dump();
+
+    LogCapture log(kError);
+    CorvidaKVApi opening;
+    ASSERT_EQ(opening.AddCipherSuite(std::make_unique<TraceOpeningSuite>(log.category())), 0);
+    const Key key = MsgKey(msg, true, log.category(), Call{&opening});
+    ASSERT_EQ(key.ret, 0) << log.Dump();
+    EXPECT_EQ(key.hex(), expected.hex());
+    // The uid's line went by with the trace closed; the rest are the lines of
+    // a key written with the trace open.
+    std::vector<std::string> lines = from_start.Texts(kTrace);
+    ASSERT_FALSE(lines.empty());
+    lines.erase(lines.begin());
+    EXPECT_EQ(log.Texts(kTrace), lines) << log.Dump();
+}
+
 TEST(ExtractMsgKey, EncryptedKeyIsTheSameEveryTime) {
     LogCapture log;
     const auto api = AesApi();
@@ -1302,7 +1351,7 @@ TEST(KeyDifferential, Player2) { ExpectKeyIsProtobufsEncodingOfTheKeyFields<t2::
 TEST(KeyDifferential, ManyKeys2) { ExpectKeyIsProtobufsEncodingOfTheKeyFields<t2::ManyKeys2>(15, 100); }
 
 // ---------------------------------------------------------------------------
-// No heap allocation on the plain path.
+// No heap allocation per key.
 // ---------------------------------------------------------------------------
 
 using corvida_test::AllocationsOf;
@@ -1335,6 +1384,33 @@ TEST(KeyAllocations, NoneWhenNothingIsEncrypted) {
                                                  log.category());
     };
     run();  // first use of per-thread scratch space
+    EXPECT_EQ(AllocationsOf([&] {
+                  for (int i = 0; i < 100; ++i) run();
+              }),
+              0);
+    EXPECT_EQ(results, 0);
+    EXPECT_TRUE(log.lines().empty()) << log.Dump();
+}
+
+// The library's own suite encrypts with contexts it keeps, and shows its key
+// digest without a copy.
+TEST(KeyAllocations, NoneWhenTheLibrarysSuiteEncrypts) {
+    LogCapture log(kError);
+    const auto api = AesApi();
+    t2::Secret2 msg;  // uid, token (encrypted)
+    msg.set_uid(7);
+    msg.set_token("a token longer than sixteen bytes");
+    std::vector<uint8_t> buf(kCapacity);
+    const std::vector<int> fields = {2, 1};
+    int32_t size = 0;
+    int results = 0;
+    const auto run = [&] {
+        size = kCapacity;
+        results |= ProtobufUtil::ExtractMsgKey(api.get(), msg, buf.data(), size, Idl(), log.category(), true);
+        size = kCapacity;
+        results |= ProtobufUtil::ExtractFieldKey(api.get(), msg, fields, buf.data(), size, Idl(), log.category());
+    };
+    run();
     EXPECT_EQ(AllocationsOf([&] {
                   for (int i = 0; i < 100; ++i) run();
               }),

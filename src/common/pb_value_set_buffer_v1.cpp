@@ -18,6 +18,27 @@ constexpr int32_t kPathPart = CORVIDA_PROTOBUF_MAX_TAG_PATH;
 
 }  // namespace
 
+inline int PbValueSetBufferV1::CheckedFieldNum() const {
+    const CompactValueSet& compact = m_value_set->stCompactValueSet;
+    if (compact.iFieldIndexNum >= 0 && compact.iFieldIndexNum <= kMaxFields && compact.iValueBufLen >= 0 &&
+        compact.iValueBufLen <= kValueBufSize) {
+        return compact.iFieldIndexNum;
+    }
+    return CorruptCount();
+}
+
+int PbValueSetBufferV1::CorruptCount() const {
+    const CompactValueSet& compact = m_value_set->stCompactValueSet;
+    if (compact.iFieldIndexNum < 0 || compact.iFieldIndexNum > kMaxFields) {
+        PBVSB_LOG_ERROR(m_log, "corrupt field count %d, max=%d, ret=%d", compact.iFieldIndexNum, kMaxFields,
+                        PBVSB_ERR_CORRUPT);
+    } else {
+        PBVSB_LOG_ERROR(m_log, "corrupt value_buf_len %d, max=%d, ret=%d", compact.iValueBufLen, kValueBufSize,
+                        PBVSB_ERR_CORRUPT);
+    }
+    return PBVSB_ERR_CORRUPT;
+}
+
 PbValueSetBufferV1::PbValueSetBufferV1(ProtobufValueSet_* value_set, LPPLOGCATEGORYINST log)
     : m_value_set(value_set), m_log(log), m_open_idx(-1) {}
 
@@ -131,21 +152,6 @@ int PbValueSetBufferV1::GetField(int idx, Field& field) const {
     field.buf_len = entry.iSize - static_cast<int>(bytes - start);
     field.wire_type = entry.iFlag;
     return 0;
-}
-
-int PbValueSetBufferV1::CheckedFieldNum() const {
-    const CompactValueSet& compact = m_value_set->stCompactValueSet;
-    if (compact.iFieldIndexNum < 0 || compact.iFieldIndexNum > kMaxFields) {
-        PBVSB_LOG_ERROR(m_log, "corrupt field count %d, max=%d, ret=%d", compact.iFieldIndexNum, kMaxFields,
-                        PBVSB_ERR_CORRUPT);
-        return PBVSB_ERR_CORRUPT;
-    }
-    if (compact.iValueBufLen < 0 || compact.iValueBufLen > kValueBufSize) {
-        PBVSB_LOG_ERROR(m_log, "corrupt value_buf_len %d, max=%d, ret=%d", compact.iValueBufLen, kValueBufSize,
-                        PBVSB_ERR_CORRUPT);
-        return PBVSB_ERR_CORRUPT;
-    }
-    return compact.iFieldIndexNum;
 }
 
 }  // namespace CorvidaCommon

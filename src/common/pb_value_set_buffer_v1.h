@@ -27,7 +27,10 @@ public:
 private:
     // The field count after checking it and iValueBufLen against their
     // arrays, or PBVSB_ERR_CORRUPT (logged).
-    int CheckedFieldNum() const;
+    inline int CheckedFieldNum() const;
+    // CheckedFieldNum of a set that fails the checks: logs and returns
+    // PBVSB_ERR_CORRUPT.
+    int CorruptCount() const;
 
     ProtobufValueSet_* m_value_set;
     LPPLOGCATEGORYINST m_log;

@@ -1,14 +1,13 @@
 #include "protobuf_api/aes_siv_cipher_suite.h"
 
-#include <openssl/core_names.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
-#include <openssl/params.h>
 
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
-#include <initializer_list>
 #include <memory>
 #include <string>
 #include <utility>
@@ -25,16 +24,8 @@ struct CipherDeleter {
 struct CipherCtxDeleter {
     void operator()(EVP_CIPHER_CTX* p) const { EVP_CIPHER_CTX_free(p); }
 };
-struct MacDeleter {
-    void operator()(EVP_MAC* p) const { EVP_MAC_free(p); }
-};
-struct MacCtxDeleter {
-    void operator()(EVP_MAC_CTX* p) const { EVP_MAC_CTX_free(p); }
-};
 using CipherPtr = std::unique_ptr<EVP_CIPHER, CipherDeleter>;
 using CipherCtxPtr = std::unique_ptr<EVP_CIPHER_CTX, CipherCtxDeleter>;
-using MacPtr = std::unique_ptr<EVP_MAC, MacDeleter>;
-using MacCtxPtr = std::unique_ptr<EVP_MAC_CTX, MacCtxDeleter>;
 
 // Drops whatever OpenSSL queued on this thread's error queue during the
 // scope: the suite reports its failures itself, and errors of the caller
@@ -124,7 +115,8 @@ std::string LowerHex(const unsigned char* bytes, size_t len) {
     return text;
 }
 
-// Multiplication by x in GF(2^128), the "dbl" of RFC 5297.
+// Multiplication by x in GF(2^128), the "dbl" of RFC 5297 (and of the CMAC
+// subkeys of RFC 4493).
 void DoubleBlock(unsigned char* block) {
     const unsigned char carry = block[0] >> 7;
     for (size_t i = 0; i + 1 < kBlock; ++i) {
@@ -133,79 +125,215 @@ void DoubleBlock(unsigned char* block) {
     block[kBlock - 1] = static_cast<unsigned char>(block[kBlock - 1] << 1 ^ (carry ? 0x87 : 0));
 }
 
-// The name of the CBC cipher CMAC runs on for a SIV key of key_len bytes
-// (whose first half is the CMAC key).
+// to ^= from, over one block.
+void XorBlock(unsigned char* to, const unsigned char* from) {
+    uint64_t a[2];
+    uint64_t b[2];
+    std::memcpy(a, to, kBlock);
+    std::memcpy(b, from, kBlock);
+    a[0] ^= b[0];
+    a[1] ^= b[1];
+    std::memcpy(to, a, kBlock);
+}
+
+// A 64-bit number to or from its big-endian bytes.
+uint64_t SwapToBigEndian(uint64_t value) {
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    return __builtin_bswap64(value);
+#else
+    return value;
+#endif
+}
+
+uint64_t LoadBigEndian64(const unsigned char* p) {
+    uint64_t value;
+    std::memcpy(&value, p, sizeof(value));
+    return SwapToBigEndian(value);
+}
+
+void StoreBigEndian64(uint64_t value, unsigned char* p) {
+    value = SwapToBigEndian(value);
+    std::memcpy(p, &value, sizeof(value));
+}
+
+// n (below kBlock) bytes at from (null when n is 0) into a block that is
+// zero after them.
+void LoadPartialBlock(const unsigned char* from, size_t n, unsigned char* block) {
+    std::memset(block, 0, kBlock);
+    if (n > 0) std::memcpy(block, from, n);
+}
+
 const char* CbcName(size_t key_len) { return key_len == kAes128SivKeyBytes ? "AES-128-CBC" : "AES-256-CBC"; }
 
-const char* CtrName(size_t key_len) { return key_len == kAes128SivKeyBytes ? "AES-128-CTR" : "AES-256-CTR"; }
+const char* EcbName(size_t key_len) { return key_len == kAes128SivKeyBytes ? "AES-128-ECB" : "AES-256-ECB"; }
 
-// The OpenSSL contexts of one encryption, keyed once: CMAC under the first
-// half of the key (S2V) and AES-CTR under the second. Freeing them wipes the
-// key schedules.
+// The OpenSSL contexts of one encryption, keyed once: AES-CBC under the first
+// half of the key, whose chain is S2V's CMAC, and AES-ECB under the second,
+// which makes the key stream of the CTR pass from its counter blocks.
+// Neither is set up again per call: an ECB pass keeps no state, and a CBC
+// pass leaves its last output block as the IV of the next, which `chain`
+// keeps, so that a pass that must start from a zero IV adds it to its first
+// input block instead. Freeing them wipes the key schedules.
 struct SivContexts {
-    MacCtxPtr cmac;
-    CipherCtxPtr ctr;
+    SivContexts() = default;
+    ~SivContexts() { OPENSSL_cleanse(chain, sizeof(chain)); }
+    SivContexts(const SivContexts&) = delete;
+    SivContexts& operator=(const SivContexts&) = delete;
+
+    CipherCtxPtr cbc;
+    CipherCtxPtr ecb;
+    unsigned char chain[kBlock] = {0};  // the CBC context's IV
 };
 
 // New contexts for a SIV key of key_len bytes; null when OpenSSL fails.
-std::unique_ptr<SivContexts> NewContexts(EVP_MAC* mac, EVP_CIPHER* ctr, const unsigned char* key, size_t key_len) {
+std::unique_ptr<SivContexts> NewContexts(EVP_CIPHER* cbc, EVP_CIPHER* ecb, const unsigned char* key, size_t key_len) {
     std::unique_ptr<SivContexts> contexts(new (std::nothrow) SivContexts);
     if (contexts == nullptr) return nullptr;
     const size_t half = key_len / 2;
-    const OSSL_PARAM params[] = {
-        OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_CIPHER, const_cast<char*>(CbcName(key_len)), 0),
-        OSSL_PARAM_construct_end()};
-    contexts->cmac.reset(EVP_MAC_CTX_new(mac));
-    contexts->ctr.reset(EVP_CIPHER_CTX_new());
-    if (contexts->cmac == nullptr || contexts->ctr == nullptr ||
-        EVP_MAC_init(contexts->cmac.get(), key, half, params) != 1 ||
-        EVP_EncryptInit_ex2(contexts->ctr.get(), ctr, key + half, nullptr, nullptr) != 1) {
+    contexts->cbc.reset(EVP_CIPHER_CTX_new());
+    contexts->ecb.reset(EVP_CIPHER_CTX_new());
+    if (contexts->cbc == nullptr || contexts->ecb == nullptr ||
+        EVP_EncryptInit_ex2(contexts->cbc.get(), cbc, key, contexts->chain, nullptr) != 1 ||
+        EVP_EncryptInit_ex2(contexts->ecb.get(), ecb, key + half, nullptr, nullptr) != 1 ||
+        EVP_CIPHER_CTX_set_padding(contexts->cbc.get(), 0) != 1 ||
+        EVP_CIPHER_CTX_set_padding(contexts->ecb.get(), 0) != 1) {
         return nullptr;
     }
     return contexts;
 }
 
-// CMAC of the bytes given (any number of pieces) under the contexts' key.
-bool Cmac(SivContexts& contexts, std::initializer_list<std::pair<const unsigned char*, size_t>> pieces,
-          unsigned char* tag) {
-    EVP_MAC_CTX* ctx = contexts.cmac.get();
-    if (EVP_MAC_init(ctx, nullptr, 0, nullptr) != 1) return false;  // same key, fresh state
-    for (const auto& piece : pieces) {
-        if (piece.second > 0 && EVP_MAC_update(ctx, piece.first, piece.second) != 1) return false;
-    }
-    size_t tag_len = 0;
-    return EVP_MAC_final(ctx, tag, &tag_len, kBlock) == 1 && tag_len == kBlock;
+// One EVP call over `blocks` whole blocks at in, into out (which may be in).
+// On a keyed context with whole blocks it does not fail, and so queues no
+// error.
+bool Pass(EVP_CIPHER_CTX* ctx, unsigned char* out, const unsigned char* in, size_t blocks) {
+    return EVP_Cipher(ctx, out, in, static_cast<unsigned int>(blocks * kBlock)) > 0;
 }
 
-// RFC 5297 S2V of one string (the plaintext, no associated data), given
-// d = CMAC(K1, 0^128): the synthetic IV.
-bool S2v(SivContexts& contexts, const unsigned char* d, const unsigned char* in, size_t len, unsigned char* siv) {
-    ScratchBlock t;
-    if (len >= kBlock) {
-        // T = S xorend D: the last block of S with D added.
-        for (size_t i = 0; i < kBlock; ++i) t.data()[i] = in[len - kBlock + i] ^ d[i];
-        return Cmac(contexts, {{in, len - kBlock}, {t.data(), kBlock}}, siv);
-    }
-    // T = dbl(D) xor pad(S): S followed by 10..0 to a whole block.
-    std::memcpy(t.data(), d, kBlock);
-    DoubleBlock(t.data());
-    for (size_t i = 0; i < len; ++i) t.data()[i] ^= in[i];
-    t.data()[len] ^= 0x80;
-    return Cmac(contexts, {{t.data(), kBlock}}, siv);
+// The CBC chain with a zero IV over `blocks` (at least one) blocks at buf,
+// in place: the CBC-MAC of what buf held, as its last block, into mac.
+bool ChainFromZero(SivContexts& contexts, unsigned char* buf, size_t blocks, unsigned char* mac) {
+    XorBlock(buf, contexts.chain);  // undoes the IV the context goes on from
+    if (!Pass(contexts.cbc.get(), buf, buf, blocks)) return false;
+    std::memcpy(contexts.chain, buf + (blocks - 1) * kBlock, kBlock);
+    std::memcpy(mac, contexts.chain, kBlock);
+    return true;
 }
 
-// The whole encryption: the synthetic IV into out, then the plaintext in
-// AES-CTR under the second half of the key from the IV with two bits
-// cleared (RFC 5297, section 2.6).
-bool SivEncrypt(SivContexts& contexts, const unsigned char* d, const unsigned char* in, int inlen, unsigned char* out) {
-    if (!S2v(contexts, d, in, static_cast<size_t>(inlen), out)) return false;
-    ScratchBlock q;
-    std::memcpy(q.data(), out, kBlock);
-    q.data()[8] &= 0x7f;
-    q.data()[12] &= 0x7f;
-    int body = 0;
-    return EVP_EncryptInit_ex2(contexts.ctr.get(), nullptr, nullptr, q.data(), nullptr) == 1 &&
-           (inlen == 0 || EVP_EncryptUpdate(contexts.ctr.get(), out + kBlock, &body, in, inlen) == 1) && body == inlen;
+// What the CMAC of S2V derives from the first half of the key alone.
+struct S2vKeys {
+    unsigned char k1[kBlock];       // the CMAC subkey of a whole last block
+    unsigned char k2[kBlock];       // the CMAC subkey of a padded last block
+    unsigned char d[kBlock];        // D = CMAC(K, 0^128), where every S2V starts
+    unsigned char short_t[kBlock];  // dbl(D) xor k1: T of a string shorter than a block, before pad(S)
+};
+
+// RFC 5297 S2V of the plaintext alone (n = 1, no associated data), into
+// siv. T is laid out in room (at least len + 16 bytes, which it overwrites)
+// with the CMAC subkey of its last block already added, so that the CMAC is
+// one CBC pass over it.
+bool S2v(SivContexts& contexts, const S2vKeys& keys, const unsigned char* in, size_t len, unsigned char* room,
+         unsigned char* siv) {
+    if (len < kBlock) {
+        // T = dbl(D) xor pad(S), one whole block.
+        LoadPartialBlock(in, len, room);
+        room[len] = 0x80;
+        XorBlock(room, keys.short_t);
+        return ChainFromZero(contexts, room, 1, siv);
+    }
+    // T = S xorend D: the last block of S with D added.
+    std::memcpy(room, in, len);
+    XorBlock(room + len - kBlock, keys.d);
+    const size_t blocks = (len + kBlock - 1) / kBlock;
+    unsigned char* last = room + (blocks - 1) * kBlock;
+    const size_t tail = len % kBlock;
+    if (tail == 0) {
+        XorBlock(last, keys.k1);
+    } else {
+        last[tail] = 0x80;
+        std::memset(last + tail + 1, 0, kBlock - tail - 1);
+        XorBlock(last, keys.k2);
+    }
+    return ChainFromZero(contexts, room, blocks, siv);
+}
+
+// The CTR pass of RFC 5297 (section 2.6) from IV siv: out[16, 16 + len) is
+// in xor the key stream, the ECB pass over the counter blocks Q, Q + 1, ...
+// (Q is siv with bits 63 and 31 cleared; the counter is a 128-bit big-endian
+// number). The counter blocks and key stream are made in out[0, 16 + len),
+// which they fit, and the ciphertext is written from the end backwards, so
+// that each key-stream byte is used before its place is written; nothing of
+// the key stream is left behind.
+bool Ctr(SivContexts& contexts, const unsigned char* siv, const unsigned char* in, size_t len, unsigned char* out) {
+    const size_t blocks = (len + kBlock - 1) / kBlock;
+    uint64_t high = LoadBigEndian64(siv);
+    uint64_t low = LoadBigEndian64(siv + 8) & ~(uint64_t{1} << 63 | uint64_t{1} << 31);
+    for (size_t i = 0; i < blocks; ++i) {
+        StoreBigEndian64(high, out + i * kBlock);
+        StoreBigEndian64(low, out + i * kBlock + 8);
+        if (++low == 0) ++high;
+    }
+    if (!Pass(contexts.ecb.get(), out, out, blocks)) return false;
+    ScratchBlock block;  // the last block's unused key stream is wiped with it
+    size_t at = len - len % kBlock;
+    if (at != len) {
+        // The last, partial block.
+        LoadPartialBlock(in + at, len - at, block.data());
+        XorBlock(block.data(), out + at);
+        std::memcpy(out + kBlock + at, block.data(), len - at);
+    }
+    while (at > 0) {
+        at -= kBlock;
+        std::memcpy(block.data(), out + at, kBlock);
+        XorBlock(block.data(), in + at);
+        std::memcpy(out + kBlock + at, block.data(), kBlock);
+    }
+    return true;
+}
+
+// SivEncrypt of fewer than 16 bytes, the common key field: T, the counter
+// block and the key stream are one block each, made in a scratch block.
+bool SivEncryptShort(SivContexts& contexts, const S2vKeys& keys, const unsigned char* in, size_t len,
+                     unsigned char* out) {
+    ScratchBlock block;  // zero
+    // T = dbl(D) xor pad(S), with the CMAC subkey, from a zero IV.
+    std::memcpy(block.data(), in, len);
+    block.data()[len] = 0x80;
+    XorBlock(block.data(), keys.short_t);
+    if (!ChainFromZero(contexts, block.data(), 1, out)) return false;
+    // The counter block Q: the IV with bits 63 and 31 cleared.
+    block.data()[8] &= 0x7f;
+    block.data()[12] &= 0x7f;
+    if (!Pass(contexts.ecb.get(), block.data(), block.data(), 1)) return false;
+    for (size_t i = 0; i < len; ++i) out[kBlock + i] = in[i] ^ block.data()[i];
+    return true;
+}
+
+// The whole encryption of len (at least one) bytes: the synthetic IV, then
+// the ciphertext, into out (len + 16 bytes).
+bool SivEncrypt(SivContexts& contexts, const S2vKeys& keys, const unsigned char* in, size_t len, unsigned char* out) {
+    if (len < kBlock) return SivEncryptShort(contexts, keys, in, len, out);
+    unsigned char siv[kBlock];
+    if (!S2v(contexts, keys, in, len, out, siv) || !Ctr(contexts, siv, in, len, out)) return false;
+    std::memcpy(out, siv, kBlock);
+    return true;
+}
+
+// The keys S2V derives from the first half of the key, and the IV of the
+// empty plaintext, computed with fresh contexts.
+bool DeriveS2vKeys(SivContexts& contexts, S2vKeys* keys, unsigned char* empty_siv) {
+    // L = AES(K, 0^128); k1 = dbl(L), k2 = dbl(k1) (RFC 4493).
+    ScratchBlock block;
+    if (!ChainFromZero(contexts, block.data(), 1, keys->k1)) return false;
+    DoubleBlock(keys->k1);
+    std::memcpy(keys->k2, keys->k1, kBlock);
+    DoubleBlock(keys->k2);
+    // D = CMAC(K, 0^128): one whole block.
+    std::memcpy(block.data(), keys->k1, kBlock);
+    if (!ChainFromZero(contexts, block.data(), 1, keys->d)) return false;
+    std::memcpy(keys->short_t, keys->d, kBlock);
+    DoubleBlock(keys->short_t);
+    XorBlock(keys->short_t, keys->k1);
+    return S2v(contexts, *keys, nullptr, 0, block.data(), empty_siv);
 }
 
 // A few keyed contexts kept for reuse, so that an encryption sets nothing up.
@@ -261,11 +389,11 @@ struct AesSivCipherSuite::Impl {
     void Clear() {
         cipher.reset();
         pool.Clear();
-        mac.reset();
-        ctr.reset();
+        cbc.reset();
+        ecb.reset();
         OPENSSL_cleanse(key, sizeof(key));
         key_len = 0;
-        OPENSSL_cleanse(cmac_zero, sizeof(cmac_zero));
+        OPENSSL_cleanse(&s2v, sizeof(s2v));
         OPENSSL_cleanse(empty_siv, sizeof(empty_siv));
         key_md5.clear();
     }
@@ -274,13 +402,13 @@ struct AesSivCipherSuite::Impl {
 
     unsigned char key[kAes256SivKeyBytes] = {0};
     size_t key_len = 0;
-    unsigned char cmac_zero[kBlock] = {0};  // CMAC(K1, 0^128), the start of every S2V
+    S2vKeys s2v = {};  // derived from the first half of the key
     // The IV of the empty plaintext: OpenSSL's SIV ignores a zero-length
     // update and then fails its final step, so Decrypt checks this one itself.
     unsigned char empty_siv[kBlock] = {0};
     std::string key_md5;
-    MacPtr mac;        // CMAC
-    CipherPtr ctr;     // AES-CTR of the key's size
+    CipherPtr cbc;     // AES-CBC of the key's size
+    CipherPtr ecb;     // AES-ECB of the key's size
     ContextPool pool;  // keyed contexts for Encrypt
     CipherPtr cipher;  // AES-SIV, for Decrypt; set last: non-null means the suite is ready
 };
@@ -319,14 +447,12 @@ int AesSivCipherSuite::Init(const std::string& config) {
         impl.Clear();
         return Fail(kErrCrypto, "OpenSSL cannot compute MD5");
     }
-    impl.mac.reset(EVP_MAC_fetch(nullptr, "CMAC", nullptr));
-    impl.ctr.reset(EVP_CIPHER_fetch(nullptr, CtrName(key_len), nullptr));
-    std::unique_ptr<SivContexts> contexts = impl.mac != nullptr && impl.ctr != nullptr
-                                                ? NewContexts(impl.mac.get(), impl.ctr.get(), impl.key, key_len)
+    impl.cbc.reset(EVP_CIPHER_fetch(nullptr, CbcName(key_len), nullptr));
+    impl.ecb.reset(EVP_CIPHER_fetch(nullptr, EcbName(key_len), nullptr));
+    std::unique_ptr<SivContexts> contexts = impl.cbc != nullptr && impl.ecb != nullptr
+                                                ? NewContexts(impl.cbc.get(), impl.ecb.get(), impl.key, key_len)
                                                 : nullptr;
-    static const unsigned char kZero[kBlock] = {0};
-    if (contexts == nullptr || !Cmac(*contexts, {{kZero, kBlock}}, impl.cmac_zero) ||
-        !S2v(*contexts, impl.cmac_zero, nullptr, 0, impl.empty_siv)) {
+    if (contexts == nullptr || !DeriveS2vKeys(*contexts, &impl.s2v, impl.empty_siv)) {
         impl.Clear();
         return Fail(kErrCrypto, "OpenSSL cannot compute AES-CMAC");
     }
@@ -356,11 +482,16 @@ int AesSivCipherSuite::Encrypt(const unsigned char* in, int inlen, unsigned char
         outlen = kSivLength;
         return 0;
     }
-    OpenSslErrorScope errors;
     Impl& impl = *m_impl;
     std::unique_ptr<SivContexts> contexts = impl.pool.Take();
-    if (contexts == nullptr) contexts = NewContexts(impl.mac.get(), impl.ctr.get(), impl.key, impl.key_len);
-    if (contexts == nullptr || !SivEncrypt(*contexts, impl.cmac_zero, in, inlen, out)) {
+    if (contexts == nullptr) {
+        // Setting up may queue errors; the passes on keyed contexts do not.
+        OpenSslErrorScope errors;
+        contexts = NewContexts(impl.cbc.get(), impl.ecb.get(), impl.key, impl.key_len);
+    }
+    if (contexts == nullptr || !SivEncrypt(*contexts, impl.s2v, in, static_cast<size_t>(inlen), out)) {
+        // A context whose chain is unknown is not given back.
+        OPENSSL_cleanse(out, static_cast<size_t>(inlen) + kSivLength);
         return Fail(kErrCrypto, "Encrypt: OpenSSL AES-SIV encryption failed");
     }
     impl.pool.Give(std::move(contexts));
@@ -403,6 +534,8 @@ int AesSivCipherSuite::Decrypt(const unsigned char* in, int inlen, unsigned char
 }
 
 const std::string AesSivCipherSuite::GetCipherKeyMD5() { return m_impl->key_md5; }
+
+const std::string& AesSivCipherSuite::CipherKeyMD5() const { return m_impl->key_md5; }
 
 const std::string AesSivCipherSuite::GetErrMsg() {
     const FailureSlot* slot = FindFailure(m_id);

@@ -26,12 +26,18 @@
 // failures of the 8 suites that failed on it most recently; a successful call
 // does not clear the text.
 //
-// Encrypt sets nothing up per call: Init keys a CMAC context (the S2V half of
-// the key) and an AES-CTR context (the other half), and encryptions reuse
-// such keyed contexts from a small pool, making more when many threads
-// encrypt at once. OpenSSL's own AES-SIV cipher accepts one operation per
-// keying, and keying it fetches its algorithms anew each time, which would
-// cost twenty times the encryption; Decrypt still uses it, so every
+// Encrypt sets nothing up per call: Init keys an AES-CBC context with the S2V
+// half of the key and an AES-ECB context with the CTR half, derives the CMAC
+// subkeys and S2V's first block once, and encryptions reuse such keyed
+// contexts from a small pool, making more when many threads encrypt at once.
+// Each pass of AES-SIV is one EVP call over all its blocks: S2V's CMAC is the
+// CBC chain from a zero IV over T (the last block with its subkey added),
+// whose last block is the MAC; the CTR pass is the ECB pass over the counter
+// blocks, added to the plaintext. Both are laid out in the output buffer,
+// which they fit, so an encryption allocates nothing and leaves nothing of
+// the plaintext behind. OpenSSL's own AES-SIV cipher accepts one operation
+// per keying, and keying it fetches its algorithms anew each time, which
+// would cost twenty times the encryption; Decrypt still uses it, so every
 // ciphertext Encrypt writes is checked by OpenSSL's SIV when it is opened.
 #ifndef CORVIDA_PROTOBUF_API_AES_SIV_CIPHER_SUITE_H_
 #define CORVIDA_PROTOBUF_API_AES_SIV_CIPHER_SUITE_H_
@@ -88,6 +94,8 @@ public:
 
     // Lowercase hex MD5 of the raw key bytes; empty before a successful Init.
     const std::string GetCipherKeyMD5() override;
+    // The same text, without a copy; valid until the next Init.
+    const std::string& CipherKeyMD5() const;
 
     // Why the last failing call of this suite in the calling thread failed;
     // empty when none did.

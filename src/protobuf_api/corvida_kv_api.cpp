@@ -1,6 +1,6 @@
 #include "protobuf_api/corvida_kv_api.h"
 
-#include <string_view>
+#include <cstring>
 #include <utility>
 
 namespace CORVIDA_KV {
@@ -13,15 +13,23 @@ int CorvidaKVApi::AddCipherSuite(std::unique_ptr<CipherSuite> suite) {
     if (suite == nullptr) return -1;
     const char* name = suite->GetName();
     if (name == nullptr) return -1;
-    if (m_suites.find(std::string_view(name)) != m_suites.end()) return -2;
-    m_suites.emplace(name, std::move(suite));
+    if (Find(name) != nullptr) return -2;
+    m_suites.push_back(Entry{name, std::move(suite)});
     return 0;
 }
 
 CipherSuite* CorvidaKVApi::GetCipherSuite(const char* name) {
     if (name == nullptr) return nullptr;
-    auto it = m_suites.find(std::string_view(name));
-    return it == m_suites.end() ? nullptr : it->second.get();
+    const Entry* entry = Find(name);
+    return entry == nullptr ? nullptr : entry->suite.get();
+}
+
+const CorvidaKVApi::Entry* CorvidaKVApi::Find(const char* name) const {
+    // Names come from C strings: they hold no NUL of their own.
+    for (const Entry& entry : m_suites) {
+        if (std::strcmp(entry.name.c_str(), name) == 0) return &entry;
+    }
+    return nullptr;
 }
 
 }  // namespace CORVIDA_KV

@@ -4,8 +4,9 @@
 // Record keys and value-set fields are mostly such fields. Protobuf's field
 // serializer dispatches on the descriptor for every value and needs a coded
 // stream; here a field's tag is encoded once, when its plan is made, and the
-// value is read with the typed reflection getter and written with protobuf's
-// array writers: the same bytes.
+// value is read from its slot (protobuf_util_slots.h) or with the typed
+// reflection getter and written with protobuf's array writers: the same
+// bytes.
 #ifndef CORVIDA_PROTOBUF_API_PROTOBUF_UTIL_FIELDS_H_
 #define CORVIDA_PROTOBUF_API_PROTOBUF_UTIL_FIELDS_H_
 
@@ -20,6 +21,8 @@
 #include <google/protobuf/stubs/common.h>
 #include <google/protobuf/wire_format.h>
 #include <google/protobuf/wire_format_lite.h>
+
+#include "protobuf_api/protobuf_util_slots.h"
 
 namespace PROTOBUF_UTIL {
 namespace internal {
@@ -177,7 +180,8 @@ enum class Plain {
 
 // Writes plain field `plain` of message m (whose reflection is r) into
 // `out`, as protobuf's field serializer writes it, when it takes at most
-// `room` bytes. A field that HasField reports unset is left out (nothing
+// `room` bytes. The value is read from `slot` when it is one (of m's class),
+// else through reflection; slot may be null. A field that HasField reports unset is left out (nothing
 // written) unless `unset_too` (the key field serializer's rule for proto3);
 // it is then written with its default value.
 //
@@ -187,32 +191,35 @@ enum class Plain {
 // protobuf itself was built.
 template <typename Sink>
 Plain WritePlain(const PlainField& plain, const google::protobuf::Reflection* r, const google::protobuf::Message& m,
-                 bool unset_too, int64_t room, Sink& out) {
+                 bool unset_too, int64_t room, Sink& out, const FieldSlot* slot) {
     using google::protobuf::FieldDescriptor;
     using google::protobuf::internal::WireFormatLite;
     const FieldDescriptor* f = plain.field;
+    const bool raw = slot != nullptr && slot->kind != FieldSlot::Kind::kNone;
     // HasField of a field of implicit presence reads the value; it is read
-    // here anyway.
+    // here anyway. A slot of a field of explicit presence has a has-bit.
     const bool check_value = !unset_too && plain.implicit_presence;
-    if (!unset_too && !plain.implicit_presence && !r->HasField(m, f)) return Plain::kWritten;
+    if (!unset_too && !plain.implicit_presence && !(raw ? HasBitSet(*slot, m) : r->HasField(m, f))) {
+        return Plain::kWritten;
+    }
     uint8_t head[16];
     std::memcpy(head, plain.tag, sizeof(plain.tag));
     uint8_t* p = head + plain.tag_size;
     uint64_t bits = 0;  // the value's bits, when check_value
     switch (plain.type) {
-#define CORVIDA_PLAIN_CASE(TYPE, GETTER, WRITER)                   \
-    case FieldDescriptor::TYPE: {                                  \
-        const auto value = r->Get##GETTER(m, f);                   \
-        if (check_value) bits = BitsOf(value);                     \
-        p = WireFormatLite::Write##WRITER##NoTagToArray(value, p); \
-        break;                                                     \
+#define CORVIDA_PLAIN_CASE(TYPE, GETTER, WRITER)                                                              \
+    case FieldDescriptor::TYPE: {                                                                             \
+        const auto value = raw ? LoadScalar<decltype(r->Get##GETTER(m, f))>(*slot, m) : r->Get##GETTER(m, f); \
+        if (check_value) bits = BitsOf(value);                                                                \
+        p = WireFormatLite::Write##WRITER##NoTagToArray(value, p);                                            \
+        break;                                                                                                \
     }
         CORVIDA_FOR_EACH_SCALAR_TYPE(CORVIDA_PLAIN_CASE)
 #undef CORVIDA_PLAIN_CASE
         case FieldDescriptor::TYPE_STRING:
         case FieldDescriptor::TYPE_BYTES: {
             std::string scratch;
-            const std::string& value = r->GetStringReference(m, f, &scratch);
+            const std::string& value = raw ? StringSlot(*slot, m).Get() : r->GetStringReference(m, f, &scratch);
             if (check_value && value.empty()) return Plain::kWritten;
             // A length beyond the writers' varint is left to them.
             if (value.size() > static_cast<size_t>(INT_MAX)) return Plain::kGeneric;

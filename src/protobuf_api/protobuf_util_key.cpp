@@ -1,12 +1,14 @@
 // Record keys: the primary key of a message, the key of chosen fields, and the
 // names of the primary-key fields.
 //
-// These run on every request, so the path that encrypts nothing allocates
-// nothing and does little besides reading the key fields:
+// These run on every request, so they allocate nothing (but what a cipher
+// suite other than the library's own may) and do little besides reading the
+// key fields:
 //   - what a generated table type's options mean (its key fields in number
-//     order, how each is written, its cipher suite's name) is planned once
-//     per process (protobuf_util_plans.h); other types are planned per call,
-//     without the heap;
+//     order, how each is written and where its objects keep it, its cipher
+//     suite's name and key digest) is planned once per process
+//     (protobuf_util_plans.h, protobuf_util_slots.h); other types are
+//     planned per call, without the heap;
 //   - a field is encoded with protobuf's array writers straight into the key
 //     buffer while it ends clear of the buffer's last bytes, where a coded
 //     stream over the buffer would behave the same; from the first field that
@@ -21,6 +23,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <typeinfo>
 #include <vector>
 
 #include <google/protobuf/descriptor.pb.h>
@@ -29,10 +32,12 @@
 #include <google/protobuf/wire_format_lite.h>
 
 #include "corvidaservice.optionv1.pb.h"
+#include "protobuf_api/aes_siv_cipher_suite.h"
 #include "protobuf_api/protobuf_util.h"
 #include "protobuf_api/protobuf_util_fields.h"
 #include "protobuf_api/protobuf_util_log.h"
 #include "protobuf_api/protobuf_util_plans.h"
+#include "protobuf_api/protobuf_util_slots.h"
 #include "protobuf_api/protobuf_util_tokens.h"
 
 namespace PROTOBUF_UTIL {
@@ -71,6 +76,7 @@ struct KeySource {
     const Descriptor* desc;
     const Reflection* reflection;
     CipherSuite* suite;  // null when the table names no cipher suite
+    bool slotted;        // msg is of the class the plan's slots were found for
 };
 
 // How a key field is written; fixed by its descriptor.
@@ -92,6 +98,9 @@ struct KeyField {
     const FieldDescriptor* field = nullptr;
     KeyWrite how = KeyWrite::kGeneric;
     internal::PlainField plain;  // for kPlain
+    // Where objects of the class of a kept plan keep the field (kPlain and
+    // kEncrypted); kNone otherwise.
+    internal::FieldSlot slot;
     // For kPlain: a value other than the default (of BitsOf default_bits, or
     // for a string, the empty default) is set; true for fields of every type
     // but floating point and strings with another default.
@@ -133,61 +142,130 @@ KeyField PlanKeyField(const FieldDescriptor* field) {
     return key;
 }
 
-// Writes the plain key fields from *key on (up to end) of m (whose reflection
-// is r) from `at` on, as WritePlainKeyField writes them, while each surely
-// ends at or before `limit`. Stops at the first field that might not, or
-// that only the general way writes as protobuf does (a string that is not
-// valid UTF-8), having written nothing of it; *key is then that field.
-// Returns the end of what was written. With bCheck, also stops at a field
-// that writes nothing (*key is that field, *unset set).
-//
-// A proto2 field is written when HasField reports it set. A field that is
-// not set reads as its default value, so one that reads otherwise is set:
-// HasField is asked only about a value equal to the default
-// (KeyField::set_unless_default). kProto3: every field is of a proto3 file
-// (the fields of one message are).
-template <bool kProto3>
-uint8_t* WriteShortKey(const KeyField** key, const KeyField* end, const Reflection* r, const Message& m, uint8_t* at,
-                       const uint8_t* limit, bool bCheck, bool* unset) {
-    using google::protobuf::FieldDescriptor;
-    // Unused for the fields of generated messages, whose strings reflection
-    // hands out by reference.
+// Writes a plain key field as SerializeFieldWithCachedSizesEx and protobuf's
+// serializer both write it (a proto3 field always, its default included; a
+// proto2 field when set) into `out` when it takes at most `room` bytes.
+template <typename Sink>
+internal::Plain WritePlainKeyField(const KeyField& key, const KeySource& source, int64_t room, Sink& out) {
+    return internal::WritePlain(key.plain, source.reflection, *source.msg, key.plain.proto3, room, out,
+                                source.slotted ? &key.slot : nullptr);
+}
+
+// Encrypts value with suite into idl->szValue. Returns 0 with the
+// ciphertext's length in *outlen, or -7.
+inline int EncryptValue(const std::string& value, CipherSuite* suite, tagtbl_idl* idl, int* outlen) {
+    // The suite takes an int length: a longer value would be encrypted cut
+    // short, and two different records would share one key.
+    if (value.size() > static_cast<size_t>(INT_MAX)) return -7;
+    *outlen = kCipherCapacity;
+    const int ret = suite->Encrypt(reinterpret_cast<const unsigned char*>(value.data()), static_cast<int>(value.size()),
+                                   idl->szValue, *outlen);
+    // A length outside the output area would make us read beyond it.
+    if (ret != 0 || *outlen < 0 || *outlen > kCipherCapacity) return -7;
+    return 0;
+}
+
+// Encrypts a string or bytes field into idl->szValue. Returns 0 with the
+// ciphertext's length in *outlen, -6 (no suite) or -7.
+inline int EncryptField(const KeyField& key, const KeySource& source, tagtbl_idl* idl, int* outlen) {
+    if (source.suite == nullptr) return -6;
+    // A repeated field has no single value to encrypt; refusing it is safer
+    // than writing its values in plain.
+    if (key.field->is_repeated()) return -7;
+    if (source.slotted && key.slot.kind == internal::FieldSlot::Kind::kString) {
+        return EncryptValue(internal::StringSlot(key.slot, *source.msg).Get(), source.suite, idl, outlen);
+    }
     std::string scratch;
-    const KeyField* k = *key;
+    return EncryptValue(source.reflection->GetStringReference(*source.msg, key.field, &scratch), source.suite, idl,
+                        outlen);
+}
+
+// The head of an encrypted field: its tag (the field's own number, length
+// delimited) and the ciphertext's length. Returns the head's size.
+int EncryptedHead(const FieldDescriptor* field, int outlen, uint8_t* head) {
+    uint8_t* p = WireFormatLite::WriteTagToArray(field->number(), WireFormatLite::WIRETYPE_LENGTH_DELIMITED, head);
+    p = CodedOutputStream::WriteVarint32ToArray(static_cast<uint32_t>(outlen), p);
+    return static_cast<int>(p - head);
+}
+
+// Where a short key is: the field to write next and where it goes, and why
+// the short way stopped there.
+struct ShortKeyState {
+    const KeyField* key;
+    uint8_t* at;
+    bool unset = false;   // the field wrote nothing (bCheck)
+    int ciphertext = -1;  // the field is encrypted and its ciphertext made, but not written
+    int result = 0;       // the field's encryption failed: -6 or -7
+};
+
+// Writes the plain key fields from state->key on (up to end) of m (whose
+// reflection is r) straight into a key buffer from state->at on, as
+// WritePlainKeyField writes them, while each surely ends at or before
+// `limit`. Stops at the first field that might not, that only the general
+// way writes as protobuf does (a string that is not valid UTF-8), or that is
+// not plain, having written nothing of it; with bCheck, also at a field that
+// writes nothing (state->unset).
+//
+// Fields are read from their slots (the plan is kept for m's class) or
+// through reflection. A proto2 field is written when it is set: its has-bit
+// tells, or else HasField. A field that is not set reads as its default
+// value, so one that reads otherwise is set: HasField is asked only about a
+// value equal to the default (KeyField::set_unless_default). kProto3: every
+// field is of a proto3 file (the fields of one message are).
+template <bool kProto3>
+__attribute__((always_inline)) inline void WriteShortKey(ShortKeyState* state, const KeyField* end, const Reflection* r,
+                                                         const Message& m, const uint8_t* limit, bool bCheck) {
+    uint8_t* at = state->at;
+    using google::protobuf::FieldDescriptor;
+    using internal::FieldSlot;
+    // Unused for the fields of generated messages, whose strings
+    // reflection hands out by reference.
+    std::string scratch;
+    const KeyField* k = state->key;
     for (; k != end; ++k) {
+        if (k->how != KeyWrite::kPlain) break;
         const internal::PlainField& plain = k->plain;
         const FieldDescriptor* f = plain.field;
         // The tag and a varint of ten bytes, the longest scalar.
         if (limit - at < plain.tag_size + 10) break;
-        // A proto3 key field is written even when unset.
+        // A proto3 key field is written even when unset. A slot of a
+        // proto2 field has a has-bit.
         const bool presence = !kProto3;
+        const bool raw = k->slot.kind != FieldSlot::Kind::kNone;
+        bool stop = false;
         switch (plain.type) {
-#define CORVIDA_SHORT_CASE(TYPE, GETTER, WRITER)                                                      \
-    case FieldDescriptor::TYPE: {                                                                     \
-        const auto value = r->Get##GETTER(m, f);                                                      \
-        if (presence && (!k->set_unless_default || internal::BitsOf(value) == k->default_bits) &&     \
-            !r->HasField(m, f)) {                                                                     \
-            break;                                                                                    \
-        }                                                                                             \
-        at = WireFormatLite::Write##WRITER##NoTagToArray(value, PutTag(plain, at));                   \
-        continue;                                                                                     \
+#define CORVIDA_SHORT_CASE(TYPE, GETTER, WRITER)                                                                    \
+    case FieldDescriptor::TYPE: {                                                                                   \
+        using Value = decltype(r->Get##GETTER(m, f));                                                               \
+        const Value value = raw ? internal::LoadScalar<Value>(k->slot, m) : r->Get##GETTER(m, f);                   \
+        if (presence &&                                                                                             \
+            (raw ? !internal::HasBitSet(k->slot, m)                                                                 \
+                 : (!k->set_unless_default || internal::BitsOf(value) == k->default_bits) && !r->HasField(m, f))) { \
+            break;                                                                                                  \
+        }                                                                                                           \
+        at = WireFormatLite::Write##WRITER##NoTagToArray(value, PutTag(plain, at));                                 \
+        continue;                                                                                                   \
     }
             CORVIDA_FOR_EACH_SCALAR_TYPE(CORVIDA_SHORT_CASE)
 #undef CORVIDA_SHORT_CASE
             case FieldDescriptor::TYPE_STRING:
             case FieldDescriptor::TYPE_BYTES: {
-                const std::string& value = r->GetStringReference(m, f, &scratch);
+                const std::string& value =
+                    raw ? internal::StringSlot(k->slot, m).Get() : r->GetStringReference(m, f, &scratch);
                 const size_t size = value.size();
-                if (presence && (!k->set_unless_default || size == 0) && !r->HasField(m, f)) break;
+                if (presence && (raw ? !internal::HasBitSet(k->slot, m)
+                                     : (!k->set_unless_default || size == 0) && !r->HasField(m, f))) {
+                    break;
+                }
                 // The tag, a length of at most five bytes, the value.
                 if (size > static_cast<size_t>(limit - at) ||
                     limit - at - static_cast<ptrdiff_t>(size) < plain.tag_size + 5) {
-                    *key = k;
-                    return at;
+                    stop = true;
+                    break;
                 }
                 if (plain.type == FieldDescriptor::TYPE_STRING && !internal::IsValidUtf8(value.data(), size)) {
-                    *key = k;
-                    return at;
+                    stop = true;
+                    break;
                 }
                 at = CodedOutputStream::WriteVarint32ToArray(static_cast<uint32_t>(size), PutTag(plain, at));
                 if (size <= 16) {
@@ -199,52 +277,17 @@ uint8_t* WriteShortKey(const KeyField** key, const KeyField* end, const Reflecti
                 continue;
             }
             default:  // messages and groups are never plain
-                *key = k;
-                return at;
+                stop = true;
+                break;
         }
+        if (stop) break;
         // Not set: nothing is written.
         if (!bCheck) continue;
-        *unset = true;
+        state->unset = true;
         break;
     }
-    *key = k;
-    return at;
-}
-
-// Writes a plain key field as SerializeFieldWithCachedSizesEx and protobuf's
-// serializer both write it (a proto3 field always, its default included; a
-// proto2 field when set) into `out` when it takes at most `room` bytes.
-template <typename Sink>
-internal::Plain WritePlainKeyField(const KeyField& key, const KeySource& source, int64_t room, Sink& out) {
-    return internal::WritePlain(key.plain, source.reflection, *source.msg, key.plain.proto3, room, out);
-}
-
-// Encrypts a string or bytes field into idl->szValue. Returns 0 with the
-// ciphertext's length in *outlen, -6 (no suite) or -7.
-int EncryptField(const FieldDescriptor* field, const KeySource& source, tagtbl_idl* idl, int* outlen) {
-    if (source.suite == nullptr) return -6;
-    // A repeated field has no single value to encrypt; refusing it is safer
-    // than writing its values in plain.
-    if (field->is_repeated()) return -7;
-    std::string scratch;
-    const std::string& value = source.reflection->GetStringReference(*source.msg, field, &scratch);
-    // The suite takes an int length: a longer value would be encrypted cut
-    // short, and two different records would share one key.
-    if (value.size() > static_cast<size_t>(INT_MAX)) return -7;
-    *outlen = kCipherCapacity;
-    const int ret = source.suite->Encrypt(reinterpret_cast<const unsigned char*>(value.data()),
-                                          static_cast<int>(value.size()), idl->szValue, *outlen);
-    // A length outside the output area would make us read beyond it.
-    if (ret != 0 || *outlen < 0 || *outlen > kCipherCapacity) return -7;
-    return 0;
-}
-
-// The head of an encrypted field: its tag (the field's own number, length
-// delimited) and the ciphertext's length. Returns the head's size.
-int EncryptedHead(const FieldDescriptor* field, int outlen, uint8_t* head) {
-    uint8_t* p = WireFormatLite::WriteTagToArray(field->number(), WireFormatLite::WIRETYPE_LENGTH_DELIMITED, head);
-    p = CodedOutputStream::WriteVarint32ToArray(static_cast<uint32_t>(outlen), p);
-    return static_cast<int>(p - head);
+    state->key = k;
+    state->at = at;
 }
 
 // Writes one key field into a coded stream over the key buffer (capacity is
@@ -257,7 +300,7 @@ int WriteKeyField(const KeyField& key, const KeySource& source, tagtbl_idl* idl,
     switch (key.how) {
         case KeyWrite::kEncrypted: {
             int outlen = 0;
-            const int ret = EncryptField(field, source, idl, &outlen);
+            const int ret = EncryptField(key, source, idl, &outlen);
             if (ret != 0) return ret;
             // The bytes WireFormatLite::WriteString writes, without copying
             // the ciphertext into a string first.
@@ -335,7 +378,14 @@ private:
 // counts (log lines and the zero-growth check) stay the stream's own.
 class KeyOutput {
 public:
-    KeyOutput(uint8_t* buf, int32_t capacity) : m_buf(buf), m_capacity(capacity) {}
+    // Over buf of `capacity` bytes, whose first `written` bytes the fields
+    // before have written in place.
+    KeyOutput(uint8_t* buf, int32_t capacity, int written = 0)
+        : m_buf(buf), m_capacity(capacity), m_base(written), m_length(written) {}
+
+    // The next field written is encrypted, and its ciphertext of `outlen`
+    // bytes is made already (in idl->szValue).
+    void Encrypted(int outlen) { m_made = outlen; }
 
     int ByteCount() const { return m_stream ? m_base + static_cast<int>(m_stream->ByteCount()) : m_base; }
 
@@ -375,8 +425,9 @@ private:
     // Writes the field straight into the buffer when it fits there (*ret is
     // the result then) and returns true; returns false, having written
     // nothing, otherwise. A field that needs protobuf's serializers is never
-    // written here; an encrypted one is encrypted here either way, and left in
-    // m_ciphertext when it does not fit.
+    // written here; an encrypted one is encrypted here either way (unless its
+    // ciphertext was made before, Encrypted), and left in m_ciphertext when it
+    // does not fit.
     bool WriteInPlace(const KeyField& key, const KeySource& source, tagtbl_idl* idl, int* ret) {
         m_ciphertext = -1;
         if (key.how == KeyWrite::kPlain) {
@@ -384,9 +435,12 @@ private:
             if (WritePlainKeyField(key, source, Room(), sink) != internal::Plain::kWritten) return false;
             m_base = static_cast<int>(sink.end() - m_buf);
         } else if (key.how == KeyWrite::kEncrypted) {
-            int outlen = 0;
-            *ret = EncryptField(key.field, source, idl, &outlen);
-            if (*ret != 0) return true;
+            int outlen = m_made;
+            m_made = -1;
+            if (outlen < 0) {
+                *ret = EncryptField(key, source, idl, &outlen);
+                if (*ret != 0) return true;
+            }
             uint8_t head[10];
             const int head_size = EncryptedHead(key.field, outlen, head);
             if (int64_t{head_size} + outlen > Room()) {
@@ -426,6 +480,7 @@ private:
     int m_base = 0;  // bytes written in place, before the stream
     int64_t m_length = 0;
     int m_ciphertext = -1;  // length of a ciphertext made for a field that did not fit in place
+    int m_made = -1;        // length of a ciphertext made before for the next field (Encrypted)
     std::optional<ArrayOutputStream> m_array;
     std::optional<CodedOutputStream> m_stream;
 };
@@ -442,6 +497,14 @@ public:
         }
         if (m_spill.empty()) m_spill.assign(m_inline, m_inline + m_count);
         m_spill.push_back(key);
+    }
+
+    // Gives each field its slot of slots (found for the class planned for).
+    void SetSlots(const internal::FieldSlots& slots) {
+        KeyField* first = m_spill.empty() ? m_inline : m_spill.data();
+        for (KeyField* key = first; key != first + (end() - begin()); ++key) {
+            key->slot = slots.by_index[static_cast<size_t>(key->field->index())];
+        }
     }
 
     const KeyField* begin() const { return m_spill.empty() ? m_inline : m_spill.data(); }
@@ -471,9 +534,13 @@ struct KeyPlan {
     const Descriptor* desc = nullptr;
     const Reflection* reflection = nullptr;
     const std::string* suite_name = nullptr;  // corvida_field_cipher_suite of desc
+    const std::string* cipher_md5 = nullptr;  // corvida_cipher_md5 of desc
     int primary_result = 0;                   // 0, or -5 when a primary-key name is not a field
     KeyFieldList primary;
-    bool short_primary = false;  // every primary-key field is plain: WriteShortKey writes them
+    bool proto3 = false;  // desc is of a proto3 file
+    // Every primary-key field is plain or encrypted: WriteShortPrimaryKey
+    // writes them.
+    bool short_primary = false;
     std::vector<KeyField> by_index;  // every field of desc, by index; empty when planned for one call
 };
 
@@ -497,15 +564,15 @@ int CollectPrimaryKeyFields(const Descriptor* desc, KeyFieldList* fields) {
 // suite's name and, with `primary`, the primary-key fields.
 void PlanOptions(KeyPlan* plan, bool primary) {
     plan->suite_name = &plan->desc->options().GetExtension(corvidaservice::corvida_field_cipher_suite);
+    plan->cipher_md5 = &plan->desc->options().GetExtension(corvidaservice::corvida_cipher_md5);
+    plan->proto3 = plan->desc->file()->syntax() == FileDescriptor::SYNTAX_PROTO3;
     if (!primary) return;
     plan->primary_result = CollectPrimaryKeyFields(plan->desc, &plan->primary);
     // Key bytes must not depend on the order the option lists the names in.
     plan->primary.SortByNumber();
     plan->short_primary = plan->primary_result == 0 && plan->primary.begin() != plan->primary.end();
     for (const KeyField& key : plan->primary) {
-        if (key.how != KeyWrite::kPlain || key.plain.proto3 != plan->primary.begin()->plain.proto3) {
-            plan->short_primary = false;
-        }
+        if (key.how == KeyWrite::kGeneric) plan->short_primary = false;
     }
 }
 
@@ -526,9 +593,13 @@ const KeyPlan* PlanNow(const Message& msg, bool primary, std::optional<KeyPlan>*
             kept->desc = plan.desc;
             kept->reflection = plan.reflection;
             PlanOptions(kept.get(), true);
+            const internal::FieldSlots slots = internal::FindFieldSlots(msg);
+            if (slots.type != nullptr) kept->primary.SetSlots(slots);
             kept->by_index.reserve(static_cast<size_t>(plan.desc->field_count()));
-            for (int i = 0; i < plan.desc->field_count(); ++i)
+            for (int i = 0; i < plan.desc->field_count(); ++i) {
                 kept->by_index.push_back(PlanKeyField(plan.desc->field(i)));
+                if (slots.type != nullptr) kept->by_index.back().slot = slots.by_index[static_cast<size_t>(i)];
+            }
             if (const KeyPlan* published = KeyPlans::Publish(kept)) return published;
         }
     }
@@ -546,15 +617,17 @@ int OpenKeySource(const char* func, const Message& msg, const KeyPlan& plan, tag
         PBU_LOG_IN(func, log, PLOG_PRIORITY_ERROR, "reflection param is null.");
         return -2;
     }
-    *source = KeySource{&msg, plan.desc, plan.reflection, nullptr};
+    *source = KeySource{&msg, plan.desc, plan.reflection, nullptr, plan.key != nullptr};
     return 0;
 }
 
-// Looks up the table's cipher suite suite_name (the table's
+// Looks up the table's cipher suite (plan's suite_name: the table's
 // corvida_field_cipher_suite; empty: none) and checks its key digest against
-// the table's. Returns 0, -3 or -4, logged in the name of `func`.
-int OpenCipherSuite(const char* func, CorvidaKVApi* pKVApi, const std::string& suite_name, LPPLOGCATEGORYINST log,
-                    KeySource* source) {
+// the table's (plan's cipher_md5). Returns 0, -3 or -4, logged in the name of
+// `func`.
+inline int OpenCipherSuite(const char* func, CorvidaKVApi* pKVApi, const KeyPlan& plan, LPPLOGCATEGORYINST log,
+                           KeySource* source) {
+    const std::string& suite_name = *plan.suite_name;
     if (suite_name.empty()) return 0;
     // A null KV API configures no suite, so the named one is not found.
     CipherSuite* suite = pKVApi != nullptr ? pKVApi->GetCipherSuite(suite_name.c_str()) : nullptr;
@@ -563,9 +636,15 @@ int OpenCipherSuite(const char* func, CorvidaKVApi* pKVApi, const std::string& s
         return -3;
     }
     // A client whose key differs from the one the schema was made for would
-    // build keys that address nothing.
+    // build keys that address nothing. The library's own suite shows its
+    // digest without a copy; any other is asked through the interface.
+    const std::string& meta_md5 = *plan.cipher_md5;
+    if (typeid(*suite) == typeid(AesSivCipherSuite) &&
+        static_cast<const AesSivCipherSuite*>(suite)->CipherKeyMD5() == meta_md5) {
+        source->suite = suite;
+        return 0;
+    }
     const std::string suite_md5 = suite->GetCipherKeyMD5();
-    const std::string& meta_md5 = source->desc->options().GetExtension(corvidaservice::corvida_cipher_md5);
     if (suite_md5 != meta_md5) {
         PBU_LOG_IN(func, log, PLOG_PRIORITY_ERROR, "suite:%s md5sum:%s meta md5:%s not match.", suite_name.c_str(),
                    suite_md5.c_str(), meta_md5.c_str());
@@ -594,26 +673,19 @@ int FinishKey(const char* func, KeyOutput* output, const uint8_t* buf, int32_t& 
     return 0;
 }
 
-// The primary key of msg under plan (see ExtractMsgKey).
-int WritePrimaryKey(const KeyPlan& plan, CorvidaKVApi* pKVApi, const Message& msg, uint8_t* buf, int32_t& size,
-                    tagtbl_idl* idl, LPPLOGCATEGORYINST log, bool bCheck) {
-    KeySource source{};
-    int ret = OpenKeySource(kMsgKey, msg, plan, idl, log, &source);
-    if (ret != 0) return ret;
-    ret = OpenCipherSuite(kMsgKey, pKVApi, *plan.suite_name, log, &source);
-    if (ret != 0) return ret;
-    if (plan.primary_result != 0) return plan.primary_result;
-
-    CallLog trace(log, PLOG_PRIORITY_TRACE);
-    KeyOutput output(buf, size);
-    for (const KeyField& key : plan.primary) {
-        const FieldDescriptor* field = key.field;
-        const int before = output.ByteCount();
-        ret = output.Write(key, source, idl);
+// Writes the primary-key fields from `key` on (up to end) into output, which
+// holds what the fields before them wrote, and publishes the key (see
+// ExtractMsgKey); trace is the call's trace.
+int WritePrimaryFields(const KeyField* key, const KeyField* end, const KeySource& source, uint8_t* buf, int32_t& size,
+                       tagtbl_idl* idl, LPPLOGCATEGORYINST log, bool bCheck, KeyOutput* output, CallLog& trace) {
+    for (; key != end; ++key) {
+        const FieldDescriptor* field = key->field;
+        const int before = output->ByteCount();
+        const int ret = output->Write(*key, source, idl);
         if (ret != 0) return ret;
         // The suite, called to encrypt, might have changed the category.
-        if (key.how == KeyWrite::kEncrypted) trace.Wrote();
-        const int after = output.ByteCount();
+        if (key->how == KeyWrite::kEncrypted) trace.Wrote();
+        const int after = output->ByteCount();
         PBU_FREQUENT_LINE(kMsgKey, trace, PLOG_PRIORITY_TRACE, "field:%s bCheck:%d byte count before:%d, after:%d",
                           field->name().c_str(), static_cast<int>(bCheck), before, after);
         if (bCheck && before >= after) {
@@ -622,48 +694,127 @@ int WritePrimaryKey(const KeyPlan& plan, CorvidaKVApi* pKVApi, const Message& ms
             return -9;
         }
     }
-    return FinishKey(kMsgKey, &output, buf, size, trace);
+    return FinishKey(kMsgKey, output, buf, size, trace);
 }
 
-// The primary key of msg under kept plan (see ExtractMsgKey) when every key
-// field is plain, nothing is encrypted and no trace line is wanted: the
-// fields are written straight into buf, where KeyOutput would write them in
-// place. Returns true with the result in *ret, or false when the general way
-// must write the key (WritePrimaryKey): the arguments or the buffer are not
-// of the commonest kind, or a field would end near the buffer's end. Only
-// bytes that the general way writes alike may have been written then.
-bool WriteShortPrimaryKey(const KeyPlan& plan, const Message& msg, uint8_t* buf, int32_t& size, tagtbl_idl* idl,
-                          LPPLOGCATEGORYINST log, bool bCheck, int* ret) {
-    // OpenKeySource's and OpenCipherSuite's checks pass, and the trace is
-    // closed (CallLog).
-    if (idl == nullptr || log == nullptr || plan.reflection == nullptr || !plan.suite_name->empty() ||
-        size <= EpsCopyOutputStream::kSlopBytes + 1 || plog_category_accepts(log, PLOG_PRIORITY_TRACE) != 0) {
-        return false;
-    }
-    const KeyField* key = plan.primary.begin();
-    const KeyField* const end = plan.primary.end();
-    bool unset = false;
-    uint8_t* const limit = buf + (size - EpsCopyOutputStream::kSlopBytes - 1);
-    const uint8_t* const at = plan.primary.begin()->plain.proto3
-                                  ? WriteShortKey<true>(&key, end, plan.reflection, msg, buf, limit, bCheck, &unset)
-                                  : WriteShortKey<false>(&key, end, plan.reflection, msg, buf, limit, bCheck, &unset);
-    const int written = static_cast<int>(at - buf);
-    if (unset) {
-        // As WritePrimaryKey reports a field that wrote nothing.
-        PBU_LOG_IN(kMsgKey, log, PLOG_PRIORITY_ERROR, "key %s serialize bCheck:%d count:%d <= before:%d",
-                   key->field->name().c_str(), 1, written, written);
-        *ret = -9;
-        return true;
-    }
-    if (key != end) return false;
-    // As FinishKey publishes it.
+// The primary key of msg under plan (see ExtractMsgKey).
+int WritePrimaryKey(const KeyPlan& plan, CorvidaKVApi* pKVApi, const Message& msg, uint8_t* buf, int32_t& size,
+                    tagtbl_idl* idl, LPPLOGCATEGORYINST log, bool bCheck) {
+    KeySource source{};
+    int ret = OpenKeySource(kMsgKey, msg, plan, idl, log, &source);
+    if (ret != 0) return ret;
+    ret = OpenCipherSuite(kMsgKey, pKVApi, plan, log, &source);
+    if (ret != 0) return ret;
+    if (plan.primary_result != 0) return plan.primary_result;
+
+    CallLog trace(log, PLOG_PRIORITY_TRACE);
+    KeyOutput output(buf, size);
+    return WritePrimaryFields(plan.primary.begin(), plan.primary.end(), source, buf, size, idl, log, bCheck, &output,
+                              trace);
+}
+
+// Publishes a key of `written` bytes written straight into its buffer, as
+// FinishKey publishes it with the trace closed.
+int PublishShortKey(int written, int32_t& size, LPPLOGCATEGORYINST log) {
     size = written;
     if (size > kMaxKeyBytes) {
         PBU_LOG_IN(kMsgKey, log, PLOG_PRIORITY_ERROR, "key byte count:%d exceed max:%d", size, kMaxKeyBytes);
-        *ret = -10;
+        return -10;
+    }
+    return 0;
+}
+
+// Goes on with a primary key whose short way stopped at state.key: the
+// general way, in the state it would be in at that field.
+__attribute__((noinline)) int GoOnShortKey(const KeyPlan& plan, const KeySource& source, const ShortKeyState& state,
+                                           uint8_t* buf, int32_t& size, tagtbl_idl* idl, LPPLOGCATEGORYINST log,
+                                           bool bCheck) {
+    const int written = static_cast<int>(state.at - buf);
+    if (state.result != 0) return state.result;
+    if (state.unset) {
+        // As WritePrimaryFields reports a field that wrote nothing.
+        PBU_LOG_IN(kMsgKey, log, PLOG_PRIORITY_ERROR, "key %s serialize bCheck:%d count:%d <= before:%d",
+                   state.key->field->name().c_str(), 1, written, written);
+        return -9;
+    }
+    KeyOutput output(buf, size, written);
+    if (state.ciphertext >= 0) output.Encrypted(state.ciphertext);
+    CallLog trace(log, PLOG_PRIORITY_TRACE);
+    return WritePrimaryFields(state.key, plan.primary.end(), source, buf, size, idl, log, bCheck, &output, trace);
+}
+
+// WriteShortPrimaryKey for a plan with encrypted fields, the suite opened:
+// plain fields as WriteShortKey writes them, and each encrypted one at once
+// after its encryption, when it surely fits and the trace stays closed.
+template <bool kProto3>
+__attribute__((noinline)) int WriteShortEncryptedKey(const KeyPlan& plan, const KeySource& source, uint8_t* buf,
+                                                     int32_t& size, tagtbl_idl* idl, LPPLOGCATEGORYINST log,
+                                                     bool bCheck) {
+    const KeyField* const end = plan.primary.end();
+    const uint8_t* const limit = buf + (size - EpsCopyOutputStream::kSlopBytes - 1);
+    // The library's own suite logs nothing; any other might open the trace.
+    const bool suite_logs = typeid(*source.suite) != typeid(AesSivCipherSuite);
+    ShortKeyState state{plan.primary.begin(), buf};
+    for (;;) {
+        WriteShortKey<kProto3>(&state, end, plan.reflection, *source.msg, limit, bCheck);
+        if (state.unset || state.key == end || state.key->how != KeyWrite::kEncrypted) break;
+        int outlen = 0;
+        state.result = EncryptField(*state.key, source, idl, &outlen);
+        if (state.result != 0) break;
+        uint8_t head[10];
+        const int head_size = EncryptedHead(state.key->field, outlen, head);
+        if (int64_t{head_size} + outlen > limit - state.at ||
+            (suite_logs && plog_category_accepts(log, PLOG_PRIORITY_TRACE) != 0)) {
+            state.ciphertext = outlen;
+            break;
+        }
+        internal::CopySmall(state.at, head, head_size);
+        std::memcpy(state.at + head_size, idl->szValue, static_cast<size_t>(outlen));
+        state.at += head_size + outlen;
+        ++state.key;
+    }
+    return state.key == end && !state.unset ? PublishShortKey(static_cast<int>(state.at - buf), size, log)
+                                            : GoOnShortKey(plan, source, state, buf, size, idl, log, bCheck);
+}
+
+// The primary key of msg under kept plan (see ExtractMsgKey) when every key
+// field is plain or encrypted and no trace line is wanted: the fields are
+// written straight into buf, where KeyOutput would write them in place. From
+// the first field that does not surely fit there, or that only the general
+// way writes as protobuf does, or after an encryption that may have opened
+// the trace, the general way (WritePrimaryFields) goes on from the state it
+// would be in at that field, an encrypted field's ciphertext made already:
+// the suite is called exactly as the general way calls it. Returns true with
+// the result in *ret, or false, having done nothing, when the arguments or
+// the buffer are not of the commonest kind (WritePrimaryKey then writes the
+// key).
+bool WriteShortPrimaryKey(const KeyPlan& plan, CorvidaKVApi* pKVApi, const Message& msg, uint8_t* buf, int32_t& size,
+                          tagtbl_idl* idl, LPPLOGCATEGORYINST log, bool bCheck, int* ret) {
+    // OpenKeySource's checks pass, and the trace is closed (CallLog).
+    if (idl == nullptr || log == nullptr || plan.reflection == nullptr || size <= EpsCopyOutputStream::kSlopBytes + 1 ||
+        plog_category_accepts(log, PLOG_PRIORITY_TRACE) != 0) {
+        return false;
+    }
+    if (!plan.suite_name->empty()) {
+        KeySource source{&msg, plan.desc, plan.reflection, nullptr, true};
+        *ret = OpenCipherSuite(kMsgKey, pKVApi, plan, log, &source);
+        if (*ret != 0) return true;
+        *ret = plan.proto3 ? WriteShortEncryptedKey<true>(plan, source, buf, size, idl, log, bCheck)
+                           : WriteShortEncryptedKey<false>(plan, source, buf, size, idl, log, bCheck);
         return true;
     }
-    *ret = 0;
+    const KeyField* const end = plan.primary.end();
+    const uint8_t* const limit = buf + (size - EpsCopyOutputStream::kSlopBytes - 1);
+    ShortKeyState state{plan.primary.begin(), buf};
+    if (plan.proto3) {
+        WriteShortKey<true>(&state, end, plan.reflection, msg, limit, bCheck);
+    } else {
+        WriteShortKey<false>(&state, end, plan.reflection, msg, limit, bCheck);
+    }
+    *ret = state.key == end && !state.unset
+               ? PublishShortKey(static_cast<int>(state.at - buf), size, log)
+               : GoOnShortKey(plan, KeySource{&msg, plan.desc, plan.reflection, nullptr, true}, state, buf, size, idl,
+                              log, bCheck);
     return true;
 }
 
@@ -674,7 +825,7 @@ int WriteFieldKey(const KeyPlan& plan, CorvidaKVApi* pKVApi, const Message& msg,
     KeySource source{};
     int ret = OpenKeySource(kFieldKey, msg, plan, idl, log, &source);
     if (ret != 0) return ret;
-    ret = OpenCipherSuite(kFieldKey, pKVApi, *plan.suite_name, log, &source);
+    ret = OpenCipherSuite(kFieldKey, pKVApi, plan, log, &source);
     if (ret != 0) return ret;
 
     CallLog trace(log, PLOG_PRIORITY_TRACE);
@@ -718,7 +869,9 @@ int ProtobufUtil::ExtractMsgKey(CorvidaKVApi* pKVApi, const Message& msg, uint8_
                                 LPPLOGCATEGORYINST log, bool bCheck) {
     if (const KeyPlan* kept = KeyPlans::Find(&typeid(msg))) {
         int ret = 0;
-        if (kept->short_primary && WriteShortPrimaryKey(*kept, msg, buf, size, idl, log, bCheck, &ret)) return ret;
+        if (kept->short_primary && WriteShortPrimaryKey(*kept, pKVApi, msg, buf, size, idl, log, bCheck, &ret)) {
+            return ret;
+        }
         return WritePrimaryKey(*kept, pKVApi, msg, buf, size, idl, log, bCheck);
     }
     return WritePrimaryKeyNow(pKVApi, msg, buf, size, idl, log, bCheck);

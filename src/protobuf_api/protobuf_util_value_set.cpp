@@ -5,10 +5,12 @@
 // splitting them into strings, find fields of generated types through maps
 // kept per type, keep the sub-messages the last path walked through, and ask
 // the log category about debug lines once rather than before each (CallLog).
-// A cut encodes plain fields straight into the builder's region. A merge
-// vouches for the bytes of each plain field and hands those of one message
-// to protobuf's parser together (PendingMerges), and merges anything else
-// field by field through reflection, as it always did. An ordinary call
+// Plain fields of generated classes are read and written through their slots
+// (protobuf_util_slots.h). A cut encodes plain fields straight into the
+// builder's region. A merge stores each plain field it vouches for straight
+// into its slot (MergeInPlace), or hands the bytes of such fields of one
+// message to protobuf's parser together (PendingMerges), and merges anything
+// else field by field through reflection, as it always did. An ordinary call
 // allocates nothing of its own.
 #include <sys/types.h>
 
@@ -19,7 +21,9 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string_view>
+#include <typeinfo>
 #include <vector>
 
 #include <google/protobuf/descriptor.pb.h>
@@ -32,6 +36,7 @@
 #include "protobuf_api/protobuf_util_fields.h"
 #include "protobuf_api/protobuf_util_log.h"
 #include "protobuf_api/protobuf_util_plans.h"
+#include "protobuf_api/protobuf_util_slots.h"
 #include "protobuf_api/protobuf_util_tokens.h"
 
 namespace PROTOBUF_UTIL {
@@ -77,6 +82,22 @@ enum class ValueKind : uint8_t {
     kString,  // length-delimited, valid UTF-8
 };
 
+// How MergeInPlace reads the value of a grouped field with a slot and stores
+// it there, as protobuf's parser sets the field.
+enum class InPlace : uint8_t {
+    kNone,       // no slot: the record waits to be parsed (PendingMerges)
+    kVarint32,   // int32, uint32, an open enum: the varint cut to 32 bits
+    kVarint64,   // int64, uint64
+    kZigZag32,   // sint32
+    kZigZag64,   // sint64
+    kBool,       // true for a non-zero varint
+    kKnownEnum,  // a closed enum: a varint naming one of its values
+    kFixed32,    // fixed32, sfixed32, float: the bits as they are
+    kFixed64,    // fixed64, sfixed64, double
+    kBytes,      // the bytes, in place of the old
+    kString,     // valid UTF-8, in place of the old
+};
+
 // The fields of a message field's type, found once (KeptFields) and then kept
 // with the field: a pointer that is null until first asked, and that copies
 // of the entry share the value of.
@@ -101,6 +122,9 @@ struct FieldEntry {
     const Descriptor* message_type = nullptr;  // of a message field
     bool plain = false;                        // internal::IsPlain: cut with internal::WritePlain
     internal::PlainField encoding;
+    // Where objects of the generated class of the type keep the field
+    // (MessageFields::slot_type); kNone when they have no slot for it.
+    internal::FieldSlot slot;
     uint8_t number_size = 0;
     char number[11] = {};  // the field number in decimal, as a tag path has it
     uint32_t key = 0;      // the field's key as its writers write it (WireFormat::MakeTag)
@@ -109,6 +133,8 @@ struct FieldEntry {
     // A grouped field that is encrypted: its path is reported as failed.
     bool crypto_string = false;
     ValueKind value_kind = ValueKind::kNone;  // of a grouped field
+    InPlace in_place = InPlace::kNone;        // of a grouped field with a slot
+    uint64_t wait_bit = 0;                    // PendingMerges::MayWait: 1 << (number % 64)
     uint64_t known_values = 0;                // kKnownEnum: bit n set when n (below 64) is a value of the enum
     // A singular message field outside a oneof: records of fields inside it
     // can be merged as part of their parent (PendingMerges::Add with a
@@ -142,6 +168,7 @@ FieldEntry MakeEntry(const FieldDescriptor* field) {
     entry.plain = internal::IsPlain(field);
     if (entry.plain) entry.encoding = internal::PlanPlainField(field);
     entry.key = WireFormat::MakeTag(field);
+    entry.wait_bit = uint64_t{1} << (static_cast<unsigned>(field->number()) % 64);
     entry.crypto = field->options().GetExtension(corvidaservice::corvida_crypto);
     // A field of a oneof clears the others when it is merged, which depends
     // on the order of the merges.
@@ -177,10 +204,36 @@ FieldEntry MakeEntry(const FieldDescriptor* field) {
     return entry;
 }
 
+// How MergeInPlace stores a grouped field of a slot's kind.
+InPlace InPlaceOf(const FieldEntry& entry) {
+    using internal::FieldSlot;
+    if (!entry.grouped || entry.slot.kind == FieldSlot::Kind::kNone) return InPlace::kNone;
+    switch (entry.value_kind) {
+        case ValueKind::kBytes: return InPlace::kBytes;
+        case ValueKind::kString: return InPlace::kString;
+        case ValueKind::kKnownEnum: return InPlace::kKnownEnum;
+        case ValueKind::kFixed32: return InPlace::kFixed32;
+        case ValueKind::kFixed64: return InPlace::kFixed64;
+        case ValueKind::kVarint: break;
+        default: return InPlace::kNone;
+    }
+    switch (entry.field->type()) {
+        case FieldDescriptor::TYPE_SINT32: return InPlace::kZigZag32;
+        case FieldDescriptor::TYPE_SINT64: return InPlace::kZigZag64;
+        case FieldDescriptor::TYPE_BOOL: return InPlace::kBool;
+        default: return entry.slot.size == 8 ? InPlace::kVarint64 : InPlace::kVarint32;
+    }
+}
+
 // The fields of one generated message type, by index, by name and by
 // number.
 struct MessageFields {
     const void* key = nullptr;  // the descriptor
+    // The generated class whose objects the entries' slots describe; null
+    // when there are none. Messages of the type may be of other classes
+    // (dynamic messages): their fields are reached through reflection.
+    const std::type_info* slot_type = nullptr;
+    const Reflection* slot_reflection = nullptr;  // of slot_type
     std::vector<FieldEntry> entries;
     std::vector<int> slots;  // open addressing by NameHash: entry index + 1, 0 for none
     size_t mask = 0;
@@ -227,6 +280,17 @@ const MessageFields* KeptFields(const Descriptor* desc) {
     const size_t count = static_cast<size_t>(desc->field_count());
     fields->entries.reserve(count);
     for (size_t i = 0; i < count; ++i) fields->entries.push_back(MakeEntry(desc->field(static_cast<int>(i))));
+    const Message* prototype = google::protobuf::MessageFactory::generated_factory()->GetPrototype(desc);
+    if (prototype != nullptr && prototype->GetDescriptor() == desc) {
+        const internal::FieldSlots slots = internal::FindFieldSlots(*prototype);
+        fields->slot_type = slots.type;
+        fields->slot_reflection = prototype->GetReflection();
+        for (size_t i = 0; i < count && slots.type != nullptr; ++i) {
+            FieldEntry& entry = fields->entries[i];
+            entry.slot = slots.by_index[i];
+            entry.in_place = InPlaceOf(entry);
+        }
+    }
     size_t size = 1;
     while (size < 2 * count + 1) size *= 2;
     fields->slots.assign(size, 0);
@@ -254,25 +318,52 @@ const MessageFields* InnerFields(const FieldEntry& entry) {
     return inner;
 }
 
+// Whether msg is of the class whose objects the slots of `fields` (which may
+// be null) describe.
+bool Slotted(const MessageFields* fields, const Message& msg) {
+    return fields != nullptr && fields->slot_type == &typeid(msg);
+}
+
+// The sub-message of message field `entry` of holder (whose reflection is
+// reflection; slotted as Slotted tells), made when missing, as
+// Reflection::MutableMessage hands it out: one that is made and present is
+// read from its slot.
+Message* MutableSubMessage(const FieldEntry& entry, Message* holder, const Reflection* reflection, bool slotted) {
+    if (slotted && entry.slot.kind == internal::FieldSlot::Kind::kMessage) {
+        Message* sub = internal::SubMessage(entry.slot, *holder);
+        if (sub != nullptr && (entry.slot.has_mask == 0 || internal::HasBitSet(entry.slot, *holder))) return sub;
+    }
+    return reflection->MutableMessage(holder, entry.field);
+}
+
+// The reflection of sub, a message of a type whose kept fields (if any) are
+// `fields`; slotted as Slotted tells.
+const Reflection* ReflectionOf(const MessageFields* fields, const Message& sub, bool slotted) {
+    return slotted ? fields->slot_reflection : sub.GetReflection();
+}
+
+// Room for the entry of a field of a type whose fields are not kept, made
+// only when one is needed.
+using ScratchEntry = std::optional<FieldEntry>;
+
 // The field of desc named `name` (as FindFieldByName), or null; fields are
 // desc's kept fields, if any, else the entry lives in *scratch.
 const FieldEntry* FieldByName(const MessageFields* fields, const Descriptor* desc, std::string_view name,
-                              FieldEntry* scratch) {
+                              ScratchEntry* scratch) {
     if (fields != nullptr) return fields->Find(name);
     const FieldDescriptor* field = internal::FindFieldByToken(desc, name);
     if (field == nullptr) return nullptr;
-    *scratch = MakeEntry(field);
-    return scratch;
+    return &scratch->emplace(MakeEntry(field));
 }
 
 // The field of desc numbered `number` (as FindFieldByNumber), or null;
 // fields are desc's kept fields, if any, else the entry lives in *scratch.
-const FieldEntry* FieldByNumber(const MessageFields* fields, const Descriptor* desc, int number, FieldEntry* scratch) {
+const FieldEntry* FieldByNumber(const MessageFields* fields, const Descriptor* desc, int number,
+                                ScratchEntry* scratch) {
     if (fields != nullptr) return fields->FindNumber(desc, number);
     const FieldDescriptor* field = desc->FindFieldByNumber(number);
     if (field == nullptr) return nullptr;
-    *scratch = MakeEntry(field);
-    return scratch;
+    return &scratch->emplace(MakeEntry(field));
 }
 
 // ---------------------------------------------------------------------------
@@ -329,8 +420,12 @@ private:
 // elements share a prefix with path ("item", "item_id", ...).
 bool LeadsAnother(const std::string& path, std::set<std::string>::const_iterator next,
                   const std::set<std::string>& set) {
-    // Commonly the next element does not even begin with path: no search.
-    if (next == set.end() || next->compare(0, path.size(), path) != 0) return false;
+    // Commonly the next element does not even begin with path (mostly its
+    // first character tells): no search.
+    if (next == set.end() || next->size() < path.size() || (!path.empty() && (*next)[0] != path[0]) ||
+        std::memcmp(next->data(), path.data(), path.size()) != 0) {
+        return false;
+    }
     // Kept per thread so that a long path costs no allocation after the first.
     thread_local std::string dotted;
     dotted.assign(path);
@@ -387,7 +482,9 @@ public:
             return m_names.count(m_scratch) != 0;
         }
         for (size_t i = 0; i < m_count; ++i) {
-            if (m_few[i] == name) return true;
+            // Mostly the length or the first character tells.
+            const std::string_view few = m_few[i];
+            if (few.size() == name.size() && (few.empty() || few[0] == name[0]) && few == name) return true;
         }
         return false;
     }
@@ -406,7 +503,36 @@ struct WalkRoot {
     const Descriptor* desc;
     const Reflection* reflection;
     const MessageFields* fields;  // desc's, when kept
+    bool slotted;                 // Slotted(fields, *msg)
 };
+
+// What a walk needs of the class of its top message, kept per generated
+// class so that a call asks one cache instead of two.
+struct ClassFields {
+    const void* key;  // the class's std::type_info
+    internal::MessageType type;
+    const MessageFields* fields;
+    bool slotted;
+};
+
+// The walk root of msg: its descriptor and reflection (either may be null,
+// as TypeOf tells) and its type's kept fields.
+WalkRoot RootOf(Message* msg) {
+    using Plans = internal::PlanCache<ClassFields>;
+    const std::type_info& type_id = typeid(*msg);
+    if (const ClassFields* kept = Plans::Find(&type_id)) {
+        return WalkRoot{msg, kept->type.desc, kept->type.reflection, kept->fields, kept->slotted};
+    }
+    const internal::MessageType type = internal::TypeOf(*msg);
+    const MessageFields* const fields = type.desc != nullptr ? KeptFields(type.desc) : nullptr;
+    const WalkRoot root{msg, type.desc, type.reflection, fields, Slotted(fields, *msg)};
+    if (fields != nullptr && type.reflection != nullptr && Plans::HasRoom(&type_id) &&
+        internal::IsGeneratedClass(*msg, type.desc)) {
+        std::unique_ptr<ClassFields> plan(new (std::nothrow) ClassFields{&type_id, type, fields, root.slotted});
+        if (plan != nullptr) Plans::Publish(plan);
+    }
+    return root;
+}
 
 // The sub-messages the last walk went through, so that the next path under
 // the same ones does not ask for them again: paths come in the set's order,
@@ -419,6 +545,7 @@ struct WalkMemo {
         Message* msg;                  // the sub-message
         const Reflection* reflection;  // its reflection
         const MessageFields* fields;   // its type's fields, when kept
+        bool slotted;                  // Slotted(fields, *msg)
     };
     Level levels[kLevels];
     size_t depth = 0;  // valid levels
@@ -429,6 +556,7 @@ struct CutTarget {
     const FieldEntry* entry = nullptr;
     Message* holder = nullptr;
     const Reflection* reflection = nullptr;  // the holder's
+    bool slotted = false;                    // the entry's slot is of the holder's class
 };
 
 // Resolves the names of dotted path p from root.msg down. On success *target
@@ -436,11 +564,12 @@ struct CutTarget {
 // msg), and tagpath (NUL-terminated) the tag path. *scratch holds the entry
 // of a field of a type whose fields are not kept.
 int WalkNamePath(const WalkRoot& root, const NamePath& names, WalkMemo* memo, CutTarget* target, char* tagpath,
-                 FieldEntry* scratch, CallLog& log) {
+                 ScratchEntry* scratch, CallLog& log) {
     const Descriptor* lastDesc = root.desc;
     Message* lastmsg = root.msg;
     const Reflection* reflection = root.reflection;
     const MessageFields* fields = root.fields;
+    bool slotted = root.slotted;
     char* end = tagpath;
     for (size_t i = 0; i < names.count(); ++i) {
         const std::string_view name = names.name(i);
@@ -463,7 +592,7 @@ int WalkNamePath(const WalkRoot& root, const NamePath& names, WalkMemo* memo, Cu
         end += entry->number_size;
         *end = '\0';
         if (i + 1 == names.count()) {
-            *target = CutTarget{entry, lastmsg, reflection};
+            *target = CutTarget{entry, lastmsg, reflection, slotted};
             return 0;
         }
 
@@ -478,13 +607,17 @@ int WalkNamePath(const WalkRoot& root, const NamePath& names, WalkMemo* memo, Cu
             return GEN_ERR_INVALID_ARGUMENTS;
         }
         if (i >= memo->depth || memo->levels[i].field != field) {
-            Message* sub = reflection->MutableMessage(lastmsg, field);
-            memo->levels[i] = WalkMemo::Level{field, sub, sub->GetReflection(), KeptFields(lastDesc)};
+            Message* sub = MutableSubMessage(*entry, lastmsg, reflection, slotted);
+            const MessageFields* sub_fields = KeptFields(lastDesc);
+            const bool sub_slotted = Slotted(sub_fields, *sub);
+            memo->levels[i] =
+                WalkMemo::Level{field, sub, ReflectionOf(sub_fields, *sub, sub_slotted), sub_fields, sub_slotted};
             memo->depth = i + 1;
         }
         lastmsg = memo->levels[i].msg;
         reflection = memo->levels[i].reflection;
         fields = memo->levels[i].fields;
+        slotted = memo->levels[i].slotted;
     }
     return 0;
 }
@@ -507,8 +640,8 @@ int CutField(PbValueSetBuffer& vsb, const CutTarget& target, const char* tagpath
         // bytes and count them.
         internal::InPlace sink(region);
         if (internal::WritePlain(target.entry->encoding, target.reflection, *target.holder, false,
-                                 int64_t{field.buf_len} - EpsCopyOutputStream::kSlopBytes,
-                                 sink) == internal::Plain::kWritten) {
+                                 int64_t{field.buf_len} - EpsCopyOutputStream::kSlopBytes, sink,
+                                 target.slotted ? &target.entry->slot : nullptr) == internal::Plain::kWritten) {
             written = static_cast<int>(sink.end() - region);
         }
     }
@@ -686,6 +819,135 @@ inline int Vouch(const FieldEntry& entry, const char* buf, int buf_len) {
     return size - plain.tag_size <= kGroupedValueBytes ? size : 0;
 }
 
+// A varint of at most ten bytes from [*at, end), as SkipVarint reads it; one
+// byte without a loop.
+inline bool ReadVarint(const uint8_t** at, const uint8_t* end, uint64_t* value) {
+    const uint8_t* p = *at;
+    if (p[0] < 0x80) {
+        *value = p[0];
+        *at = p + 1;
+        return true;
+    }
+    if (end - p >= 2 && p[1] < 0x80) {
+        *value = (p[0] & 0x7fu) | uint64_t{p[1]} << 7;
+        *at = p + 2;
+        return true;
+    }
+    return SkipVarint(at, end, 10, value);
+}
+
+// Replaces the text of *to with the size bytes at text (not inside *to).
+// A value no longer than the old one, as a record merged again into the
+// message it was read into mostly is, is copied over it without the general
+// replacement's checks.
+inline void ReplaceText(std::string* to, const char* text, size_t size) {
+    if (size > to->size()) {
+        to->assign(text, size);
+        return;
+    }
+    if (size != to->size()) to->resize(size);
+    if (size <= 16) {
+        internal::CopySmall(reinterpret_cast<uint8_t*>(&(*to)[0]), reinterpret_cast<const uint8_t*>(text),
+                            static_cast<int>(size));
+    } else {
+        std::memcpy(&(*to)[0], text, size);
+    }
+}
+
+// Whether the bytes of a key of more than two bytes at begin after the first
+// two are plain's.
+bool SameTail(const internal::PlainField& plain, const uint8_t* begin) {
+    for (int i = 2; i < plain.tag_size; ++i) {
+        if (begin[i] != plain.tag[i]) return false;
+    }
+    return true;
+}
+
+// Merges the record at buf (buf_len bytes, beginning with a key) of grouped
+// field `entry` (in_place not kNone) into holder, an object of the class of
+// the field's slot, when Vouch would vouch for its key and first value
+// (their length aside: no bytes are copied): stores the value into the slot
+// as protobuf's parser sets the field, and marks the field present. Returns
+// the length of the key and value, or 0, having changed nothing, when they
+// are not vouched for or the field holds the shared default string, whose
+// replacement protobuf makes on the message's own arena.
+__attribute__((always_inline)) inline int MergeInPlace(const FieldEntry& entry, const char* buf, int buf_len,
+                                                       Message* holder) {
+    const internal::PlainField& plain = entry.encoding;
+    const internal::FieldSlot& slot = entry.slot;
+    const uint8_t* const begin = reinterpret_cast<const uint8_t*>(buf);
+    if (buf_len <= plain.tag_size || begin[0] != plain.tag[0]) return 0;
+    // Keys of one or two bytes (field numbers below 2048) without a loop.
+    if (plain.tag_size > 1 && (begin[1] != plain.tag[1] || (plain.tag_size > 2 && !SameTail(plain, begin)))) return 0;
+    const uint8_t* at = begin + plain.tag_size;
+    const uint8_t* const end = begin + buf_len;
+    uint64_t value = 0;
+    switch (entry.in_place) {
+        case InPlace::kVarint32:
+            if (!ReadVarint(&at, end, &value)) return 0;
+            internal::StoreScalar(slot, holder, static_cast<uint32_t>(value));
+            break;
+        case InPlace::kVarint64:
+            if (!ReadVarint(&at, end, &value)) return 0;
+            internal::StoreScalar(slot, holder, value);
+            break;
+        case InPlace::kZigZag32:
+            if (!ReadVarint(&at, end, &value)) return 0;
+            internal::StoreScalar(slot, holder, WireFormatLite::ZigZagDecode32(static_cast<uint32_t>(value)));
+            break;
+        case InPlace::kZigZag64:
+            if (!ReadVarint(&at, end, &value)) return 0;
+            internal::StoreScalar(slot, holder, WireFormatLite::ZigZagDecode64(value));
+            break;
+        case InPlace::kBool:
+            if (!ReadVarint(&at, end, &value)) return 0;
+            internal::StoreScalar(slot, holder, value != 0);
+            break;
+        case InPlace::kKnownEnum: {
+            if (!SkipVarint(&at, end, 10, &value)) return 0;
+            const uint32_t number = static_cast<uint32_t>(value);
+            if (number < 64 ? (entry.known_values >> number & 1) == 0
+                            : entry.field->enum_type()->FindValueByNumber(static_cast<int>(number)) == nullptr) {
+                return 0;
+            }
+            internal::StoreScalar(slot, holder, number);
+            break;
+        }
+        case InPlace::kFixed32: {
+            if (end - at < 4) return 0;
+            uint32_t bits;
+            CodedInputStream::ReadLittleEndian32FromArray(at, &bits);
+            internal::StoreScalar(slot, holder, bits);
+            at += 4;
+            break;
+        }
+        case InPlace::kFixed64: {
+            if (end - at < 8) return 0;
+            uint64_t bits;
+            CodedInputStream::ReadLittleEndian64FromArray(at, &bits);
+            internal::StoreScalar(slot, holder, bits);
+            at += 8;
+            break;
+        }
+        case InPlace::kBytes:
+        case InPlace::kString: {
+            if (!SkipVarint(&at, end, 4, &value) || value > static_cast<uint64_t>(end - at)) return 0;
+            const char* text = reinterpret_cast<const char*>(at);
+            if (entry.in_place == InPlace::kString && !internal::IsValidUtf8(text, static_cast<size_t>(value))) {
+                return 0;
+            }
+            std::string* to = internal::MutableStringIfOwn(slot, holder);
+            if (to == nullptr) return 0;
+            ReplaceText(to, text, static_cast<size_t>(value));
+            at += value;
+            break;
+        }
+        default: return 0;
+    }
+    if (slot.has_mask != 0) internal::SetHasBit(slot, holder);
+    return static_cast<int>(at - begin);
+}
+
 // Vouched records (Vouch) waiting to be merged, each the key and first value
 // of one field. They are merged message by message, all records of one
 // message in one parse by protobuf's parser (the message's own, table-driven
@@ -706,6 +968,10 @@ inline int Vouch(const FieldEntry& entry, const char* buf, int buf_len) {
 // either framed in its parent or on their own, never both at once, so that
 // they stay in their order.
 //
+// A record merged in place at once (MergeInPlace) passes those that wait
+// only when none of them is of a field of its number (MayWait): records of
+// different fields of these kinds may be merged in any order.
+//
 // The owner calls Flush before it returns. The destructor merges nothing: a
 // parse may throw (bad_alloc), which must not happen while an exception
 // unwinds the stack; records still pending then are dropped.
@@ -716,10 +982,10 @@ public:
     PendingMerges& operator=(const PendingMerges&) = delete;
     ~PendingMerges() = default;
 
-    // Adds the key and first value of a vouched record of a field of holder
-    // (size at most kGroupedValueBytes plus a key); with `frame`, of a field
-    // of holder's sub-message under framed field *frame.
-    __attribute__((noinline)) void Add(Message* holder, const char* bytes, int size,
+    // Adds the key and first value of a vouched record of field `entry` of
+    // holder (size at most kGroupedValueBytes plus a key); with `frame`, of
+    // a field of holder's sub-message under framed field *frame.
+    __attribute__((noinline)) void Add(const FieldEntry& entry, Message* holder, const char* bytes, int size,
                                        const FieldEntry* frame = nullptr) {
         size_t h = 0;
         while (h < m_count && m_holder[h].msg != holder) ++h;
@@ -740,12 +1006,12 @@ public:
             group.frame = nullptr;
         }
         if (Room(group, size, frame) < 0) Merge(group);
-        Append(group, bytes, size, frame);
+        Append(group, entry, bytes, size, frame);
     }
 
     // Add, for the records of one message (and its framed sub-messages) in a
     // row: in the commonest case, the bytes are only copied.
-    void AddShort(Message* holder, const char* bytes, int size, const FieldEntry* frame) {
+    void AddShort(const FieldEntry& entry, Message* holder, const char* bytes, int size, const FieldEntry* frame) {
         Holder& group = m_holder[0];
         if (m_count == 0) {
             m_count = 1;
@@ -755,16 +1021,22 @@ public:
         }
         // Add would neither merge what waits first nor find another group.
         if (m_count == 1 && group.msg == holder && Room(group, size, frame) >= 0) {
-            Append(group, bytes, size, frame);
+            Append(group, entry, bytes, size, frame);
             return;
         }
-        Add(holder, bytes, size, frame);
+        Add(entry, holder, bytes, size, frame);
     }
+
+    // False when no record of a field numbered as entry's (modulo 64, in any
+    // message) waits: a record of entry's field may then be stored at once
+    // without passing one that waits.
+    bool MayWait(const FieldEntry& entry) const { return (m_waiting & entry.wait_bit) != 0; }
 
     void Flush() {
         for (size_t h = 0; h < m_count; ++h) Merge(m_holder[h]);
         m_count = 0;
         m_framed = false;
+        m_waiting = 0;
     }
 
 private:
@@ -793,7 +1065,8 @@ private:
     // Appends a record that fits (Room) to group, in `frame`: the open frame
     // is closed when the record is in another frame or in none, and the
     // record's frame opened.
-    void Append(Holder& group, const char* bytes, int size, const FieldEntry* frame) {
+    void Append(Holder& group, const FieldEntry& entry, const char* bytes, int size, const FieldEntry* frame) {
+        m_waiting |= entry.wait_bit;
         char* to = group.bytes + group.used;
         if (frame != group.frame) {
             CloseFrame(group);
@@ -835,7 +1108,8 @@ private:
     static constexpr size_t kMaxHolders = 4;
     Holder m_holder[kMaxHolders];
     size_t m_count = 0;
-    bool m_framed = false;  // some records wait in a frame
+    bool m_framed = false;   // some records wait in a frame
+    uint64_t m_waiting = 0;  // the wait_bit of every record waiting
 };
 
 // The walk of one tag path: the field it names, the message that holds it,
@@ -845,6 +1119,7 @@ struct TagPathTarget {
     Message* lastmsg = nullptr;
     const Reflection* reflection = nullptr;
     uint32_t lastnumber = 0;
+    bool slotted = false;  // the entry's slot is of lastmsg's class
 };
 
 // Resolves the components of tag path dotpath (of fields[i]) from root.msg
@@ -854,9 +1129,10 @@ struct TagPathTarget {
 // TokenSplit would have made. *scratch holds the entry of a field of a type
 // whose fields are not kept.
 int WalkTagPath(size_t i, const char* dotpath, const WalkRoot& root, WalkMemo* memo, PendingMerges* pending,
-                TagPathTarget* target, FieldEntry* scratch, CallLog& log) {
+                TagPathTarget* target, ScratchEntry* scratch, CallLog& log) {
     target->lastmsg = root.msg;
     target->reflection = root.reflection;
+    target->slotted = root.slotted;
     const Descriptor* lastDesc = root.desc;
     if (lastDesc == nullptr) return 0;
     const MessageFields* fields = root.fields;
@@ -896,17 +1172,19 @@ int WalkTagPath(size_t i, const char* dotpath, const WalkRoot& root, WalkMemo* m
             const WalkMemo::Level& level = memo->levels[j];
             target->lastmsg = level.msg;
             target->reflection = level.reflection;
+            target->slotted = level.slotted;
             fields = level.fields;
             continue;
         }
         // A field of a oneof that is not set yet replaces the member set:
         // what is pending for that one is merged before it goes.
         if (field->real_containing_oneof() != nullptr) pending->Flush();
-        target->lastmsg = target->reflection->MutableMessage(target->lastmsg, field);
-        target->reflection = target->lastmsg->GetReflection();
+        target->lastmsg = MutableSubMessage(*entry, target->lastmsg, target->reflection, target->slotted);
         fields = KeptFields(lastDesc);
+        target->slotted = Slotted(fields, *target->lastmsg);
+        target->reflection = ReflectionOf(fields, *target->lastmsg, target->slotted);
         if (j < WalkMemo::kLevels) {
-            memo->levels[j] = WalkMemo::Level{field, target->lastmsg, target->reflection, fields};
+            memo->levels[j] = WalkMemo::Level{field, target->lastmsg, target->reflection, fields, target->slotted};
             memo->depth = j + 1;
         }
     }
@@ -985,6 +1263,16 @@ int ReadShortNumber(const char** at, unsigned* number) {
     return *p;
 }
 
+// The sub-message of framed field `frame` of root (an object of the class of
+// the slots of root's fields) when it is made, present and of the class of
+// the slots of `inner`, its type's fields; null otherwise.
+Message* PresentSubMessage(const FieldEntry& frame, const Message& root, const MessageFields& inner) {
+    if (frame.slot.kind != internal::FieldSlot::Kind::kMessage) return nullptr;
+    Message* sub = internal::SubMessage(frame.slot, root);
+    if (sub == nullptr || (frame.slot.has_mask != 0 && !internal::HasBitSet(frame.slot, root))) return nullptr;
+    return Slotted(&inner, *sub) ? sub : nullptr;
+}
+
 // Merges fields[i] and the records after it the short way while they are of
 // the commonest kind: a tag path of one or two numbers through kept fields of
 // generated types, outside oneofs, to a grouped field whose bytes are vouched
@@ -995,6 +1283,11 @@ int ReadShortNumber(const char** at, unsigned* number) {
 size_t MergeCommon(const PbValueSetBuffer::Field* fields, size_t i, size_t n, std::set<std::string>& failedpaths,
                    const WalkRoot& root, PendingMerges* pending, CallLog& log) {
     const MessageFields& top = *root.fields;
+    // The sub-message of the last framed record, when it takes records in
+    // place (PresentSubMessage): records of one sub-message come in a row. A
+    // sub-message, once made, stays.
+    const FieldEntry* last_frame = nullptr;
+    Message* last_sub = nullptr;
     for (; i < n; ++i) {
         const PbValueSetBuffer::Field& field = fields[i];
         const char* at = field.path;
@@ -1006,6 +1299,8 @@ size_t MergeCommon(const PbValueSetBuffer::Field* fields, size_t i, size_t n, st
         const FieldEntry* entry = top.numbers[number];
         if (entry == nullptr) break;
         const FieldEntry* frame = nullptr;
+        // Where the record's value may be stored at once (MergeInPlace).
+        Message* holder = root.slotted ? root.msg : nullptr;
         if (after == '.') {
             // A member of a oneof may replace another: the straightforward
             // way merges what is pending first.
@@ -1017,11 +1312,19 @@ size_t MergeCommon(const PbValueSetBuffer::Field* fields, size_t i, size_t n, st
             if (number >= inner->number_count) break;
             entry = inner->numbers[number];
             if (entry == nullptr) break;
+            if (frame != last_frame) {
+                last_frame = frame;
+                last_sub = root.slotted ? PresentSubMessage(*frame, *root.msg, *inner) : nullptr;
+            }
+            holder = last_sub;
         }
         if (after != '\0' || !entry->grouped) break;
-        const int vouched = Vouch(*entry, field.buf, field.buf_len);
-        if (vouched == 0) break;
-        pending->AddShort(root.msg, field.buf, vouched, frame);
+        if (holder == nullptr || entry->in_place == InPlace::kNone || pending->MayWait(*entry) ||
+            MergeInPlace(*entry, field.buf, field.buf_len, holder) == 0) {
+            const int vouched = Vouch(*entry, field.buf, field.buf_len);
+            if (vouched == 0) break;
+            pending->AddShort(*entry, root.msg, field.buf, vouched, frame);
+        }
         // See FillOneField.
         if (entry->crypto_string) {
             failedpaths.insert(field.path);
@@ -1037,7 +1340,7 @@ size_t MergeCommon(const PbValueSetBuffer::Field* fields, size_t i, size_t n, st
 // to `pending`; otherwise everything pending is merged first and then the
 // record, the straightforward way.
 int FillOneField(size_t i, const PbValueSetBuffer::Field& field, std::set<std::string>& failedpaths,
-                 const WalkRoot& root, WalkMemo* memo, PendingMerges* pending, FieldEntry* scratch, CallLog& log) {
+                 const WalkRoot& root, WalkMemo* memo, PendingMerges* pending, ScratchEntry* scratch, CallLog& log) {
     const char* dotpath = field.path != nullptr ? field.path : "";
     PBU_FREQUENT_LINE(kMerge, log, PLOG_PRIORITY_DEBUG, "dotpath:%s", dotpath);
 
@@ -1056,10 +1359,12 @@ int FillOneField(size_t i, const PbValueSetBuffer::Field& field, std::set<std::s
         return GEN_ERR_INVALID_ARGUMENTS;
     }
 
-    const int vouched =
-        entry.grouped && field.buf != nullptr && field.buf_len > 0 ? Vouch(entry, field.buf, field.buf_len) : 0;
-    if (vouched > 0) {
-        pending->Add(target.lastmsg, field.buf, vouched);
+    const bool grouped = entry.grouped && field.buf != nullptr && field.buf_len > 0;
+    if (grouped && target.slotted && entry.in_place != InPlace::kNone && !pending->MayWait(entry) &&
+        MergeInPlace(entry, field.buf, field.buf_len, target.lastmsg) > 0) {
+        // Merged already.
+    } else if (const int vouched = grouped ? Vouch(entry, field.buf, field.buf_len) : 0; vouched > 0) {
+        pending->Add(entry, target.lastmsg, field.buf, vouched);
     } else {
         pending->Flush();
         // The incoming bytes replace the value; no bytes leave the field
@@ -1093,8 +1398,8 @@ int FillValueSetWithMsg(Message* msg, const std::set<std::string>& setKeyNames,
     PbValueSetBuffer vsb(&values, kValueSetVersion, log);
     vsb.ResetFieldNum();
     if (msg == nullptr || dottedpaths.empty()) return 0;
-    const internal::MessageType type = internal::TypeOf(*msg);
-    if (type.desc == nullptr) {
+    const WalkRoot root = RootOf(msg);
+    if (root.desc == nullptr) {
         PBU_LOG_ERROR(log, "NULL == descriptor, probably msg invalid");
         return GEN_ERR_INVALID_ARGUMENTS;
     }
@@ -1104,11 +1409,10 @@ int FillValueSetWithMsg(Message* msg, const std::set<std::string>& setKeyNames,
         return GEN_ERR_INVALID_ARGUMENTS;
     }
 
-    const WalkRoot root{msg, type.desc, type.reflection, KeptFields(type.desc)};
     KeyNames keys(setKeyNames);
     CallLog call_log(log, PLOG_PRIORITY_DEBUG);
     WalkMemo memo;
-    FieldEntry entry;
+    ScratchEntry entry;
     // At most 32 numbers of at most 10 digits, with the dots between them,
     // and room to copy a whole FieldEntry::number after the last.
     char tagpath[CORVIDA_PROTOBUF_MAX_TAG_DEPTH * 11 + sizeof(FieldEntry::number)];
@@ -1138,20 +1442,18 @@ int FillValueSetWithMsg(Message* msg, const std::set<std::string>& setKeyNames,
 
 int FillMsgFromField(std::vector<PbValueSetBuffer::Field>& fields, std::set<std::string>& failedpaths, Message* msg,
                      unsigned char* /*data*/, int /*datasize*/, LPPLOGCATEGORYINST log) {
-    const internal::MessageType type =
-        msg != nullptr ? internal::TypeOf(*msg) : internal::MessageType{nullptr, nullptr};
-    if (type.desc != nullptr) {
-        PBU_LOG_DEBUG(log, "suite name:%s, lastDesc:%s",
-                      type.desc->options().GetExtension(corvidaservice::corvida_field_cipher_suite).c_str(),
-                      type.desc->DebugString().c_str());
+    WalkRoot root = msg != nullptr ? RootOf(msg) : WalkRoot{nullptr, nullptr, nullptr, nullptr, false};
+    CallLog call_log(log, PLOG_PRIORITY_DEBUG);
+    if (root.desc != nullptr) {
+        PBU_FREQUENT_LINE(kMerge, call_log, PLOG_PRIORITY_DEBUG, "suite name:%s, lastDesc:%s",
+                          root.desc->options().GetExtension(corvidaservice::corvida_field_cipher_suite).c_str(),
+                          root.desc->DebugString().c_str());
     }
     if (fields.empty()) return 0;
-
-    const WalkRoot root{msg, type.desc, type.desc != nullptr ? type.reflection : nullptr,
-                        type.desc != nullptr ? KeptFields(type.desc) : nullptr};
+    // Without a descriptor, nothing of the message is used.
+    if (root.desc == nullptr) root.reflection = nullptr;
     WalkMemo memo;
-    CallLog call_log(log, PLOG_PRIORITY_DEBUG);
-    FieldEntry scratch;
+    ScratchEntry scratch;
     PendingMerges pending;
     // The short way needs the fields of root's type kept, and no debug line.
     const bool common = root.fields != nullptr && root.reflection != nullptr;
