@@ -354,7 +354,7 @@ public:
     std::string Read(int64_t k) override {
         m_population.Make(k, &m_record);
         const std::string row_key = RowKeyOf(m_model.table, m_record);
-        const std::string end = keys::RowEnd(row_key);
+        const std::string end = keys::EscapedEnd(row_key);
         const rocksdb::Slice upper(end);
         rocksdb::ReadOptions options;
         options.iterate_upper_bound = &upper;

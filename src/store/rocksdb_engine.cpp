@@ -562,6 +562,19 @@ Status OpenReadOnly(const std::string& dir, const rocksdb::Options& options, Cat
     return OpenFailure(s, dir, logger);
 }
 
+// True when s is RocksDB's refusal of the lock file of dir: another process
+// held it at that moment. Only that exact text counts (a store whose name
+// merely contains "lock" fails for its own reasons).
+bool LockRefused(const rocksdb::Status& s, const std::string& dir) {
+    if (!s.IsIOError()) return false;
+    const std::string text = s.ToString();
+    const std::string refusal = "While lock file: " + dir + "/LOCK: ";
+    const size_t at = text.find(refusal);
+    if (at == std::string::npos) return false;
+    const std::string cause = text.substr(at + refusal.size());
+    return cause.rfind(std::strerror(EAGAIN), 0) == 0 || cause.rfind(std::strerror(EACCES), 0) == 0;
+}
+
 // Opens the database for writing, waiting up to wait_seconds for another
 // process's lock.
 Status OpenReadWrite(const std::string& dir, const std::string& canonical, const rocksdb::Options& options,
@@ -578,7 +591,9 @@ Status OpenReadWrite(const std::string& dir, const std::string& canonical, const
         switch (outcome) {
             case WriterRegistry::Outcome::kOpened: return Status::OK();
             case WriterRegistry::Outcome::kHeldHere: return BusyStatus(dir, true);
-            case WriterRegistry::Outcome::kFailed: return OpenFailure(s, dir, logger);
+            case WriterRegistry::Outcome::kFailed:
+                if (!LockRefused(s, dir)) return OpenFailure(s, dir, logger);
+                break;  // the other process let go between its refusal and the question
             case WriterRegistry::Outcome::kHeldElsewhere: break;
         }
         if (std::chrono::steady_clock::now() >= deadline) return BusyStatus(dir, false);

@@ -62,8 +62,8 @@ Status TableImpl::Rebind(const std::shared_ptr<const Binding>& stale) {
     return Status::OK();
 }
 
-template <typename Write>
-Status TableImpl::WriteBound(Write write) {
+template <typename WriteCall>
+Status TableImpl::WriteBound(WriteCall write) {
     for (int rebinds = 0;; ++rebinds) {
         const std::shared_ptr<const Binding> bound = Bound();
         bool moved = false;

@@ -84,8 +84,8 @@ private:
 
     // Runs write(binding, &moved) on the current binding, binding again and
     // running it again while the schema moved under it.
-    template <typename Write>
-    Status WriteBound(Write write);
+    template <typename WriteCall>
+    Status WriteBound(WriteCall write);
 
     // The current binding, once the stamp has been read again (and the table
     // bound again when it moved). With view, the stamp is read at a new lazy

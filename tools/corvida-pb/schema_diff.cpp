@@ -466,20 +466,6 @@ SchemaDifference DifferenceAt(const Descriptor* type, int field, int option, int
     return difference;
 }
 
-nlohmann::ordered_json DifferencesJson(const Schema& schema, const std::vector<SchemaDifference>& differences) {
-    nlohmann::ordered_json list = nlohmann::ordered_json::array();
-    for (const SchemaDifference& difference : differences) {
-        nlohmann::ordered_json item = {{"file", schema.FileDisplayName(difference.file)}};
-        item["line"] = difference.line > 0 ? nlohmann::ordered_json(difference.line) : nlohmann::ordered_json(nullptr);
-        item["column"] =
-            difference.line > 0 ? nlohmann::ordered_json(difference.column) : nlohmann::ordered_json(nullptr);
-        item["code"] = difference.code;
-        item["message"] = difference.message;
-        list.push_back(item);
-    }
-    return list;
-}
-
 std::string DifferenceLocation(const Schema& schema, const SchemaDifference& difference) {
     std::string location = schema.FileDisplayName(difference.file);
     if (difference.line > 0) {

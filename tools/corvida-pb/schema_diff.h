@@ -26,7 +26,6 @@
 #include <vector>
 
 #include <google/protobuf/descriptor.h>
-#include <nlohmann/json.hpp>
 
 namespace corvida_pb {
 
@@ -62,10 +61,6 @@ std::string DifferenceLocation(const Schema& schema, const SchemaDifference& dif
 // option 0 too). message is taken as it is.
 SchemaDifference DifferenceAt(const google::protobuf::Descriptor* type, int field, int option, int code,
                               const std::string& message);
-
-// [{"file", "line", "column", "code", "message"}...]: line and column null
-// when unknown.
-nlohmann::ordered_json DifferencesJson(const Schema& schema, const std::vector<SchemaDifference>& differences);
 
 }  // namespace corvida_pb
 
