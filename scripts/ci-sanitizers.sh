@@ -26,7 +26,9 @@ step() {
 }
 
 step "configure ASan+UBSan build in $asan_dir"
-cmake -S . -B "$asan_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCORVIDA_PB_SANITIZE=address,undefined
+# The benchmarks are left out: the main build runs their smoke tests.
+cmake -S . -B "$asan_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCORVIDA_PB_SANITIZE=address,undefined \
+    -DCORVIDA_PB_BUILD_BENCHMARKS=OFF
 step "build ASan+UBSan"
 cmake --build "$asan_dir" -j"$jobs"
 
@@ -37,7 +39,8 @@ UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
 
 step "configure ThreadSanitizer build of the stress tests in $tsan_dir"
 cmake -S . -B "$tsan_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCORVIDA_PB_SANITIZE=thread \
-    -DCORVIDA_PB_BUILD_TOOLS=OFF -DCORVIDA_PB_BUILD_EXAMPLES=OFF -DCORVIDA_PB_BUILD_BENCHMARKS=OFF
+    -DCORVIDA_PB_BUILD_TOOLS=OFF -DCORVIDA_PB_BUILD_EXAMPLES=OFF -DCORVIDA_PB_BUILD_BENCHMARKS=OFF \
+    -DCORVIDA_PB_BUILD_ETCD=OFF
 step "build the stress tests with TSan"
 cmake --build "$tsan_dir" -j"$jobs" --target stress_test store_concurrency_test
 
