@@ -13,7 +13,9 @@ stage() {
 stage "set-up"
 ./scripts/setup.sh
 stage "configure and build"
-cmake -S . -B build
+# Optimized as the default build is, without its debug information: a third
+# less compile time, and a test that fails is rerun under a debugger anyway.
+cmake -S . -B build -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -DNDEBUG" -DCMAKE_C_FLAGS_RELWITHDEBINFO="-O2 -DNDEBUG"
 cmake --build build -j2
 stage "the CTest suite"
 ctest --test-dir build -j2 --output-on-failure
