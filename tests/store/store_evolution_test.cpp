@@ -28,12 +28,16 @@ namespace {
 using corvida::store::AlterOptions;
 using corvida::store::AlterPlan;
 using corvida::store::IndexState;
+using corvida::store::ProgressCallback;
 using corvida::store::Record;
 using corvida::store::SchemaChange;
 using corvida::store::Status;
 using corvida::store::Table;
 using corvida::store::TableDescription;
 using corvida::store::TableStore;
+using corvida::store::VerifyCounts;
+using corvida::store::WriteOp;
+using corvida::store::WriteReport;
 using google::protobuf::Message;
 
 const char kItem[] = "evo.Item";
@@ -453,6 +457,50 @@ TEST_P(EvolutionTest, WriterBoundBeforeTheAlterBindsAgain) {
     EXPECT_TRUE(v2_table->Put(*v2.Parse(kItem, "id: 1001 level: 1")).ok());
     ASSERT_TRUE(m_store->BuildIndex(kItem, "by_level", nullptr, nullptr).ok());
     EXPECT_TRUE(v2_table->Verify().ok());
+}
+
+// A Write call of a client bound before an alter is refused as a single
+// write is, with nothing written; a client of the schema before a later
+// alter binds again and writes the whole call on the new schema, every
+// record with its entry of the index being built.
+TEST_P(EvolutionTest, WriteCallBoundBeforeTheAlterBindsAgain) {
+    SchemaVersion v2(WithIndexes({"by_name(name)", "by_level(level)"}));
+    AlterPlan plan;
+    ASSERT_TRUE(Alter(v2, &plan).ok());
+    std::vector<std::unique_ptr<Message>> old_records;
+    std::vector<WriteOp> old_writes;
+    for (int i = 2000; i < 2005; ++i) {
+        old_records.push_back(Record1(i));
+        old_writes.push_back(WriteOp{WriteOp::Kind::kPut, old_records.back().get(), {}});
+    }
+    WriteReport report;
+    Status s = m_table->Write(old_writes, &report);
+    EXPECT_TRUE(s.IsIncompatibleSchema()) << s.ToString();
+    EXPECT_EQ(report.written, 0u);
+    uint64_t count = 0;
+
+    std::unique_ptr<Table> v2_table;
+    ASSERT_TRUE(m_store->OpenTable(v2.Prototype(kItem), nullptr, &v2_table).ok());
+    SchemaVersion v3(Edited(WithIndexes({"by_name(name)", "by_level(level)"}), "  int64 score = 7;\n",
+                            "  int64 score = 7;\n  string title = 8;\n"));
+    ASSERT_TRUE(Alter(v3, &plan).ok());
+    std::vector<std::unique_ptr<Message>> records;
+    std::vector<WriteOp> writes;
+    for (int i = 3000; i < 3050; ++i) {
+        records.push_back(v2.Parse(kItem, "id: " + std::to_string(i) + " level: " + std::to_string(i % 5)));
+        writes.push_back(WriteOp{WriteOp::Kind::kPut, records.back().get(), {}});
+    }
+    s = v2_table->Write(writes, &report);
+    ASSERT_TRUE(s.ok()) << s.ToString();
+    EXPECT_EQ(report.written, writes.size());
+    ASSERT_TRUE(v2_table->Count(nullptr, &count).ok());
+    EXPECT_EQ(count, static_cast<uint64_t>(kRecords + 50));
+    ASSERT_TRUE(m_store->BuildIndex(kItem, "by_level", nullptr, nullptr).ok());
+    VerifyCounts counts;
+    EXPECT_TRUE(v2_table->Verify(&counts, ProgressCallback()).ok());
+    EXPECT_EQ(counts.records, static_cast<uint64_t>(kRecords + 50));
+    EXPECT_EQ(counts.missing, 0u);
+    EXPECT_EQ(counts.orphans, 0u);
 }
 
 // Writers of the new schema write while the back-fill runs, in small batches
