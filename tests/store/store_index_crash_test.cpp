@@ -109,7 +109,8 @@ TEST(StoreIndexCrashTest, KilledBuildsAndDropsResumeToACompleteIndex) {
             }
             lines += more;
         }
-        std::this_thread::sleep_for(std::chrono::microseconds(std::uniform_int_distribution<int>(0, 20000)(rng)));
+        // A batch takes milliseconds: a longer delay would often find the work done.
+        std::this_thread::sleep_for(std::chrono::microseconds(std::uniform_int_distribution<int>(0, 2000)(rng)));
         kill(child.pid, SIGKILL);
         int status = 0;
         waitpid(child.pid, &status, 0);
