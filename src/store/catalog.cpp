@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <limits>
+#include <memory>
 
 #include "corvida_store_catalog.pb.h"
 #include "store/key_format.h"
@@ -53,19 +54,26 @@ bool ParseLayoutVersion(std::string_view text, int* version) {
 
 Status CheckLayout(Engine* engine, LayoutState* state) {
     *state = LayoutState();
+    // Both reads at one view: a store that another process creates meanwhile
+    // is seen either empty or whole, never as keys without their layout.
+    std::unique_ptr<ReadView> view;
+    Status status = engine->NewView(&view);
+    if (!status.ok()) return status;
     std::string value;
     bool found = false;
-    Status status = engine->Get(nullptr, keys::kLayoutKey, &value, &found);
+    status = engine->Get(view.get(), keys::kLayoutKey, &value, &found);
     if (!status.ok()) return status;
     const std::string& where = engine->locator();
     if (!found) {
         bool any = false;
-        status = engine->Scan(nullptr, "", "", [&any](std::string_view, std::string_view) {
+        status = engine->Scan(view.get(), "", "", [&any](std::string_view, std::string_view) {
             any = true;
             return false;
         });
         if (!status.ok()) return status;
-        if (any) return Status::InvalidArgument(where + " is a " + engine->kind() + " but not a table store");
+        const std::string kind = engine->kind();
+        const char* article = kind.find_first_of("aeiouAEIOU") == 0 ? "an " : "a ";
+        if (any) return Status::InvalidArgument(where + " is " + article + kind + " but not a table store");
         state->empty = true;
         return Status::OK();
     }
