@@ -339,9 +339,20 @@ Status RecordWriter::StageSecondaries(const std::vector<const Secondary*>& affec
         bool has = false;
         Status status = Status::OK();
         // Stored index fields that do not merge give no old key: the old
-        // entry is found by its primary key.
-        const bool unknown_old = old != nullptr && DamagedIn(*secondary, old_failed);
+        // entry is found by its primary key. So is one that is not where the
+        // stored fields say (fields damaged into other values that merge),
+        // unless the index is being built: its back-fill may not have reached
+        // the record yet.
+        bool unknown_old = old != nullptr && DamagedIn(*secondary, old_failed);
         if (old != nullptr && !unknown_old) status = m_schema->SecondaryKey(*old, *secondary, scratch, &old_key, &had);
+        if (status.ok() && had && !m_schema->IsBuilding(secondary->name)) {
+            bool present = false;
+            std::string ignored;
+            status = m_context->engine()->Get(
+                view, keys::SecondaryKey(secondary->space, table, secondary->name, old_key, pk), &ignored, &present);
+            unknown_old = !present;
+            had = present;
+        }
         if (status.ok() && now != nullptr) status = m_schema->SecondaryKey(*now, *secondary, scratch, &new_key, &has);
         if (!status.ok()) return status;
         const std::string entry =

@@ -375,6 +375,32 @@ TEST_F(RecoveryTest, AWriteOverADamagedIndexedFieldMovesItsEntries) {
     EXPECT_EQ(1u, found.size());
 }
 
+// A stored indexed field damaged into another value that still merges (the
+// bytes of another record's field): its entry is not where the field says,
+// and a write finds it by the primary key all the same.
+TEST_F(RecoveryTest, AWriteOverAnIndexedFieldDamagedIntoAnotherValueMovesItsEntries) {
+    const Player3 first = PlayerNumber(1, 10);   // level 0
+    const Player3 healthy = PlayerNumber(1, 11);  // level 1
+    ASSERT_TRUE(m_table->Put(first).ok());
+    ASSERT_TRUE(m_table->Put(healthy).ok());
+    Close();
+    const std::string level_of_healthy =
+        RawContents(m_dir.path()).at(keys::RowKey(1, KeyOf(healthy).SerializeAsString()) + "4");
+    RawPut(m_dir.path(), keys::RowKey(1, KeyOf(first).SerializeAsString()) + "4", level_of_healthy);
+    ASSERT_TRUE(Open().ok());
+    ASSERT_TRUE(OpenTable().ok());
+
+    Player3 moved = first;
+    moved.set_level(3);
+    ASSERT_TRUE(m_table->Put(moved).ok());
+    std::vector<Record> found;
+    Player3 level;
+    level.set_level(0);
+    ASSERT_TRUE(m_table->FindByIndex("by_level", level, &found).ok());
+    EXPECT_TRUE(found.empty()) << "no entry is left under the old value";
+    EXPECT_TRUE(m_table->Verify().ok());
+}
+
 TEST(StoreLockTest, AnErrorOfAStoreNamedLikeALockIsNotBusy) {
     TempDir dir;
     const std::string path = dir.Sub("blocks.db");
