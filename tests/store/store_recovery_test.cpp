@@ -124,6 +124,24 @@ protected:
         m_store.reset();
     }
 
+    // With the store closed: stores bytes as the level field of record (of
+    // level 0), reopens, puts the record at level 3, and expects no entry
+    // left under level 0 and a table that verifies.
+    void DamageLevelAndMoveToLevel3(const Player3& record, const std::string& bytes) {
+        RawPut(m_dir.path(), keys::RowKey(1, KeyOf(record).SerializeAsString()) + "4", bytes);
+        ASSERT_TRUE(Open().ok());
+        ASSERT_TRUE(OpenTable().ok());
+        Player3 moved = record;
+        moved.set_level(3);
+        ASSERT_TRUE(m_table->Put(moved).ok());
+        std::vector<Record> found;
+        Player3 level;
+        level.set_level(0);
+        ASSERT_TRUE(m_table->FindByIndex("by_level", level, &found).ok());
+        EXPECT_TRUE(found.empty()) << "no entry is left under the old value";
+        EXPECT_TRUE(m_table->Verify().ok());
+    }
+
     // Puts the players, each in a write of its own, with sync, and closes
     // the store: its log holds one record per write.
     void PutEachAndClose(const std::vector<Player3>& players) {
@@ -349,19 +367,7 @@ TEST_F(RecoveryTest, AWriteOverADamagedIndexedFieldMovesItsEntries) {
     ASSERT_TRUE(m_table->Put(first).ok());
     ASSERT_TRUE(m_table->Put(healthy).ok());
     Close();
-    RawPut(m_dir.path(), keys::RowKey(1, KeyOf(first).SerializeAsString()) + "4", "\xff\xff\xff");
-    ASSERT_TRUE(Open().ok());
-    ASSERT_TRUE(OpenTable().ok());
-
-    Player3 moved = first;
-    moved.set_level(3);
-    ASSERT_TRUE(m_table->Put(moved).ok());
-    std::vector<Record> found;
-    Player3 level;
-    level.set_level(0);
-    ASSERT_TRUE(m_table->FindByIndex("by_level", level, &found).ok());
-    EXPECT_TRUE(found.empty()) << "no entry is left under the old value";
-    EXPECT_TRUE(m_table->Verify().ok());
+    DamageLevelAndMoveToLevel3(first, "\xff\xff\xff");
 
     Close();
     RawPut(m_dir.path(), keys::RowKey(1, KeyOf(first).SerializeAsString()) + "4", "\xff\xff\xff");
@@ -369,8 +375,9 @@ TEST_F(RecoveryTest, AWriteOverADamagedIndexedFieldMovesItsEntries) {
     ASSERT_TRUE(OpenTable().ok());
     ASSERT_TRUE(m_table->Delete(KeyOf(first)).ok());
     EXPECT_TRUE(m_table->Verify().ok());
+    Player3 level;
     level.set_level(1);
-    found.clear();
+    std::vector<Record> found;
     ASSERT_TRUE(m_table->FindByIndex("by_level", level, &found).ok()) << "healthy records are still found";
     EXPECT_EQ(1u, found.size());
 }
@@ -386,19 +393,7 @@ TEST_F(RecoveryTest, AWriteOverAnIndexedFieldDamagedIntoAnotherValueMovesItsEntr
     Close();
     const std::string level_of_healthy =
         RawContents(m_dir.path()).at(keys::RowKey(1, KeyOf(healthy).SerializeAsString()) + "4");
-    RawPut(m_dir.path(), keys::RowKey(1, KeyOf(first).SerializeAsString()) + "4", level_of_healthy);
-    ASSERT_TRUE(Open().ok());
-    ASSERT_TRUE(OpenTable().ok());
-
-    Player3 moved = first;
-    moved.set_level(3);
-    ASSERT_TRUE(m_table->Put(moved).ok());
-    std::vector<Record> found;
-    Player3 level;
-    level.set_level(0);
-    ASSERT_TRUE(m_table->FindByIndex("by_level", level, &found).ok());
-    EXPECT_TRUE(found.empty()) << "no entry is left under the old value";
-    EXPECT_TRUE(m_table->Verify().ok());
+    DamageLevelAndMoveToLevel3(first, level_of_healthy);
 }
 
 TEST(StoreLockTest, AnErrorOfAStoreNamedLikeALockIsNotBusy) {
