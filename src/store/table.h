@@ -128,14 +128,17 @@ public:
     // Writes the whole record. kInvalidArgument when record is not of the
     // table's type, its key cannot be built (bridge_code() is ExtractMsgKey's
     // result: -9 for a key field unset in proto2, -10 for a key over 1022
-    // bytes), an index key is over 1022 bytes, or the record is larger than
-    // 8 MiB (or than one commit of the engine holds). kBusy when other
+    // bytes), an index key is over 1022 bytes, a string field of a proto3
+    // type holds bytes that are not valid UTF-8 (protobuf would not parse
+    // the record back; the message names the field), or the record is larger
+    // than 8 MiB (or than one commit of the engine holds). kBusy when other
     // writers kept changing the record. Nothing is stored on any failure.
     virtual Status Put(const google::protobuf::Message& record) = 0;
 
     // Writes the fields of record named by paths (dotted field names). Also
     // kInvalidArgument for an empty list, an unknown name, a key field, a
     // path into a repeated field, and paths that overlap ("a" and "a.b").
+    // Only the strings it writes (and the key fields) must be valid UTF-8.
     virtual Status Update(const google::protobuf::Message& record, const std::vector<std::string>& paths) = 0;
 
     // Reads the record whose key fields key holds into *out (of the table's

@@ -6,6 +6,7 @@
 #include "store/key_format.h"
 #include "store/retry.h"
 #include "store/rows.h"
+#include "store/utf8_check.h"
 
 namespace corvida {
 namespace store {
@@ -22,6 +23,36 @@ constexpr size_t kMaxRecordBytes = 8u << 20;
 // True when tag path `path` lies strictly under `parent`.
 bool Under(const std::string& path, const std::string& parent) {
     return path.size() > parent.size() && path.compare(0, parent.size(), parent) == 0 && path[parent.size()] == '.';
+}
+
+Status InvalidUtf8(const std::string& table, const std::string& where) {
+    return Status::InvalidArgument("table " + table + ": string field '" + where +
+                                   "' is not valid UTF-8, as a proto3 string must be");
+}
+
+// The update's strings that protobuf would not parse back: in its key fields
+// and in the value at each of its paths (what is beside a path is not
+// written). *where is the string field's dotted path.
+bool UpdateHoldsInvalidUtf8(const Message& record, const std::vector<const FieldDescriptor*>& key_fields,
+                            const std::vector<ResolvedPath>& paths, std::string* where) {
+    for (const FieldDescriptor* field : key_fields) {
+        if (FieldHoldsInvalidUtf8(record, field, where)) return true;
+    }
+    for (const ResolvedPath& path : paths) {
+        const Message* at = &record;
+        const size_t parents = path.top->is_repeated() ? 0 : path.numbers.size() - 1;
+        for (size_t i = 0; i < parents && at != nullptr; ++i) {
+            const FieldDescriptor* field = at->GetDescriptor()->FindFieldByNumber(path.numbers[i]);
+            at = at->GetReflection()->HasField(*at, field) ? &at->GetReflection()->GetMessage(*at, field) : nullptr;
+        }
+        if (at == nullptr) continue;  // an unset sub-message on the way: nothing below it is set
+        if (FieldHoldsInvalidUtf8(*at, parents == 0 ? path.top : path.last, where)) {
+            const size_t cut = path.dotted.rfind('.');
+            if (parents != 0 && cut != std::string::npos) *where = path.dotted.substr(0, cut + 1) + *where;
+            return true;
+        }
+    }
+    return false;
 }
 
 bool Rewritten(const std::vector<StoredField>& writes, const std::string& tag_path) {
@@ -72,6 +103,8 @@ Status RecordWriter::PreparePut(const Message& record, Scratch* scratch, Prepare
     if (record.ByteSizeLong() > kMaxRecordBytes) {
         return Status::InvalidArgument("table " + m_schema->name() + ": the record is larger than 8 MiB");
     }
+    std::string where;
+    if (HoldsInvalidUtf8(record, &where)) return InvalidUtf8(m_schema->name(), where);
     write->kind = PreparedWrite::Kind::kPut;
     write->source = &record;
     status = m_schema->PrimaryKey(record, scratch, &write->pk);
@@ -102,6 +135,8 @@ Status RecordWriter::PrepareUpdate(const Message& record, const std::vector<std:
     if (record.ByteSizeLong() > kMaxRecordBytes) {
         return Status::InvalidArgument("table " + table + ": the record is larger than 8 MiB");
     }
+    std::string where;
+    if (UpdateHoldsInvalidUtf8(record, m_schema->key_fields(), resolved, &where)) return InvalidUtf8(table, where);
     write->kind = PreparedWrite::Kind::kUpdate;
 
     // The bridge creates the unset sub-messages on a path in the message it

@@ -262,6 +262,70 @@ TEST_P(StoreTest, UpdateRefusesBadPathsAndWritesNothing) {
     EXPECT_TRUE(MessageDifferencer::Equals(player, Read(m_players3.get(), Parse<Player3>("zone: 3 uid: 1001"))));
 }
 
+TEST_P(StoreTest, Proto3StringsThatAreNotUtf8AreRefusedAndNothingIsStored) {
+    // Protobuf serializes such a string but does not parse it back: the record
+    // could never be read back whole, nor its index entries matched.
+    const std::string bad = "\xff\xfe";
+    struct Case {
+        std::string text;
+        std::string field;
+    };
+    const std::vector<Case> cases = {
+        {"name: \"\\377\\376\"", "name"},
+        {"stats { deep { text: \"\\377\" } }", "stats.deep.text"},
+        {"tags: \"ok\" tags: \"\\377\"", "tags"},
+        {"items { name: \"ok\" } items { name: \"\\300\\200\" }", "items.name"},
+        {"attrs { key: \"\\377\" value: 1 }", "attrs.key"},
+    };
+    for (const Case& c : cases) {
+        const Player3 player = Parse<Player3>("zone: 9 uid: 1 " + c.text);
+        const Status s = m_players3->Put(player);
+        EXPECT_TRUE(s.IsInvalidArgument()) << c.text << ": " << s.ToString();
+        EXPECT_NE(std::string::npos, s.message().find("string field '" + c.field + "' is not valid UTF-8")) << s.message();
+        Player3 out;
+        EXPECT_TRUE(m_players3->Get(Parse<Player3>("zone: 9 uid: 1"), {}, &out, nullptr).IsNotFound());
+    }
+
+    // An update checks the strings it writes and the key fields, not those beside its paths.
+    Player3 player = Parse<Player3>("zone: 9 uid: 2 name: \"ok\" level: 1 stats { hp: 1 }");
+    ASSERT_TRUE(m_players3->Put(player).ok());
+    player.set_name(bad);
+    player.mutable_stats()->mutable_deep()->set_text(bad);
+    player.set_level(2);
+    ASSERT_TRUE(m_players3->Update(player, {"level", "stats.hp"}).ok());
+    Status s = m_players3->Update(player, {"name"});
+    EXPECT_NE(std::string::npos, s.message().find("string field 'name' is not valid UTF-8")) << s.ToString();
+    s = m_players3->Update(player, {"stats.deep"});
+    EXPECT_NE(std::string::npos, s.message().find("string field 'stats.deep.text' is not valid UTF-8")) << s.ToString();
+    EXPECT_EQ("zone: 9 uid: 2 name: \"ok\" level: 2 stats { hp: 1 }",
+              Read(m_players3.get(), Parse<Player3>("zone: 9 uid: 2")).ShortDebugString());
+
+    // Many writes in one call stop at the refused one.
+    std::vector<corvida::store::WriteOp> writes(2);
+    const Player3 good = Parse<Player3>("zone: 9 uid: 3");
+    writes[0].message = &good;
+    writes[1].message = &player;
+    writes[1].kind = corvida::store::WriteOp::Kind::kUpdate;
+    writes[1].paths = {"name"};
+    corvida::store::WriteReport report;
+    s = m_players3->Write(writes, &report);
+    EXPECT_TRUE(s.IsInvalidArgument()) << s.ToString();
+    EXPECT_EQ(1u, report.written);
+    EXPECT_TRUE(m_players3->Verify().ok());
+}
+
+TEST_P(StoreTest, Proto2StringsAreStoredWhateverTheyHold) {
+    // Protobuf parses a proto2 string back whatever its bytes.
+    Player2 player = Parse<Player2>("zone: 1 uid: 7 level: 3");
+    player.set_name("\xff\xfe");
+    ASSERT_TRUE(m_players2->Put(player).ok());
+    std::vector<Record> found;
+    ASSERT_TRUE(m_players2->FindByIndex("by_name", player, &found).ok());
+    ASSERT_EQ(1u, found.size());
+    EXPECT_TRUE(MessageDifferencer::Equals(player, *found[0].message)) << found[0].message->DebugString();
+    EXPECT_TRUE(m_players2->Verify().ok());
+}
+
 TEST_P(StoreTest, UpdateOfAMissingRecordCreatesIt) {
     ASSERT_TRUE(m_players3->Update(Parse<Player3>("zone: 4 uid: 8 level: 6"), {"level"}).ok());
     EXPECT_EQ("zone: 4 uid: 8 level: 6", Read(m_players3.get(), Parse<Player3>("zone: 4 uid: 8")).ShortDebugString());
