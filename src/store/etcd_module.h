@@ -23,8 +23,9 @@
 //
 // The module exports one function with C linkage, kEtcdModuleEntry, which
 // returns its EtcdModule. The store checks that abi equals kEtcdModuleAbi (the
-// project version: the module and the store share C++ types, so they must
-// come from one build) before it calls anything else. A module that is
+// project version and a mark of the configuration that built both: the
+// module and the store share C++ types, so they must come from one build)
+// before it calls anything else. A module that is
 // missing is kNotSupported naming the file; one that cannot be loaded, lacks
 // the entry or is of another version is kIOError naming the file and the
 // reason. Nothing aborts the process.
