@@ -54,7 +54,7 @@ install_library() {
 
 # check_tree <prefix> static|shared: public headers in their layout, each
 # compiling on its own; no private header; the library; the option file; the
-# CMake package; the pkg-config file; the tool.
+# CMake package; the pkg-config file; the tool and its etcd module.
 check_tree() {
     prefix=$1
     inc="$prefix/include/corvida"
@@ -92,6 +92,17 @@ check_tree() {
         [ -f "$prefix/lib/pkgconfig/$pc" ] || fail "the pkg-config file $pc is not installed"
     done
     "$prefix/bin/corvida-pb" --help >/dev/null || fail "the installed corvida-pb --help failed"
+    # The etcd engine: a module of its own, which the tool does not link and
+    # finds from where the prefix is now (nothing listens on port 1, so the
+    # loaded engine reports the cluster unreachable).
+    [ -f "$prefix/lib/libcorvida_store_etcd.so" ] || fail "the etcd module is not installed"
+    ! ldd "$prefix/bin/corvida-pb" | grep -q -e libgrpc -e libabsl || fail "the installed corvida-pb links gRPC"
+    etcd_error=$("$prefix/bin/corvida-pb" store tables --db etcd://127.0.0.1:1/check --timeout 1 2>&1) &&
+        fail "the installed corvida-pb opened an etcd store nobody serves"
+    case $etcd_error in
+    *"no member of the cluster is reachable"*) ;;
+    *) fail "the installed corvida-pb did not load its etcd module: $etcd_error" ;;
+    esac
 }
 
 # consumer_cmake <build dir> <prefix>

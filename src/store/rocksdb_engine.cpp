@@ -476,11 +476,30 @@ constexpr uint64_t kTableFileBytes = 8 << 20;
 // The bits per key of the Bloom filter in each table file.
 constexpr int kBloomBitsPerKey = 10;
 
-// The block cache of a store opened for reading only: index blocks and data
-// blocks, filled as reads need them. Four shards of 16 MiB: one holds the
-// index of a file of a gigabyte.
-constexpr size_t kReaderCacheBytes = 64 << 20;
-constexpr int kReaderCacheShardBits = 2;
+// The block cache of a store: index, filter and data blocks, filled as reads
+// need them. Four shards of 16 MiB: one holds the index of a file of a
+// gigabyte.
+constexpr size_t kBlockCacheBytes = 64 << 20;
+constexpr int kBlockCacheShardBits = 2;
+
+// The table options of readers and writers alike. Every write of a new
+// record reads its absent row marker, twice (when staged, and as the
+// commit's condition): a Bloom filter in each table file answers "absent"
+// without reading the file's blocks (files written before have none and are
+// read as before). The index and filter blocks of a table file go to the
+// block cache when a read first needs them, not when the store is opened:
+// a command that reads or writes one record loads those of the few files
+// its keys fall in, where loading them all (RocksDB's default) is most of
+// the work of opening a large store. Level 0 files are read at open all the
+// same, and theirs stay pinned: every read looks at them.
+rocksdb::BlockBasedTableOptions TableOptions() {
+    rocksdb::BlockBasedTableOptions table;
+    table.filter_policy.reset(rocksdb::NewBloomFilterPolicy(kBloomBitsPerKey));
+    table.cache_index_and_filter_blocks = true;
+    table.pin_l0_filter_and_index_blocks_in_cache = true;
+    table.block_cache = rocksdb::NewLRUCache(kBlockCacheBytes, kBlockCacheShardBits);
+    return table;
+}
 
 // RocksDB's options for a store.
 rocksdb::Options DatabaseOptions(rocksdb::Env* env, const std::shared_ptr<rocksdb::Logger>& logger, bool create) {
@@ -509,14 +528,7 @@ rocksdb::Options DatabaseOptions(rocksdb::Env* env, const std::shared_ptr<rocksd
     // Small table files: a reader loads the index of the files a read
     // touches (see OpenReadOnly), so a smaller file costs it less.
     options.target_file_size_base = kTableFileBytes;
-    // Every write of a new record reads its absent row marker, twice (when
-    // staged, and as the commit's condition): a Bloom filter in each table
-    // file answers "absent" without reading the file's blocks. Files written
-    // before have none and are read as before.
-    // (A reader's table options, OpenReadOnly, keep the same filter.)
-    rocksdb::BlockBasedTableOptions table;
-    table.filter_policy.reset(rocksdb::NewBloomFilterPolicy(kBloomBitsPerKey));
-    options.table_factory.reset(rocksdb::NewBlockBasedTableFactory(table));
+    options.table_factory.reset(rocksdb::NewBlockBasedTableFactory(TableOptions()));
     return options;
 }
 
@@ -529,16 +541,7 @@ Status OpenReadOnly(const std::string& dir, const rocksdb::Options& options, Cat
     // plain one first tries to open the files as a fully compacted database
     // and, for any other, opens every file a second time.
     const rocksdb::DBOptions db_options(options);
-    rocksdb::ColumnFamilyOptions family(options);
-    // The index of a table file is read into the block cache when a read
-    // first needs it, not at open: a read of one record loads the indexes of
-    // the few files it touches. (Level 0 files are read at open all the
-    // same.) The cache holds the index of any file whole.
-    rocksdb::BlockBasedTableOptions table;
-    table.filter_policy.reset(rocksdb::NewBloomFilterPolicy(kBloomBitsPerKey));
-    table.cache_index_and_filter_blocks = true;
-    table.block_cache = rocksdb::NewLRUCache(kReaderCacheBytes, kReaderCacheShardBits);
-    family.table_factory.reset(rocksdb::NewBlockBasedTableFactory(table));
+    const rocksdb::ColumnFamilyOptions family(options);
     const std::vector<rocksdb::ColumnFamilyDescriptor> families = {
         rocksdb::ColumnFamilyDescriptor(rocksdb::kDefaultColumnFamilyName, family)};
     const std::string canonical = Canonical(dir);

@@ -13,7 +13,7 @@
 #include "store/upgrade.h"
 #include "store/etcd_locator.h"
 #if CORVIDA_STORE_HAS_ETCD
-#include "store/etcd_engine.h"
+#include "store/etcd_module.h"
 #endif
 
 namespace corvida {
@@ -35,7 +35,7 @@ Status OpenEngine(const std::string& where, const StoreOptions& options, std::un
                   NewStore* made) {
     if (IsEtcdLocator(where)) {
 #if CORVIDA_STORE_HAS_ETCD
-        return OpenEtcdEngine(where, options, engine);
+        return OpenEtcdEngineModule(where, options, engine);
 #else
         return Status::NotSupported(where + ": this build of the table store has no etcd engine");
 #endif
@@ -194,6 +194,11 @@ Status UpgradeStore(std::string_view dir, const StoreOptions& options, bool* upg
         return UpgradeLayout(engine.get(), upgraded);
     });
 }
+
+#if !CORVIDA_STORE_HAS_ETCD
+// No engine of this build has a runtime that writes lines of its own.
+void SetRuntimeLog(RuntimeLogFunction) {}
+#endif
 
 Status RepairStore(std::string_view dir, std::vector<std::string>* report) {
     return NoThrow([&] {

@@ -23,6 +23,13 @@
 // Where: a directory ("/var/lib/game") opens the RocksDB engine;
 // "etcd://HOST:PORT[,HOST:PORT...][/NAMESPACE]" opens the etcd engine, every
 // key of the store under NAMESPACE, so that several stores share a cluster.
+// The etcd engine is the shared object libcorvida_store_etcd.so, loaded the
+// first time a process opens an etcd:// locator (from the directory of
+// libcorvida_table_store.so or of the program, ../lib from there, or the
+// dynamic linker's path; the environment variable CORVIDA_STORE_ETCD_MODULE
+// names another file): a program that opens directories only never loads
+// gRPC. Without it, opening an etcd:// locator is kNotSupported naming the
+// file; a module that cannot be loaded, or of another build, is kIOError.
 //
 // Threads: a TableStore and the Tables opened from it may be used from any
 // number of threads at once without outside locking. A reader sees each
@@ -42,6 +49,7 @@
 #ifndef CORVIDA_STORE_TABLE_STORE_H_
 #define CORVIDA_STORE_TABLE_STORE_H_
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -123,7 +131,10 @@ public:
     //   kBusy             another process holds the store for writing (after
     //                     waiting wait_seconds), or this one has it open
     //   kIOError          the file system or the network refused, or the
-    //                     cluster did not answer within timeout_seconds
+    //                     cluster did not answer within timeout_seconds; the
+    //                     etcd engine's module cannot be loaded
+    // and kNotSupported for an etcd:// locator when the etcd engine's module
+    // is not installed, or the library was built without it.
     static Status Open(std::string_view where, const StoreOptions& options, std::unique_ptr<TableStore>* store);
 
     // Closes the store once every Table opened from it is gone too.
@@ -227,6 +238,17 @@ protected:
 // false (and the status ok) when the store is of the current layout already.
 // Holds the store for writing while it runs (options.wait_seconds applies).
 Status UpgradeStore(std::string_view dir, const StoreOptions& options, bool* upgraded);
+
+// Where the lines an engine's runtime writes on its own go: gRPC's, about
+// the etcd engine's connections (a member refusing the client's certificate,
+// for instance), with a priority of plog.h (PLOG_PRIORITY_ERROR, _INFO or
+// _DEBUG) and source "grpc". The function is called from the runtime's own
+// threads, at any time until the process ends, and must be thread-safe.
+// Process-wide; applies to engines opened before and after. Until a function
+// is set the runtime writes its errors to stderr itself; a null function
+// changes nothing. A build without the etcd engine has no such lines.
+using RuntimeLogFunction = void (*)(int priority, const char* source, const char* text, size_t length);
+void SetRuntimeLog(RuntimeLogFunction function);
 
 // Salvages the RocksDB store in directory dir, which no process holds: its
 // write-ahead logs are replayed skipping damaged records, and its file list is

@@ -118,6 +118,27 @@ TEST_F(StoreEtcdTlsCliTest, AClientWithoutTlsIsToldToUseIt) {
     EXPECT_NE(r.err.find("does it serve TLS only?"), std::string::npos) << r.err;
 }
 
+// The tool loads the etcd engine only for an etcd:// locator: it links no
+// part of gRPC, and a module that is not there is one error line.
+TEST_F(CliTest, TheToolLinksNoPartOfTheEtcdEngine) {
+    const ProcessResult r = RunProcess({"/usr/bin/ldd", CORVIDA_PB_EXE});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out.find("libgrpc"), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find("libabsl"), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find("libcorvida_store_etcd"), std::string::npos) << r.out;
+}
+
+TEST_F(CliTest, AMissingEtcdModuleIsOneErrorLine) {
+    ProcessOptions options;
+    const std::string missing = m_tmp + "/missing.so";
+    options.set_env["CORVIDA_STORE_ETCD_MODULE"] = missing;
+    const ProcessResult r = Pb({"store", "tables", "--db", "etcd://127.0.0.1:1/x"}, options);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, "corvida-pb store tables: error: etcd://127.0.0.1:1/x: " + missing +
+                         ": no such file (the etcd engine's module named by CORVIDA_STORE_ETCD_MODULE)\n");
+}
+
 // Two members of the shared cluster stopped: a write fails within its
 // deadline with the reason and exit status 1, and writes nothing; with the
 // members back, writes go on. Every acknowledged write is there afterwards

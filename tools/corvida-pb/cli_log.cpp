@@ -6,8 +6,8 @@
 #include <string>
 
 #include <google/protobuf/stubs/logging.h>
-#if CORVIDA_PB_WITH_ETCD
-#include <grpc/support/log.h>
+#if CORVIDA_PB_WITH_STORE
+#include "store/table_store.h"
 #endif
 
 #include "corvida-pb/secrets.h"
@@ -51,17 +51,14 @@ void WriteProtobufLine(google::protobuf::LogLevel level, const char*, int, const
     WriteRedacted(priority, "protobuf", message.data(), message.size());
 }
 
-#if CORVIDA_PB_WITH_ETCD
+#if CORVIDA_PB_WITH_STORE
 // gRPC's lines, of the etcd engine's connections, are below the tool's
 // message too: a member that refuses the client's certificate makes gRPC log
 // "Corruption detected." and more, while the store's error says what
 // happened. gRPC calls this from its own threads, at any time.
-void WriteGrpcLine(gpr_log_func_args* args) {
+void WriteRuntimeLine(int priority, const char* source, const char* text, size_t length) {
     if (g_runtime_priority < PLOG_PRIORITY_DEBUG) return;
-    const int priority = args->severity == GPR_LOG_SEVERITY_ERROR  ? PLOG_PRIORITY_ERROR
-                         : args->severity == GPR_LOG_SEVERITY_INFO ? PLOG_PRIORITY_INFO
-                                                                   : PLOG_PRIORITY_DEBUG;
-    WriteRedacted(priority, "grpc", args->message, std::strlen(args->message));
+    WriteRedacted(priority, source, text, length);
 }
 #endif
 
@@ -80,8 +77,8 @@ CliLog::CliLog(int priority, Repeats repeats) {
     m_category.pvWriteCtx = this;
     g_runtime_priority = priority;
     m_previous_handler = google::protobuf::SetLogHandler(&WriteProtobufLine);
-#if CORVIDA_PB_WITH_ETCD
-    gpr_set_log_function(&WriteGrpcLine);
+#if CORVIDA_PB_WITH_STORE
+    corvida::store::SetRuntimeLog(&WriteRuntimeLine);
 #endif
 }
 
