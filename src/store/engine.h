@@ -24,6 +24,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -138,6 +139,29 @@ public:
     // Reads key at view (null: the latest state). *found is false, and the
     // status ok, when the key is absent.
     virtual Status Get(const ReadView* view, std::string_view key, std::string* value, bool* found) = 0;
+
+    // Reads that an engine can answer without asking the database: where
+    // every commit to the data goes through this engine object (RocksDB,
+    // whose writer holds a lock; a read-only open, which sees the state of
+    // its open), it can tell that a key is as an earlier view saw it. An
+    // engine whose data other processes write (etcd) cannot, and keeps the
+    // defaults: no position, nothing known unchanged.
+    //
+    // The position of view among the states of the data, for KeyUnchanged.
+    virtual bool ViewPosition(const ReadView* view, uint64_t* position) const {
+        (void)view;
+        (void)position;
+        return false;
+    }
+    // True when no commit changed key between the state at position and the
+    // one view sees (either may be the older), so that key reads at view as
+    // it read at position; false when it did or the engine cannot tell.
+    virtual bool KeyUnchanged(std::string_view key, uint64_t position, const ReadView* view) {
+        (void)key;
+        (void)position;
+        (void)view;
+        return false;
+    }
 
     // Visits the keys of [begin, end) in byte order at view (null: one state
     // taken for the whole scan), until visit returns false. An empty end

@@ -63,12 +63,31 @@ std::string TableRows(uint32_t table) {
 }
 
 std::string RowKey(uint32_t table, std::string_view pk) {
-    std::string key = TableRows(table);
-    AppendEscaped(&key, pk);
+    std::string key;
+    AssignRowKey(&key, table, pk);
     return key;
 }
 
-std::string EscapedEnd(const std::string& prefix) { return prefix + '\xff'; }
+void AssignRowKey(std::string* key, uint32_t table, std::string_view pk) {
+    // One allocation at most: the head, the key and its terminator (and its
+    // escapes, when it holds 00 bytes, which few keys do).
+    key->reserve(1 + 4 + pk.size() + 1);
+    key->assign(1, kRow);
+    AppendU32(key, table);
+    AppendEscaped(key, pk);
+}
+
+std::string EscapedEnd(const std::string& prefix) {
+    std::string end;
+    AssignEscapedEnd(&end, prefix);
+    return end;
+}
+
+void AssignEscapedEnd(std::string* end, std::string_view prefix) {
+    end->reserve(prefix.size() + 1);
+    end->assign(prefix.data(), prefix.size());
+    end->push_back('\xff');
+}
 
 bool SplitRowKey(std::string_view rest, std::string* pk, std::string_view* tag_path) {
     if (!ReadEscaped(&rest, pk)) return false;

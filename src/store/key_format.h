@@ -86,6 +86,8 @@ inline std::string CatalogStart() { return std::string(1, kCatalog); }
 std::string TableRows(uint32_t table);
 // "R <table> <esc pk>": a row's marker, and the prefix of its fields.
 std::string RowKey(uint32_t table, std::string_view pk);
+// The same into *key, whose capacity is reused (a read of many rows).
+void AssignRowKey(std::string* key, uint32_t table, std::string_view pk);
 // The end of the range of the keys that continue prefix, an encoding that
 // ends with an escaped string (a row key, the prefix of an index value or of
 // a shard, the space of an index): they lie in [prefix, EscapedEnd(prefix)).
@@ -93,6 +95,8 @@ std::string RowKey(uint32_t table, std::string_view pk);
 // continue prefix with FF (its escaped 00), so they lie beyond: a row's
 // range holds its marker and fields and nothing of another row.
 std::string EscapedEnd(const std::string& prefix);
+// The same into *end, whose capacity is reused.
+void AssignEscapedEnd(std::string* end, std::string_view prefix);
 
 // Splits the rest of a row key after "R <table>" into its primary key and tag
 // path (empty for the marker). False when the rest holds no whole escaped

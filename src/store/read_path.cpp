@@ -85,7 +85,14 @@ std::unique_ptr<Message> RecordReader::View(const Message& base, const std::vect
 }
 
 Status RecordReader::MakeRecord(std::string_view pk, const std::vector<StoredField>& fields, Record* record) const {
-    record->message.reset(m_schema->prototype().New());
+    // A message of the client type left in place by the visitor of the
+    // record before is cleared and used again, with what it allocated.
+    if (record->message != nullptr && record->message->GetReflection() == m_schema->prototype().GetReflection()) {
+        record->message->Clear();
+    } else {
+        record->message.reset(m_schema->prototype().New());
+    }
+    record->failed_paths.clear();
     std::string why;
     if (!ParsePrimaryKey(pk, m_schema->kv(), record->message.get(), &why)) {
         return Status::Corruption("table " + m_schema->name() + ": a stored primary key does not parse: " + why);
@@ -104,7 +111,7 @@ Status RecordReader::Get(const Message& key, const std::vector<std::string>& pat
     if (status.ok()) status = m_schema->ResolvePaths(paths, false, &resolved);
     if (!status.ok()) return status;
     ScratchPool::Lease scratch = m_context->scratch().Acquire();
-    std::string pk;
+    std::string& pk = scratch->pk;
     key.ByteSizeLong();  // the key encoders write with cached sizes
     status = m_schema->PrimaryKey(key, scratch.get(), &pk);
     if (!status.ok()) return status;
@@ -122,7 +129,8 @@ Status RecordReader::Get(const Message& key, const std::vector<std::string>& pat
         };
     }
     StoredRow& row = scratch->row;
-    status = ReadRow(m_context->engine(), nullptr, keys::RowKey(m_schema->number(), pk), false, keep, &row);
+    keys::AssignRowKey(&scratch->row_key, m_schema->number(), pk);
+    status = ReadRow(m_context->engine(), nullptr, scratch->row_key, false, keep, &row);
     if (!status.ok()) return status;
     if (!row.exists) return Status::NotFound("table " + table + ": no record with that key");
 
@@ -197,13 +205,13 @@ Status RecordReader::ScanTable(const Page& page, const RecordVisitor& visit, std
     if (!status.ok()) return status;
     PageState state(page);
     Status made;
+    Record record;
     status = ScanRows(m_context->engine(), view.get(), m_schema->number(), start, m_schema->name(),
                       [&](const std::string& pk, std::vector<StoredField>& fields) {
                           if (!state.Room()) {
                               state.cut = true;
                               return false;
                           }
-                          Record record;
                           made = MakeRecord(pk, fields, &record);
                           if (!made.ok()) return false;
                           ++state.returned;
@@ -246,40 +254,45 @@ Status RecordReader::ReadEntries(const Secondary& secondary, const std::string& 
     const std::string end = keys::EscapedEnd(prefix);
     size_t returned = 0;
     std::string last_pk;
+    // What every chunk and record reuses: the primary keys' strings, the
+    // entry's split, the record (see MakeRecord).
+    std::vector<std::string> pks;
+    std::string entry_value;
+    Record record;
     for (;;) {
         // A page of a limit reads one entry past it (to know whether a cursor
         // is due), not a whole chunk.
         const size_t chunk = page.limit != 0 ? std::min(kChunk, page.limit - returned + 1) : kChunk;
-        std::vector<std::string> pks;
+        size_t listed = 0;  // elements of pks read for this chunk
         bool more = false;
-        std::string entry_value;
-        std::string pk;
         Status damaged;
         status = engine->Scan(view, start, end, [&](std::string_view key, std::string_view) {
-            if (!keys::SplitSecondaryKey(key.substr(space_size), &entry_value, &pk) || entry_value != value) {
+            if (listed == pks.size()) pks.emplace_back();
+            if (!keys::SplitSecondaryKey(key.substr(space_size), &entry_value, &pks[listed]) || entry_value != value) {
                 damaged = Status::Corruption(secondary.What(m_schema->name()) + ": a stored entry key does not split");
                 return false;
             }
-            if (pks.size() == chunk) {
+            if (listed == chunk) {
                 more = true;
                 return false;
             }
-            pks.push_back(pk);
+            ++listed;
             return true;
         });
         if (!status.ok()) return status;
         if (!damaged.ok()) return damaged;
-        for (const std::string& entry_pk : pks) {
+        for (size_t i = 0; i < listed; ++i) {
+            const std::string& entry_pk = pks[i];
             if (page.limit != 0 && returned == page.limit) {
                 if (next != nullptr) *next = EncodeCursor(scope, last_pk);
                 return Status::OK();
             }
-            status = ReadRow(engine, view, keys::RowKey(table, entry_pk), false, FieldFilter(), &row);
+            keys::AssignRowKey(&scratch->row_key, table, entry_pk);
+            status = ReadRow(engine, view, scratch->row_key, false, FieldFilter(), &row);
             if (!status.ok()) return status;
             if (!row.exists) {
                 return Status::Corruption(secondary.What(m_schema->name()) + ": an entry without its record");
             }
-            Record record;
             status = MakeRecord(entry_pk, row.fields, &record);
             if (!status.ok()) return status;
             ++returned;
@@ -287,7 +300,7 @@ Status RecordReader::ReadEntries(const Secondary& secondary, const std::string& 
             if (!visit(record)) return Status::OK();
         }
         if (!more) return Status::OK();
-        start = keys::SecondaryKey(secondary.space, table, secondary.name, value, pks.back());
+        start = keys::SecondaryKey(secondary.space, table, secondary.name, value, pks[listed - 1]);
         start.push_back('\0');
     }
 }

@@ -43,7 +43,8 @@ public:
     Status CountIndex(std::string_view index, const google::protobuf::Message& fields, uint64_t* count) const;
 
     // The record of primary key pk with the stored fields of its row: key
-    // fields parsed back from pk, fields merged in order.
+    // fields parsed back from pk, fields merged in order. A message of the
+    // client type already in *record is cleared and reused.
     Status MakeRecord(std::string_view pk, const std::vector<StoredField>& fields, Record* record) const;
 
     // A message of the client type holding base's key fields and fields

@@ -267,15 +267,49 @@ Status BusyStatus(const std::string& dir, bool here) {
 // The engine.
 // ---------------------------------------------------------------------------
 
+// A snapshot, and one iterator at it that the view's bounded scans share: a
+// read of many short ranges at one view (a lookup's entries and then its
+// rows, a shard's rows one after another) seeks one iterator instead of
+// building one per range, as RocksDB builds them over every memtable and
+// table file. A scan that starts while another is running at the view (a
+// visitor that reads at the view it is called from) gets an iterator of its
+// own.
 class RocksView : public ReadView {
 public:
     explicit RocksView(rocksdb::DB* db) : m_db(db), m_snapshot(db->GetSnapshot()) {}
-    ~RocksView() override { m_db->ReleaseSnapshot(m_snapshot); }
+    ~RocksView() override {
+        m_iterator.reset();  // before the snapshot it reads at
+        m_db->ReleaseSnapshot(m_snapshot);
+    }
     const rocksdb::Snapshot* snapshot() const { return m_snapshot; }
+
+    // The view's iterator, bounded by end (not empty) until the next call,
+    // or null while a scan holds it. Released by ReleaseIterator.
+    rocksdb::Iterator* AcquireIterator(std::string_view end) const {
+        if (m_iterator_busy) return nullptr;
+        // RocksDB reads the bound through its pointer at each seek and step,
+        // so a new bound holds for the seek that follows.
+        m_upper.assign(end.data(), end.size());
+        m_upper_slice = rocksdb::Slice(m_upper);
+        if (m_iterator == nullptr) {
+            rocksdb::ReadOptions options;
+            options.snapshot = m_snapshot;
+            options.iterate_upper_bound = &m_upper_slice;
+            m_iterator.reset(m_db->NewIterator(options));
+        }
+        m_iterator_busy = true;
+        return m_iterator.get();
+    }
+    void ReleaseIterator() const { m_iterator_busy = false; }
 
 private:
     rocksdb::DB* m_db;
     const rocksdb::Snapshot* m_snapshot;
+    // A view is used by one thread at a time; its reads are const.
+    mutable std::string m_upper;
+    mutable rocksdb::Slice m_upper_slice;
+    mutable std::unique_ptr<rocksdb::Iterator> m_iterator;
+    mutable bool m_iterator_busy = false;
 };
 
 class RocksEngine : public Engine {
@@ -317,18 +351,39 @@ public:
     }
 
     Status Scan(const ReadView* view, std::string_view begin, std::string_view end, const Visitor& visit) override {
+        const RocksView* const at = static_cast<const RocksView*>(view);
+        rocksdb::Iterator* const shared = at != nullptr && !end.empty() ? at->AcquireIterator(end) : nullptr;
+        if (shared != nullptr) {
+            const Status status = Visit(shared, begin, end, visit);
+            at->ReleaseIterator();
+            return status;
+        }
         rocksdb::ReadOptions options;
         options.snapshot = Snapshot(view);
         const rocksdb::Slice upper(end.data(), end.size());
         if (!end.empty()) options.iterate_upper_bound = &upper;
         std::unique_ptr<rocksdb::Iterator> it(m_db->NewIterator(options));
-        for (it->Seek(rocksdb::Slice(begin.data(), begin.size())); it->Valid(); it->Next()) {
-            if (!visit(std::string_view(it->key().data(), it->key().size()),
-                       std::string_view(it->value().data(), it->value().size()))) {
-                break;
-            }
-        }
-        return FromRocks(it->status(), "reading " + m_dir);
+        return Visit(it.get(), begin, end, visit);
+    }
+
+    bool ViewPosition(const ReadView* view, uint64_t* position) const override {
+        if (view == nullptr) return false;
+        *position = Snapshot(view)->GetSequenceNumber();
+        return true;
+    }
+
+    // A commit holds its stripes exclusively from before its write until
+    // their sequence numbers say it wrote. Both states were taken before this
+    // call, so a commit that either of them sees has written by then, and
+    // once the stripe's lock is had here its stripe says so: a commit that
+    // one sees and the other does not leaves the stripe's number above the
+    // older state.
+    bool KeyUnchanged(std::string_view key, uint64_t position, const ReadView* view) override {
+        if (view == nullptr) return false;
+        StripeState& stripe = m_stripes[StripeOf(key)];
+        const rocksdb::SequenceNumber at = Snapshot(view)->GetSequenceNumber();
+        std::shared_lock<std::shared_mutex> lock(stripe.mutex);
+        return stripe.written <= std::min<rocksdb::SequenceNumber>(position, at);
     }
 
     Status Commit(const EngineBatch& batch, bool* committed) override {
@@ -359,7 +414,8 @@ public:
         }
         Status status = CheckConditions(batch, committed);
         if (status.ok() && *committed) {
-            status = FromRocks(m_db->Write(m_write_options, &write), "writing to " + m_dir);
+            const rocksdb::Status s = m_db->Write(m_write_options, &write);
+            if (!s.ok()) status = FromRocks(s, "writing to " + m_dir);
             *committed = status.ok();
             // At or after the sequence number of this write: a view taken
             // before it is older than the stripes it wrote.
@@ -389,11 +445,27 @@ public:
     }
 
 private:
+    // Visits [begin, end) with it, whose upper bound is end (none when end
+    // is empty). The keys are checked against end as well, so that a bound
+    // RocksDB did not take up for a reused iterator costs steps, never keys.
+    Status Visit(rocksdb::Iterator* it, std::string_view begin, std::string_view end, const Visitor& visit) const {
+        const rocksdb::Slice limit(end.data(), end.size());
+        for (it->Seek(rocksdb::Slice(begin.data(), begin.size())); it->Valid(); it->Next()) {
+            if (!end.empty() && it->key().compare(limit) >= 0) break;
+            if (!visit(std::string_view(it->key().data(), it->key().size()),
+                       std::string_view(it->value().data(), it->value().size()))) {
+                break;
+            }
+        }
+        // The message is made only when there is one to give.
+        return it->status().ok() ? Status::OK() : FromRocks(it->status(), "reading " + m_dir);
+    }
+
     static const rocksdb::Snapshot* Snapshot(const ReadView* view) {
         return view != nullptr ? static_cast<const RocksView*>(view)->snapshot() : nullptr;
     }
 
-    size_t StripeOf(const std::string& key) const { return std::hash<std::string>()(key) % m_stripes.size(); }
+    size_t StripeOf(std::string_view key) const { return std::hash<std::string_view>()(key) % m_stripes.size(); }
 
     struct StripeLock {
         size_t stripe;

@@ -44,8 +44,9 @@ Status ReadRow(Engine* engine, const ReadView* view, const std::string& row_key,
     if (all_paths) row->tag_paths.reserve(kTypicalFields);
     RowRead read{row_key, all_paths, keep, row};
     RowRead* const state = &read;
+    keys::AssignEscapedEnd(&row->range_end, row_key);
     const Status status =
-        engine->Scan(view, row_key, keys::EscapedEnd(row_key), [state](std::string_view key, std::string_view value) {
+        engine->Scan(view, row_key, row->range_end, [state](std::string_view key, std::string_view value) {
             StoredRow* const row = state->row;
             const std::string_view tag_path = key.substr(state->row_key.size());
             if (tag_path.empty()) {

@@ -23,6 +23,7 @@ struct StoredRow {
     std::string stamp;                   // the marker's value
     std::vector<std::string> tag_paths;  // every stored field's tag path, when asked for
     std::vector<StoredField> fields;     // the fields the filter kept
+    std::string range_end;               // scratch: the end of the row's key range
 };
 
 // Which stored fields to keep, by tag path.

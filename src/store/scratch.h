@@ -45,6 +45,10 @@ struct Scratch {
     std::unique_ptr<ProtobufValueSet_> values;
     std::unique_ptr<tagtbl_idl> idl;
     StoredRow row;
+    // Keys a read builds (a record's primary key, its row's key), reused as
+    // the row is.
+    std::string pk;
+    std::string row_key;
 };
 
 // Scratch records for concurrent calls: one per call in flight, reused. The

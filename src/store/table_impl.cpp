@@ -78,13 +78,22 @@ Status TableImpl::Current(std::unique_ptr<ReadView>* view, std::shared_ptr<const
     Engine* engine = m_context->engine();
     *bound = Bound();
     Status status = view != nullptr ? engine->NewLazyView(view) : Status::OK();
+    if (!status.ok()) return status;
+    const ReadView* const at = view != nullptr ? view->get() : nullptr;
+    const std::string stamp_key = keys::SchemaStampKey((*bound)->schema.number());
+    const uint64_t read_at = (*bound)->stamp_read_at.load(std::memory_order_acquire);
+    if (at != nullptr && read_at != 0 && engine->KeyUnchanged(stamp_key, read_at, at)) return status;
     std::string stamp;
     bool found = false;
-    if (status.ok()) {
-        status = engine->Get(view != nullptr ? view->get() : nullptr, keys::SchemaStampKey((*bound)->schema.number()),
-                             &stamp, &found);
+    status = engine->Get(at, stamp_key, &stamp, &found);
+    if (!status.ok()) return status;
+    if (stamp == (*bound)->schema.stamp()) {
+        uint64_t position = 0;
+        if (at != nullptr && engine->ViewPosition(at, &position)) {
+            (*bound)->stamp_read_at.store(position, std::memory_order_release);
+        }
+        return status;
     }
-    if (!status.ok() || stamp == (*bound)->schema.stamp()) return status;
     status = Rebind(*bound);
     if (status.ok()) *bound = Bound();
     if (status.ok() && view != nullptr) status = engine->NewLazyView(view);

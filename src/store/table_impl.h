@@ -12,6 +12,8 @@
 #ifndef CORVIDA_STORE_TABLE_IMPL_H_
 #define CORVIDA_STORE_TABLE_IMPL_H_
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -68,6 +70,9 @@ private:
         Binding& operator=(const Binding&) = delete;
 
         TableSchema schema;
+        // The position of a view at which the table's schema stamp read as
+        // schema.stamp(), when the engine keeps positions (0: none known).
+        mutable std::atomic<uint64_t> stamp_read_at{0};
         RecordReader reader;
         RecordWriter writer;
         BulkWriter bulk;
@@ -91,7 +96,9 @@ private:
     // bound again when it moved). With view, the stamp is read at a new lazy
     // view left in *view, or, when the table was bound again, at none and
     // *view is a new lazy one taken after that: the binding holds at the
-    // view, so that a read made at it sees the table as bound.
+    // view, so that a read made at it sees the table as bound. The stamp is
+    // not read at the view when the engine tells that it is as it was at a
+    // view it was read at before for this binding.
     Status Current(std::unique_ptr<ReadView>* view, std::shared_ptr<const Binding>* bound);
 
     // The binding a lookup on index runs on, and the view it reads at (see

@@ -437,6 +437,47 @@ TEST_P(EvolutionTest, DroppedIndexHasItsEntriesRemoved) {
     for (const auto& key : m_place.Contents()) EXPECT_NE(key.first[0], 'I') << "an index entry is left";
 }
 
+// Lookups of handles bound before an alter read the table as it is after it:
+// every handle that looked up before (twice, so that the second lookup
+// follows one that read the table's schema) answers as a handle opened after
+// the alter does. The alter goes through another handle of the store where
+// the engine lets a process hold two (etcd), else through the same one.
+TEST_P(EvolutionTest, LookupsBoundBeforeTheAlterBindAgain) {
+    std::unique_ptr<Table> other;
+    ASSERT_TRUE(m_store->OpenTable(m_v1.Prototype(kItem), nullptr, &other).ok());
+    const std::unique_ptr<Message> n1 = m_v1.Parse(kItem, "name: \"n1\"");
+    std::vector<Record> found;
+    for (Table* table : {m_table.get(), other.get()}) {
+        for (int round = 0; round < 2; ++round) {
+            found.clear();
+            ASSERT_TRUE(table->FindByIndex("by_name", *n1, &found).ok());
+            EXPECT_EQ(found.size(), static_cast<size_t>(kRecords / 7 + 1));  // ids 1, 8, ..., 36
+        }
+    }
+    // A write between lookups, of records only, changes nothing of that.
+    ASSERT_TRUE(m_table->Put(*Record1(kRecords + 1)).ok());
+    found.clear();
+    ASSERT_TRUE(m_table->FindByIndex("by_name", *n1, &found).ok());
+    EXPECT_EQ(found.size(), static_cast<size_t>(kRecords / 7 + 1));
+
+    std::unique_ptr<TableStore> second;
+    TableStore* alter_through = OpenStore(m_place.where(), &second).ok() ? second.get() : m_store.get();
+    SchemaVersion v2(WithIndexes({}));
+    AlterPlan plan;
+    ASSERT_TRUE(alter_through->AlterTable(v2.blob(), kItem, AlterOptions(), &plan).ok());
+
+    std::unique_ptr<Table> after;
+    Status expected = m_store->OpenTable(m_v1.Prototype(kItem), nullptr, &after);
+    if (expected.ok()) expected = after->FindByIndex("by_name", *n1, &found);
+    EXPECT_FALSE(expected.ok()) << "the index was dropped";
+    for (Table* table : {m_table.get(), other.get()}) {
+        found.clear();
+        const Status s = table->FindByIndex("by_name", *n1, &found);
+        EXPECT_EQ(s.ToString(), expected.ToString());
+        EXPECT_TRUE(found.empty());
+    }
+}
+
 // A writer bound before the alter never writes a record without its entry of
 // the new index: its commit is refused, it binds the new schema, and the
 // comparison then refuses its type (it declares one index fewer).
