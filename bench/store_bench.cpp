@@ -31,6 +31,7 @@
 #include "bench_support.h"
 #include "bench_tables.pb.h"
 #include "store/key_format.h"
+#include "store/rocksdb_engine.h"
 #include "store/table_store.h"
 
 namespace corvida_bench {
@@ -129,7 +130,8 @@ private:
         // records them.
         rocksdb::DBOptions options;
         std::vector<rocksdb::ColumnFamilyDescriptor> families;
-        if (!rocksdb::LoadLatestOptions(rocksdb::ConfigOptions(), store_dir, &options, &families).ok()) return false;
+        std::shared_ptr<rocksdb::Cache> cache = corvida::store::NewStoreBlockCache();  // a cache as large as the store's
+        if (!rocksdb::LoadLatestOptions(rocksdb::ConfigOptions(), store_dir, &options, &families, &cache).ok()) return false;
         options.create_if_missing = true;
         rocksdb::DB* db = nullptr;
         if (!rocksdb::DB::OpenForReadOnly(rocksdb::Options(), store_dir, &db).ok()) return false;

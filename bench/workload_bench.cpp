@@ -67,6 +67,7 @@
 #include "protobuf_api/protobuf_util.h"
 #include "store/engine.h"
 #include "store/key_format.h"
+#include "store/rocksdb_engine.h"
 #include "store/table_store.h"
 
 namespace corvida_bench {
@@ -447,7 +448,8 @@ public:
         // The store's own options, as its options file records them.
         rocksdb::DBOptions options;
         std::vector<rocksdb::ColumnFamilyDescriptor> families;
-        rocksdb::Status s = rocksdb::LoadLatestOptions(rocksdb::ConfigOptions(), dir, &options, &families);
+        std::shared_ptr<rocksdb::Cache> cache = corvida::store::NewStoreBlockCache();  // a cache as large as the store's
+        rocksdb::Status s = rocksdb::LoadLatestOptions(rocksdb::ConfigOptions(), dir, &options, &families, &cache);
         rocksdb::DB* db = nullptr;
         std::vector<rocksdb::ColumnFamilyHandle*> handles;
         if (s.ok()) s = rocksdb::DB::Open(options, dir, families, &handles, &db);

@@ -569,7 +569,7 @@ rocksdb::BlockBasedTableOptions TableOptions() {
     table.filter_policy.reset(rocksdb::NewBloomFilterPolicy(kBloomBitsPerKey));
     table.cache_index_and_filter_blocks = true;
     table.pin_l0_filter_and_index_blocks_in_cache = true;
-    table.block_cache = rocksdb::NewLRUCache(kBlockCacheBytes, kBlockCacheShardBits);
+    table.block_cache = NewStoreBlockCache();
     return table;
 }
 
@@ -690,6 +690,10 @@ Status MakeDirectory(const std::string& dir) {
 }
 
 }  // namespace
+
+std::shared_ptr<rocksdb::Cache> NewStoreBlockCache() {
+    return rocksdb::NewLRUCache(kBlockCacheBytes, kBlockCacheShardBits);
+}
 
 Status InspectDir(const std::string& dir, DirState* state) {
     std::error_code ec;

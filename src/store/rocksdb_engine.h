@@ -52,6 +52,7 @@
 #include <string_view>
 #include <vector>
 
+#include <rocksdb/cache.h>
 #include <rocksdb/file_system.h>
 
 #include "store/engine.h"
@@ -88,6 +89,12 @@ struct NewStore {
 // first keys fails. Results as TableStore::Open says for a directory.
 Status OpenRocksEngine(const std::string& dir, const RocksEngineOptions& options, std::unique_ptr<Engine>* engine,
                        NewStore* made);
+
+// A new block cache of the size each open of a store gets. A store's options
+// file does not record the cache, so whoever opens a copy of a store's
+// database with those options (the benchmarks' raw RocksDB) gives it this one
+// to read through a cache of the same size.
+std::shared_ptr<rocksdb::Cache> NewStoreBlockCache();
 
 // Removes what an open made: the directory, or what the open put into a
 // directory that was empty. The engine must be closed.
