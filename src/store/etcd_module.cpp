@@ -75,8 +75,13 @@ Status FindAndLoadModule(const EtcdModule** module) {
         const std::string file = dir + "/" + kEtcdModuleFile;
         if (FileExists(file)) return LoadModuleFile(file, module);
     }
-    // The dynamic linker's own search: a failure there means not found, as
-    // far as it tells.
+    // The dynamic linker's search for the program's libraries, then its own
+    // search of the bare name (the system's library cache): a failure there
+    // means not found, as far as it tells.
+    for (const std::string& dir : ProgramSearchPath()) {
+        const std::string file = dir + "/" + kEtcdModuleFile;
+        if (FileExists(file)) return LoadModuleFile(file, module);
+    }
     SharedLibrary library;
     std::string error;
     if (library.Open(kEtcdModuleFile, &error)) return UseModule(std::move(library), module);

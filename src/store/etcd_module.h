@@ -16,9 +16,10 @@
 //      library;
 //   3. the library directory of an installed tree seen from there (../lib
 //      from bin/);
-//   4. the dynamic linker's own search for the bare name (the program's
-//      RUNPATH, LD_LIBRARY_PATH, the system's directories): how programs of
-//      the build tree find it.
+//   4. the dynamic linker's search for the program's libraries (the
+//      program's RUNPATH, LD_LIBRARY_PATH, the system's directories): how
+//      programs of the build tree find it; then its search of the bare name
+//      (the system's library cache).
 // Nothing depends on where the tree was installed or moved to.
 //
 // The module exports one function with C linkage, kEtcdModuleEntry, which

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <utility>
+#include <vector>
 
 namespace corvida {
 namespace store {
@@ -84,6 +85,25 @@ std::string DirectoryOfCode(const void* address) {
     const size_t slash = file.rfind('/');
     if (slash == std::string::npos) return std::string();
     return file.substr(0, slash == 0 ? 1 : slash);
+}
+
+std::vector<std::string> ProgramSearchPath() {
+    std::vector<std::string> dirs;
+    void* program = dlopen(nullptr, RTLD_LAZY);
+    if (program == nullptr) return dirs;
+    Dl_serinfo size{};
+    if (dlinfo(program, RTLD_DI_SERINFOSIZE, &size) == 0 && size.dls_size >= sizeof(Dl_serinfo)) {
+        // Dl_serinfo's own alignment for the linker's table and the strings after it.
+        std::vector<Dl_serinfo> table((size.dls_size + sizeof(Dl_serinfo) - 1) / sizeof(Dl_serinfo));
+        Dl_serinfo* info = table.data();
+        if (dlinfo(program, RTLD_DI_SERINFOSIZE, info) == 0 && dlinfo(program, RTLD_DI_SERINFO, info) == 0) {
+            for (unsigned i = 0; i < info->dls_cnt; ++i) {
+                if (info->dls_serpath[i].dls_name != nullptr) dirs.emplace_back(info->dls_serpath[i].dls_name);
+            }
+        }
+    }
+    dlclose(program);
+    return dirs;
 }
 
 }  // namespace store

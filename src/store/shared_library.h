@@ -16,6 +16,7 @@
 #define CORVIDA_STORE_SHARED_LIBRARY_H_
 
 #include <string>
+#include <vector>
 
 namespace corvida {
 namespace store {
@@ -54,6 +55,15 @@ private:
 // The directory of the file holding the code at address: the program, or the
 // shared library linked into it. Empty when it cannot be told.
 std::string DirectoryOfCode(const void* address);
+
+// The directories the dynamic linker searches for the program's own
+// libraries, in its order: the program's RUNPATH (or RPATH),
+// LD_LIBRARY_PATH, the system's directories. Asked of the program's handle
+// rather than left to dlopen's own search of a bare name, which takes the
+// RUNPATH of the object that called dlopen: under a sanitizer that
+// intercepts dlopen that caller is the sanitizer's runtime, whose search
+// knows nothing of the program's. Empty when the linker does not say.
+std::vector<std::string> ProgramSearchPath();
 
 }  // namespace store
 }  // namespace corvida

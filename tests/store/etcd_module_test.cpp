@@ -1,7 +1,7 @@
 // The etcd engine is loaded when a process first opens an etcd:// locator,
 // and not before: a process that opens directories never maps gRPC. This
-// program links the table store as the tool does (not the engine), and its
-// one case runs the steps in order, since a module once loaded stays.
+// program links the table store as the tool does (not the engine), and the
+// case that loads it runs the steps in order, since a module once loaded stays.
 #include <stdlib.h>
 
 #include <fstream>
@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "store/shared_library.h"
 #include "store/table_store.h"
 #include "store_test_support.h"
 
@@ -40,6 +41,18 @@ Status OpenEtcd() {
     options.timeout_seconds = 2;
     std::unique_ptr<TableStore> store;
     return TableStore::Open(kLocator, options, &store);
+}
+
+// The program's own library search path, which finds the module in the
+// build tree even where dlopen's search of a bare name would not (under a
+// sanitizer that intercepts dlopen): this program's RUNPATH holds the
+// module's directory.
+TEST(ProgramSearchPathTest, HoldsTheProgramsRunpath) {
+    bool found = false;
+    for (const std::string& dir : corvida::store::ProgramSearchPath()) {
+        found = found || std::ifstream(dir + "/libcorvida_store_etcd.so").good();
+    }
+    EXPECT_TRUE(found);
 }
 
 TEST(EtcdModuleTest, LoadedOnlyByAnEtcdLocator) {
