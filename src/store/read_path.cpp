@@ -63,14 +63,25 @@ struct PageState {
 }  // namespace
 
 void RecordReader::Merge(const std::vector<StoredField>& fields, Message* msg, std::set<std::string>* failed) const {
+    // A field under a key field is damage: reported, and not merged over the
+    // key's value (which would also hide the record's index entries from a
+    // write that moves them). A field the client's type lacks is left alone.
     const TableSchema* schema = m_schema;
-    const auto held = [schema](const StoredField& field) { return schema->HeldOnlyByTable(field.tag_path); };
-    if (std::none_of(fields.begin(), fields.end(), held)) {
+    const auto skipped = [schema](const StoredField& field) {
+        return schema->HeldOnlyByTable(field.tag_path) || schema->UnderKeyField(field.tag_path);
+    };
+    if (std::none_of(fields.begin(), fields.end(), skipped)) {
         MergeStoredFields(fields, msg, failed, m_context->log());
         return;
     }
     std::vector<StoredField> known;
-    std::remove_copy_if(fields.begin(), fields.end(), std::back_inserter(known), held);
+    for (const StoredField& field : fields) {
+        if (schema->UnderKeyField(field.tag_path)) {
+            failed->insert(field.tag_path);
+        } else if (!schema->HeldOnlyByTable(field.tag_path)) {
+            known.push_back(field);
+        }
+    }
     MergeStoredFields(known, msg, failed, m_context->log());
 }
 

@@ -215,6 +215,12 @@ bool TableSchema::IsBuilding(std::string_view index) const {
     return std::find(m_building.begin(), m_building.end(), index) != m_building.end();
 }
 
+bool TableSchema::UnderKeyField(std::string_view tag_path) const {
+    const int number = FirstNumber(tag_path);
+    return std::any_of(m_key_fields.begin(), m_key_fields.end(),
+                       [number](const FieldDescriptor* field) { return field->number() == number; });
+}
+
 bool TableSchema::HeldOnlyByTable(std::string_view tag_path) const {
     if (!m_client_lacks || Resolves(m_desc, tag_path)) return false;
     const int number = FirstNumber(tag_path);

@@ -94,6 +94,10 @@ public:
     // of the sharding key.
     bool IsSecondaryField(std::string_view tag_path) const;
 
+    // True when the stored field at tag_path lies under a key field. Key
+    // fields live in the primary key, never in a row: such a field is damage.
+    bool UnderKeyField(std::string_view tag_path) const;
+
     // kInvalidArgument unless msg is of the client type; what names it.
     Status CheckType(const google::protobuf::Message& msg, const char* what) const;
 

@@ -396,6 +396,32 @@ TEST_F(RecoveryTest, AWriteOverAnIndexedFieldDamagedIntoAnotherValueMovesItsEntr
     DamageLevelAndMoveToLevel3(first, level_of_healthy);
 }
 
+TEST_F(RecoveryTest, AStoredFieldUnderAKeyFieldIsReportedAndNeverMergedOverTheKey) {
+    // Key fields live in the primary key; a row's field under one is damage.
+    Player3 player = PlayerNumber(1, 10);
+    player.set_name("alice");
+    ASSERT_TRUE(m_table->Put(player).ok());
+    Close();
+    RawPut(m_dir.path(), keys::RowKey(1, KeyOf(player).SerializeAsString()) + "1", "");
+    ASSERT_TRUE(Open().ok());
+    ASSERT_TRUE(OpenTable().ok());
+    Player3 out;
+    std::set<std::string> failed;
+    ASSERT_TRUE(m_table->Get(KeyOf(player), {}, &out, &failed).ok());
+    EXPECT_EQ(player.zone(), out.zone());
+    EXPECT_EQ(std::set<std::string>({"1"}), failed);
+    // A write over it still moves the record's entries.
+    player.set_name("bob");
+    ASSERT_TRUE(m_table->Put(player).ok());
+    Player3 name;
+    name.set_zone(player.zone());
+    name.set_name("alice");
+    std::vector<Record> found;
+    ASSERT_TRUE(m_table->FindByIndex("by_name", name, &found).ok());
+    EXPECT_TRUE(found.empty());
+    EXPECT_TRUE(m_table->Verify().ok());
+}
+
 TEST(StoreLockTest, AnErrorOfAStoreNamedLikeALockIsNotBusy) {
     TempDir dir;
     const std::string path = dir.Sub("blocks.db");
